@@ -1,0 +1,32 @@
+# Thin wrapper over the CMake presets; see README.md.
+.PHONY: all release debug asan test test-release test-asan check bench demo format clean
+
+all: release
+
+release debug asan:
+	cmake --preset $@ >/dev/null
+	cmake --build --preset $@
+
+# The whole suite twice: a Release build with warnings as errors, then ASan+UBSan.
+test: test-release test-asan
+
+test-release: release
+	ctest --preset release
+
+test-asan: asan
+	ctest --preset asan
+
+# Quick loop while developing: the Release suite only.
+check: test-release
+
+bench: release
+	@for b in build/release/bench/*_bench; do echo "== $$b"; $$b; done
+
+demo: release
+	build/release/quillon demo
+
+format:
+	git ls-files '*.h' '*.cc' | xargs clang-format -i
+
+clean:
+	rm -rf build
