@@ -89,6 +89,11 @@ TEST(JSONReadTest, DepthLimit) {
   expectReadError(std::string(100000, '['), "");  // deep and truncated
   EXPECT_TRUE(mustRead(nested(3), {.maximumDepth = 3}).isArray());
   expectReadError(R"({"a":{"b":{"c":1}}})", "deeper than 2", {.maximumDepth = 2});
+  // Larger limits are capped, and the deepest accepted text reads without
+  // exhausting the stack.
+  JSONReadOptions unlimited{.maximumDepth = 1000000};
+  EXPECT_TRUE(mustRead(nested(kJSONMaximumDepthLimit), unlimited).isArray());
+  expectReadError(nested(kJSONMaximumDepthLimit + 1), "deeper than", unlimited);
 }
 
 TEST(JSONReadTest, BadInputGivesErrors) {

@@ -142,6 +142,14 @@ class ValueBuilder {
         }
         return Value::dictionary(std::move(entries), mutable_);
       }
+      default: return buildScalar(e);
+    }
+  }
+
+ private:
+  // Kept out of build() so that the recursive frame stays small.
+  __attribute__((noinline)) static Value buildScalar(dom::element e) {
+    switch (e.type()) {
       case dom::element_type::INT64: return Value::integer(e.get_int64().value_unsafe());
       case dom::element_type::UINT64:
         return Value::float64(static_cast<double>(e.get_uint64().value_unsafe()));
@@ -149,11 +157,10 @@ class ValueBuilder {
       case dom::element_type::STRING: return Value::string(e.get_string().value_unsafe());
       case dom::element_type::BOOL: return Value::boolean(e.get_bool().value_unsafe());
       case dom::element_type::NULL_VALUE: return Value::null();
+      default: return Value();
     }
-    return Value();
   }
 
- private:
   bool mutable_;
 };
 
@@ -203,72 +210,89 @@ class Writer {
  public:
   Writer(JSONStyle style, std::string* out) : pretty_(style == JSONStyle::Pretty), out_(*out) {}
 
-  // Answers an empty string on success, else what could not be written.
-  std::string write(const Value& v, size_t depth) {
+  // Answers false, with failure() saying what could not be written, when
+  // the value cannot be written.
+  bool write(const Value& v, size_t depth) {
     using K = Value::Kind;
     switch (v.kind()) {
-      case K::Null: out_ += "null"; return {};
-      case K::Boolean: out_ += v.boolValue() ? "true" : "false"; return {};
-      case K::Integer: return appendNumber(v.intValue());
-      case K::Float32: {
-        float f = v.floatValue();
-        if (!std::isfinite(f)) return "a number that is not finite";
-        return appendNumber(f);
-      }
-      case K::Float64: {
-        double d = v.doubleValue();
-        if (!std::isfinite(d)) return "a number that is not finite";
-        return appendNumber(d);
-      }
-      case K::Decimal: {
-        Decimal d = v.decimalValue();
-        if (d.nan) return "a number that is not finite";
-        out_ += d.toString();
-        return {};
-      }
-      case K::String: return appendString(v.str());
       case K::Array: {
-        if (depth >= kJSONMaximumDepthLimit) return "containers nested too deeply (or a cycle)";
+        if (depth >= kJSONMaximumDepthLimit) return fail("containers nested too deeply (or a cycle)");
         auto elements = v.elements();
         out_ += '[';
         for (size_t i = 0; i < elements.size(); ++i) {
           if (i) out_ += ',';
           newline(depth + 1);
-          if (auto failure = write(elements[i], depth + 1); !failure.empty()) return failure;
+          if (!write(elements[i], depth + 1)) return false;
         }
         if (!elements.empty()) newline(depth);
         out_ += ']';
-        return {};
+        return true;
       }
       case K::Dictionary: {
-        if (depth >= kJSONMaximumDepthLimit) return "containers nested too deeply (or a cycle)";
+        if (depth >= kJSONMaximumDepthLimit) return fail("containers nested too deeply (or a cycle)");
         auto items = v.items();
         out_ += '{';
         for (size_t i = 0; i < items.size(); ++i) {
           if (i) out_ += ',';
           newline(depth + 1);
           if (!items[i].first.isString()) {
-            return std::string("a dictionary key of kind ") + Value::kindName(items[i].first.kind());
+            return fail(std::string("a dictionary key of kind ") +
+                        Value::kindName(items[i].first.kind()));
           }
-          if (auto failure = appendString(items[i].first.str()); !failure.empty()) return failure;
+          if (!appendString(items[i].first.str())) return false;
           out_ += pretty_ ? " : " : ":";
-          if (auto failure = write(items[i].second, depth + 1); !failure.empty()) return failure;
+          if (!write(items[i].second, depth + 1)) return false;
         }
         if (!items.empty()) newline(depth);
         out_ += '}';
-        return {};
+        return true;
       }
-      default: return std::string("a value of kind ") + Value::kindName(v.kind());
+      default: return writeScalar(v);
     }
   }
 
+  const std::string& failure() const { return failure_; }
+
  private:
+  // Kept out of write() so that the recursive frame stays small.
+  __attribute__((noinline)) bool writeScalar(const Value& v) {
+    using K = Value::Kind;
+    switch (v.kind()) {
+      case K::Null: out_ += "null"; return true;
+      case K::Boolean: out_ += v.boolValue() ? "true" : "false"; return true;
+      case K::Integer: return appendNumber(v.intValue());
+      case K::Float32: {
+        float f = v.floatValue();
+        if (!std::isfinite(f)) return fail("a number that is not finite");
+        return appendNumber(f);
+      }
+      case K::Float64: {
+        double d = v.doubleValue();
+        if (!std::isfinite(d)) return fail("a number that is not finite");
+        return appendNumber(d);
+      }
+      case K::Decimal: {
+        Decimal d = v.decimalValue();
+        if (d.nan) return fail("a number that is not finite");
+        out_ += d.toString();
+        return true;
+      }
+      case K::String: return appendString(v.str());
+      default: return fail(std::string("a value of kind ") + Value::kindName(v.kind()));
+    }
+  }
+
+  bool fail(std::string why) {
+    failure_ = std::move(why);
+    return false;
+  }
+
   template <typename T>
-  std::string appendNumber(T number) {
+  bool appendNumber(T number) {
     char buf[32];
     auto [end, ec] = std::to_chars(buf, buf + sizeof buf, number);
     out_.append(buf, end);
-    return {};
+    return true;
   }
 
   void newline(size_t depth) {
@@ -277,8 +301,8 @@ class Writer {
     out_.append(depth * 2, ' ');
   }
 
-  std::string appendString(std::string_view s) {
-    if (!simdjson::validate_utf8(s.data(), s.size())) return "a string that is not valid UTF-8";
+  bool appendString(std::string_view s) {
+    if (!simdjson::validate_utf8(s.data(), s.size())) return fail("a string that is not valid UTF-8");
     static constexpr char kHex[] = "0123456789abcdef";
     out_ += '"';
     size_t run = 0;
@@ -304,21 +328,22 @@ class Writer {
     }
     out_.append(s.data() + run, s.size() - run);
     out_ += '"';
-    return {};
+    return true;
   }
 
   bool pretty_;
   std::string& out_;
+  std::string failure_;
 };
 
 }  // namespace
 
 std::string writeJSON(const Value& value, JSONStyle style, Error* error) {
   std::string out;
-  std::string failure = Writer(style, &out).write(value, 0);
-  if (!failure.empty()) {
+  Writer writer(style, &out);
+  if (!writer.write(value, 0)) {
     if (error) {
-      *error = jsonError("Invalid value for JSON: cannot write " + failure + ".");
+      *error = jsonError("Invalid value for JSON: cannot write " + writer.failure() + ".");
     }
     return {};
   }
