@@ -195,3 +195,21 @@ TEST_F(DCNSCoderTest, AFactoryThatThrowsFailsTheRead) {
 
 }  // namespace
 }  // namespace quillon
+
+namespace quillon {
+namespace {
+
+TEST_F(DCNSCoderTest, StoredFormReadingBypassesTheFactories) {
+  auto note = std::make_shared<Note>();
+  note->title = "kept";
+  Value data = DenseCoder::dataWithRootObject(Value::object(note));
+  Value stored = DenseCoder::objectWithData(data.bytes(), DenseCoder::Objects::kStoredForm);
+  auto* generic = stored.objectAs<GenericObject>();
+  ASSERT_NE(generic, nullptr);
+  EXPECT_EQ(generic->className(), "TestNote");
+  EXPECT_EQ(generic->properties().get("title"), Value("kept"));
+  EXPECT_NE(DenseCoder::objectWithData(data).objectAs<Note>(), nullptr);
+}
+
+}  // namespace
+}  // namespace quillon

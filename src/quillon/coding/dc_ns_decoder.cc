@@ -493,6 +493,7 @@ Value DCNSDecoder::makeObject(ClassRecord& record, Value properties) {
 }
 
 const DCNSCoding::Factory* DCNSDecoder::factoryFor(std::string_view className) {
+  if (!makesRegisteredObjects_) return nullptr;
   std::string name(className);
   auto it = factories_.find(name);
   if (it != factories_.end()) return it->second;

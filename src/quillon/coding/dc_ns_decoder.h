@@ -43,6 +43,11 @@ class DCNSDecoder {
   // built graph is taken apart (cycles included) before the exception leaves.
   Value decodeRootObject();
 
+  // When false, no factory runs: coded objects read back as GenericObjects
+  // and class instances as "$class" dictionaries, whatever is registered
+  // (for tools that show the stored form).
+  void setMakesRegisteredObjects(bool makes) { makesRegisteredObjects_ = makes; }
+
   const Header& header() const { return header_; }
   size_t offset() const { return offset_; }
 
@@ -149,6 +154,7 @@ class DCNSDecoder {
   std::vector<const void*> openContainers_;
   uint64_t compareWork_ = 0;
   int depth_ = 0;
+  bool makesRegisteredObjects_ = true;
 };
 
 template <typename T>

@@ -20,7 +20,8 @@ void logReason(std::string reason) {
   lastReason = std::move(reason);
 }
 
-Value decode(std::span<const uint8_t> data, DCNSDecoder::Readers readers) {
+Value decode(std::span<const uint8_t> data, DCNSDecoder::Readers readers,
+             DenseCoder::Objects objects) {
   lastReason.clear();
   if (data.size() < 8 || dense::load<uint32_t>(data.data()) != dense::kIdentifier) {
     return Value();
@@ -34,6 +35,7 @@ Value decode(std::span<const uint8_t> data, DCNSDecoder::Readers readers) {
     return Value();
   }
   DCNSDecoder decoder(data, readers);
+  decoder.setMakesRegisteredObjects(objects == DenseCoder::Objects::kRegisteredClasses);
   if (major == 2) return decoder.decodeRootObject();  // failures reach the caller
   try {
     return decoder.decodeRootObject();
@@ -57,12 +59,12 @@ std::vector<uint8_t> DenseCoder::encode(const Value& rootObject) {
   return coder.encodeRootObject();
 }
 
-Value DenseCoder::objectWithData(std::span<const uint8_t> data) {
-  return decode(data, DCNSDecoder::Readers::Full);
+Value DenseCoder::objectWithData(std::span<const uint8_t> data, Objects objects) {
+  return decode(data, DCNSDecoder::Readers::Full, objects);
 }
 
 Value DenseCoder::propertyListWithData(std::span<const uint8_t> data) {
-  return decode(data, DCNSDecoder::Readers::PropertyList);
+  return decode(data, DCNSDecoder::Readers::PropertyList, Objects::kRegisteredClasses);
 }
 
 std::string DenseCoder::lastLoggedReason() { return lastReason; }

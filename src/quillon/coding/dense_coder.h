@@ -20,6 +20,12 @@ inline constexpr std::string_view kDenseCodingException = "DenseCodingException"
 // may run on any thread.
 class DenseCoder {
  public:
+  // How the reader makes objects of keyed-coded classes.
+  enum class Objects {
+    kRegisteredClasses,  // through the factories of DCNSCoding::registerClass
+    kStoredForm,         // always GenericObjects and "$class" dictionaries
+  };
+
   // The version 3.3 bytes of a graph (data), or nil for nil. Raises
   // "DenseCodingException" for a value it cannot write (an unknown boxed
   // struct, nesting deeper than 512 levels).
@@ -30,7 +36,8 @@ class DenseCoder {
   // or of an unsupported version (logged), and for damaged version 3 data
   // (the reason is logged). Damaged version 2 data raises the
   // "DenseCodingException" to the caller instead.
-  static Value objectWithData(std::span<const uint8_t> data);
+  static Value objectWithData(std::span<const uint8_t> data,
+                              Objects objects = Objects::kRegisteredClasses);
   static Value objectWithData(const Value& data) { return objectWithData(data.bytes()); }
   // As objectWithData, accepting plain property-list values only: class
   // instances, coded objects and a nil root fail as "cannot decode".
