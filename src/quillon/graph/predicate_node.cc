@@ -23,8 +23,7 @@ constexpr size_t kMaxCachedRegexes = 32;
 thread_local std::u32string tlsText;
 thread_local std::u32string tlsNeedle;
 thread_local std::u32string tlsPattern;
-thread_local std::string tlsUtf8Subject;
-thread_local std::string tlsUtf8Pattern;
+thread_local std::wstring tlsWide;
 
 const Value& nilValue() {
   static const Value* nil = new Value();
@@ -69,11 +68,6 @@ bool likeMatch(std::u32string_view text, std::u32string_view pattern) {
   }
   while (p < pattern.size() && pattern[p] == kLikeStar) ++p;
   return p == pattern.size();
-}
-
-void toUtf8(const std::u32string& text, std::string* out) {
-  out->clear();
-  for (char32_t c : text) appendUtf8(c, out);
 }
 
 void appendQuoted(std::string_view s, std::string* out) {
@@ -276,19 +270,21 @@ bool Expression::operator==(const Expression& other) const {
 
 // ---- Regular expressions ---------------------------------------------------
 
-std::shared_ptr<const std::regex> RegexCache::get(std::string_view pattern, bool caseInsensitive) {
-  std::string key(pattern);
-  key.push_back(caseInsensitive ? 'i' : '-');
+std::shared_ptr<const std::wregex> RegexCache::get(std::u32string_view pattern,
+                                                   bool caseInsensitive) {
+  std::u32string key(pattern);
+  key.push_back(caseInsensitive ? U'i' : U'-');
   std::lock_guard<std::mutex> lock(mutex_);
   for (const auto& [k, regex] : entries_) {
     if (k == key) return regex;
   }
-  std::shared_ptr<const std::regex> compiled;
+  std::shared_ptr<const std::wregex> compiled;
   if (pattern.size() <= kMaxRegexPattern) {
     try {
       auto flags = std::regex::ECMAScript;
       if (caseInsensitive) flags |= std::regex::icase;
-      compiled = std::make_shared<const std::regex>(pattern.begin(), pattern.end(), flags);
+      std::wstring wide(pattern.begin(), pattern.end());
+      compiled = std::make_shared<const std::wregex>(wide, flags);
     } catch (const std::regex_error&) {
       compiled = nullptr;
     }
@@ -495,18 +491,17 @@ bool Node::compare(const Value& left, const Value& right, bool rhsIsConstant) co
       return likeMatch(tlsText, *pattern);
     }
     case Operator::Matches: {
-      std::string_view pattern = right.str();
-      if (options.diacriticInsensitive) {
-        foldText(text, FoldOptions{false, true}, &tlsText);
-        toUtf8(tlsText, &tlsUtf8Subject);
-        text = tlsUtf8Subject;
-        foldText(pattern, FoldOptions{false, true}, &tlsNeedle);
-        toUtf8(tlsNeedle, &tlsUtf8Pattern);
-        pattern = tlsUtf8Pattern;
-      }
-      if (text.size() > kMaxRegexSubject) return false;
-      auto regex = regexes->get(pattern, options.caseInsensitive);
-      return regex && std::regex_match(text.begin(), text.end(), *regex);
+      // Case folding is left to the regex (icase), since folding the pattern
+      // would change escapes such as \D; diacritics fold on both sides.
+      FoldOptions fold{false, options.diacriticInsensitive};
+      if (text.size() > kMaxRegexSubject * 4) return false;
+      foldText(text, fold, &tlsText);
+      if (tlsText.size() > kMaxRegexSubject) return false;
+      foldText(right.str(), fold, &tlsNeedle);
+      auto regex = regexes->get(tlsNeedle, options.caseInsensitive);
+      if (!regex) return false;
+      tlsWide.assign(tlsText.begin(), tlsText.end());
+      return std::regex_match(tlsWide, *regex);
     }
     default: return false;
   }

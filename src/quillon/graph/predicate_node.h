@@ -58,15 +58,16 @@ enum class Modifier : uint8_t { Direct, Any, All, None };
 
 // Compiled regular expressions of one comparison, keyed by pattern, so that a
 // MATCHES against a constant (or a few recurring patterns) compiles once.
+// Patterns work on code points (wchar_t is UTF-32 here), so "." matches "é".
 // Thread-safe.
 class RegexCache {
  public:
   // nullptr for a pattern that does not compile (it then never matches).
-  std::shared_ptr<const std::regex> get(std::string_view pattern, bool caseInsensitive);
+  std::shared_ptr<const std::wregex> get(std::u32string_view pattern, bool caseInsensitive);
 
  private:
   std::mutex mutex_;
-  std::vector<std::pair<std::string, std::shared_ptr<const std::regex>>> entries_;
+  std::vector<std::pair<std::u32string, std::shared_ptr<const std::wregex>>> entries_;
 };
 
 struct Node {
