@@ -12,12 +12,36 @@ namespace {
 constexpr char32_t kLikeStar = 0xFFFFFFF0;
 constexpr char32_t kLikeAny = 0xFFFFFFF1;
 
-// Longest pattern and subject handed to std::regex: its matcher recurses per
-// input character and its compiler per nesting level, so longer texts could
-// exhaust the stack. Such a MATCHES answers false.
+// Bounds on what is handed to std::regex, whose compiler recurses per nesting
+// level and whose matcher per subject character and group level: a pattern
+// longer than kMaxRegexPattern never matches, and a subject may have at most
+// kRegexRecursionBudget / (group depth + 1) characters. The budget keeps the
+// deepest recursion well inside a default 8 MiB thread stack, sanitizers
+// included.
 constexpr size_t kMaxRegexPattern = 1000;
-constexpr size_t kMaxRegexSubject = 4000;
+constexpr size_t kRegexRecursionBudget = 2000;
 constexpr size_t kMaxCachedRegexes = 32;
+
+// The deepest nesting of groups in a pattern, plus one.
+size_t regexWeight(std::u32string_view pattern) {
+  size_t depth = 0, deepest = 0;
+  bool inClass = false;
+  for (size_t i = 0; i < pattern.size(); ++i) {
+    char32_t c = pattern[i];
+    if (c == '\\') {
+      ++i;
+    } else if (inClass) {
+      inClass = c != ']';
+    } else if (c == '[') {
+      inClass = true;
+    } else if (c == '(') {
+      deepest = std::max(deepest, ++depth);
+    } else if (c == ')' && depth > 0) {
+      --depth;
+    }
+  }
+  return deepest + 1;
+}
 
 // Reusable buffers, so that folding text allocates only while they grow.
 thread_local std::u32string tlsText;
@@ -270,21 +294,22 @@ bool Expression::operator==(const Expression& other) const {
 
 // ---- Regular expressions ---------------------------------------------------
 
-std::shared_ptr<const std::wregex> RegexCache::get(std::u32string_view pattern,
-                                                   bool caseInsensitive) {
+std::shared_ptr<const RegexCache::Compiled> RegexCache::get(std::u32string_view pattern,
+                                                            bool caseInsensitive) {
   std::u32string key(pattern);
   key.push_back(caseInsensitive ? U'i' : U'-');
   std::lock_guard<std::mutex> lock(mutex_);
   for (const auto& [k, regex] : entries_) {
     if (k == key) return regex;
   }
-  std::shared_ptr<const std::wregex> compiled;
+  std::shared_ptr<const Compiled> compiled;
   if (pattern.size() <= kMaxRegexPattern) {
     try {
       auto flags = std::regex::ECMAScript;
       if (caseInsensitive) flags |= std::regex::icase;
       std::wstring wide(pattern.begin(), pattern.end());
-      compiled = std::make_shared<const std::wregex>(wide, flags);
+      compiled = std::make_shared<const Compiled>(
+          Compiled{std::wregex(wide, flags), kRegexRecursionBudget / regexWeight(pattern)});
     } catch (const std::regex_error&) {
       compiled = nullptr;
     }
@@ -494,14 +519,13 @@ bool Node::compare(const Value& left, const Value& right, bool rhsIsConstant) co
       // Case folding is left to the regex (icase), since folding the pattern
       // would change escapes such as \D; diacritics fold on both sides.
       FoldOptions fold{false, options.diacriticInsensitive};
-      if (text.size() > kMaxRegexSubject * 4) return false;
-      foldText(text, fold, &tlsText);
-      if (tlsText.size() > kMaxRegexSubject) return false;
       foldText(right.str(), fold, &tlsNeedle);
-      auto regex = regexes->get(tlsNeedle, options.caseInsensitive);
-      if (!regex) return false;
+      auto compiled = regexes->get(tlsNeedle, options.caseInsensitive);
+      if (!compiled || text.size() > compiled->maxSubject * 4) return false;
+      foldText(text, fold, &tlsText);
+      if (tlsText.size() > compiled->maxSubject) return false;
       tlsWide.assign(tlsText.begin(), tlsText.end());
-      return std::regex_match(tlsWide, *regex);
+      return std::regex_match(tlsWide, compiled->regex);
     }
     default: return false;
   }

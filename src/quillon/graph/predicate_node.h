@@ -6,7 +6,12 @@
 
 #include <memory>
 #include <mutex>
+// GCC 12 reports a false maybe-uninitialized inside libstdc++'s regex
+// compiler when built with sanitizers.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #include <regex>
+#pragma GCC diagnostic pop
 #include <span>
 #include <string>
 #include <string_view>
@@ -62,12 +67,20 @@ enum class Modifier : uint8_t { Direct, Any, All, None };
 // Thread-safe.
 class RegexCache {
  public:
+  struct Compiled {
+    std::wregex regex;
+    // The longest subject (in code points) this pattern is run against. The
+    // standard matcher recurses per subject character, deeper for nested
+    // groups; past this bound a match could exhaust the stack, so it answers
+    // no match instead.
+    size_t maxSubject = 0;
+  };
   // nullptr for a pattern that does not compile (it then never matches).
-  std::shared_ptr<const std::wregex> get(std::u32string_view pattern, bool caseInsensitive);
+  std::shared_ptr<const Compiled> get(std::u32string_view pattern, bool caseInsensitive);
 
  private:
   std::mutex mutex_;
-  std::vector<std::pair<std::u32string, std::shared_ptr<const std::wregex>>> entries_;
+  std::vector<std::pair<std::u32string, std::shared_ptr<const Compiled>>> entries_;
 };
 
 struct Node {
