@@ -126,11 +126,11 @@ TEST_F(DirectoryWatcherTest, StoppedWatchersAndMissingFoldersReportNothing) {
 TEST_F(DirectoryWatcherTest, TheCallbackMayDestroyTheWatcher) {
   bool delivered = false;
   std::unique_ptr<DirectoryWatcher> watcher;
-  watcher = std::make_unique<DirectoryWatcher>(dir_.path(), kLatency,
-                                               [&](std::vector<std::string>) {
-                                                 delivered = true;
-                                                 watcher.reset();
-                                               });
+  watcher =
+      std::make_unique<DirectoryWatcher>(dir_.path(), kLatency, [&](std::vector<std::string>) {
+        delivered = true;
+        watcher.reset();
+      });
   ASSERT_TRUE(watcher->start());
   write("file");
   ASSERT_TRUE(MainQueue::runUntil([&] { return delivered; }, 10.0));

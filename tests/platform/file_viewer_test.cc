@@ -73,9 +73,9 @@ class FakeFileManager {
     GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kXml, nullptr);
     if (bus) {
       static const GDBusInterfaceVTable vtable = {&FakeFileManager::onCall, nullptr, nullptr, {}};
-      registration = g_dbus_connection_register_object(bus, "/org/freedesktop/FileManager1",
-                                                       node->interfaces[0], &vtable, this,
-                                                       nullptr, nullptr);
+      registration =
+          g_dbus_connection_register_object(bus, "/org/freedesktop/FileManager1",
+                                            node->interfaces[0], &vtable, this, nullptr, nullptr);
       ownership = g_bus_own_name_on_connection(
           bus, "org.freedesktop.FileManager1", G_BUS_NAME_OWNER_FLAGS_NONE,
           [](GDBusConnection*, const gchar*, gpointer self) {

@@ -82,9 +82,12 @@ TEST_F(MainQueueTest, SyncCarriesExceptionsBackToTheCaller) {
 TEST_F(MainQueueTest, DelayedCallsFireWhenTheManualClockReachesThemInDueOrder) {
   ManualClock clock;
   std::vector<std::string> fired;
-  MainQueue::afterDelay(2.0, [&] { fired.push_back("late"); }, this, "late");
-  MainQueue::afterDelay(1.0, [&] { fired.push_back("early"); }, this, "early");
-  MainQueue::afterDelay(1.0, [&] { fired.push_back("early2"); }, this, "early");
+  MainQueue::afterDelay(
+      2.0, [&] { fired.push_back("late"); }, this, "late");
+  MainQueue::afterDelay(
+      1.0, [&] { fired.push_back("early"); }, this, "early");
+  MainQueue::afterDelay(
+      1.0, [&] { fired.push_back("early2"); }, this, "early");
   MainQueue::drain();
   EXPECT_TRUE(fired.empty());
 
@@ -107,7 +110,8 @@ TEST_F(MainQueueTest, RescheduledDebounceFiresOnceAfterTheLastReschedule) {
   int processed = 0;
   auto invalidate = [&] {
     MainQueue::cancelPreviousPerformRequests(this, "processChanges");
-    MainQueue::afterDelay(1.0, [&] { ++processed; }, this, "processChanges");
+    MainQueue::afterDelay(
+        1.0, [&] { ++processed; }, this, "processChanges");
   };
   for (int i = 0; i < 10; ++i) {
     invalidate();
@@ -129,9 +133,12 @@ TEST_F(MainQueueTest, CancelMatchesTargetAndSelectorOnly) {
   int same = 0;
   int otherSelector = 0;
   int otherTarget = 0;
-  MainQueue::afterDelay(1.0, [&] { ++same; }, this, "save");
-  MainQueue::afterDelay(1.0, [&] { ++otherSelector; }, this, "retry");
-  MainQueue::afterDelay(1.0, [&] { ++otherTarget; }, &other, "save");
+  MainQueue::afterDelay(
+      1.0, [&] { ++same; }, this, "save");
+  MainQueue::afterDelay(
+      1.0, [&] { ++otherSelector; }, this, "retry");
+  MainQueue::afterDelay(
+      1.0, [&] { ++otherTarget; }, &other, "save");
   MainQueue::cancelPreviousPerformRequests(this, "save");
   EXPECT_EQ(MainQueue::pendingDelayedCallCount(), 2u);
   clock.advance(1.0);
@@ -141,8 +148,10 @@ TEST_F(MainQueueTest, CancelMatchesTargetAndSelectorOnly) {
   EXPECT_EQ(otherTarget, 1);
 
   // An empty selector cancels every call of the target; a null target nothing.
-  MainQueue::afterDelay(1.0, [&] { ++same; }, this, "save");
-  MainQueue::afterDelay(1.0, [&] { ++same; }, this, "retry");
+  MainQueue::afterDelay(
+      1.0, [&] { ++same; }, this, "save");
+  MainQueue::afterDelay(
+      1.0, [&] { ++same; }, this, "retry");
   MainQueue::afterDelay(1.0, [&] { ++otherTarget; });
   MainQueue::cancelPreviousPerformRequests(this);
   MainQueue::cancelPreviousPerformRequests(nullptr);
@@ -155,7 +164,8 @@ TEST_F(MainQueueTest, CancelMatchesTargetAndSelectorOnly) {
 TEST_F(MainQueueTest, AdvancingFromAnotherThreadWakesAWaitingLoop) {
   ManualClock clock;
   bool fired = false;
-  MainQueue::afterDelay(3.0, [&] { fired = true; }, this, "wake");
+  MainQueue::afterDelay(
+      3.0, [&] { fired = true; }, this, "wake");
   std::thread mover([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     clock.advance(3.0);
@@ -168,7 +178,8 @@ TEST_F(MainQueueTest, AdvancingFromAnotherThreadWakesAWaitingLoop) {
 TEST_F(MainQueueTest, RealClockDelayedCallFiresAfterItsDelay) {
   bool fired = false;
   double start = MainQueue::now();
-  MainQueue::afterDelay(0.05, [&] { fired = true; }, this, "real");
+  MainQueue::afterDelay(
+      0.05, [&] { fired = true; }, this, "real");
   EXPECT_TRUE(MainQueue::runUntil([&] { return fired; }, 5.0));
   EXPECT_GE(MainQueue::now() - start, 0.05);
 }

@@ -17,8 +17,7 @@ namespace quillon {
 namespace {
 
 double monotonicSeconds() {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
-      .count();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 std::string withoutTrailingSlash(std::string path) {
@@ -155,8 +154,8 @@ struct DirectoryWatcher::Impl {
     g_object_unref(monitor);
   }
 
-  static void onChanged(GFileMonitor* monitor, GFile* file, GFile* other,
-                        GFileMonitorEvent event, gpointer data) {
+  static void onChanged(GFileMonitor* monitor, GFile* file, GFile* other, GFileMonitorEvent event,
+                        gpointer data) {
     Impl* self = static_cast<Impl*>(data);
     std::string path = pathOf(file);
     std::string otherPath = pathOf(other);
@@ -252,8 +251,7 @@ bool DirectoryWatcher::start() {
         g_file_monitor_directory(parent, G_FILE_MONITOR_WATCH_MOVES, nullptr, nullptr);
     g_object_unref(parent);
     if (impl_->parentMonitor) {
-      g_signal_connect(impl_->parentMonitor, "changed", G_CALLBACK(&Impl::onChanged),
-                       impl_.get());
+      g_signal_connect(impl_->parentMonitor, "changed", G_CALLBACK(&Impl::onChanged), impl_.get());
     }
   }
   return true;

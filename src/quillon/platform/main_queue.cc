@@ -122,7 +122,8 @@ gboolean sourceDispatch(GSource*, GSourceFunc, gpointer) {
       std::lock_guard lock(s.mutex);
       double now = s.clock->now();
       auto due = s.timers.begin();
-      while (due != s.timers.end() && due->first.first <= now && due->first.second >= lastSequence) {
+      while (due != s.timers.end() && due->first.first <= now &&
+             due->first.second >= lastSequence) {
         ++due;
       }
       if (due == s.timers.end() || due->first.first > now) break;
@@ -134,8 +135,7 @@ gboolean sourceDispatch(GSource*, GSourceFunc, gpointer) {
   return G_SOURCE_CONTINUE;
 }
 
-GSourceFuncs kSourceFuncs = {sourcePrepare, sourceCheck, sourceDispatch, nullptr, nullptr,
-                             nullptr};
+GSourceFuncs kSourceFuncs = {sourcePrepare, sourceCheck, sourceDispatch, nullptr, nullptr, nullptr};
 
 void ensureSource() {
   static std::once_flag once;

@@ -49,8 +49,8 @@ class MainQueue {
   // Runs the block on the main thread once `seconds` have passed on the
   // clock. A call with a target can later be cancelled by target and
   // selector; the target is only compared, never dereferenced.
-  static void afterDelay(double seconds, std::function<void()> block,
-                         const void* target = nullptr, std::string selector = {});
+  static void afterDelay(double seconds, std::function<void()> block, const void* target = nullptr,
+                         std::string selector = {});
   // Cancels every pending delayed call with this target and selector; with
   // an empty selector, every pending call of the target. A null target
   // cancels nothing.

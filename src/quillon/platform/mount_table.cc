@@ -33,21 +33,20 @@ bool startsWith(std::string_view s, std::string_view prefix) {
 }
 
 constexpr std::array<std::string_view, 14> kNetworkTypes = {
-    "nfs",   "nfs4",      "cifs",        "smb3",           "smbfs",          "ncpfs",
-    "afs",   "9p",        "davfs",       "ceph",           "glusterfs",      "lustre",
-    "coda",  "fuse.davfs"};
+    "nfs", "nfs4",  "cifs", "smb3",      "smbfs",  "ncpfs", "afs",
+    "9p",  "davfs", "ceph", "glusterfs", "lustre", "coda",  "fuse.davfs"};
 
 // FUSE file systems that reach over the network.
 constexpr std::array<std::string_view, 12> kRemoteFuseTypes = {
-    "fuse.sshfs",     "fuse.rclone",  "fuse.s3fs",     "fuse.gcsfuse",
-    "fuse.curlftpfs", "fuse.goofys",  "fuse.glusterfs", "fuse.cephfs",
-    "fuse.gvfsd-fuse", "fuse.onedriver", "fuse.smbnetfs", "fuse.httpfs"};
+    "fuse.sshfs",      "fuse.rclone",    "fuse.s3fs",      "fuse.gcsfuse",
+    "fuse.curlftpfs",  "fuse.goofys",    "fuse.glusterfs", "fuse.cephfs",
+    "fuse.gvfsd-fuse", "fuse.onedriver", "fuse.smbnetfs",  "fuse.httpfs"};
 
 constexpr std::array<std::string_view, 22> kPseudoTypes = {
-    "proc",       "sysfs",      "cgroup",  "cgroup2",   "devpts",      "mqueue",
-    "debugfs",    "tracefs",    "securityfs", "pstore", "bpf",         "configfs",
-    "fusectl",    "hugetlbfs",  "autofs",  "binfmt_misc", "rpc_pipefs", "nsfs",
-    "efivarfs",   "devtmpfs",   "selinuxfs", "ramfs"};
+    "proc",     "sysfs",     "cgroup",     "cgroup2",     "devpts",     "mqueue",
+    "debugfs",  "tracefs",   "securityfs", "pstore",      "bpf",        "configfs",
+    "fusectl",  "hugetlbfs", "autofs",     "binfmt_misc", "rpc_pipefs", "nsfs",
+    "efivarfs", "devtmpfs",  "selinuxfs",  "ramfs"};
 
 template <size_t N>
 bool contains(const std::array<std::string_view, N>& list, std::string_view value) {
@@ -150,27 +149,29 @@ bool MountTable::isNetworkFileSystem(std::string_view type) {
   return contains(kNetworkTypes, type) || contains(kRemoteFuseTypes, type);
 }
 
-bool MountTable::isPseudoFileSystem(std::string_view type) {
-  return contains(kPseudoTypes, type);
-}
+bool MountTable::isPseudoFileSystem(std::string_view type) { return contains(kPseudoTypes, type); }
 
 std::string MountTable::formatDescription(std::string_view type) {
   struct Name {
     std::string_view type;
     std::string_view description;
   };
-  static constexpr Name kNames[] = {
-      {"nfs", "NFS"},          {"nfs4", "NFS"},          {"cifs", "SMB"},
-      {"smb3", "SMB"},         {"smbfs", "SMB"},         {"ncpfs", "NetWare"},
-      {"afs", "AFS"},          {"9p", "9P"},             {"davfs", "WebDAV"},
-      {"fuse.davfs", "WebDAV"}, {"fuse.sshfs", "SSHFS"}, {"fuse.rclone", "rclone"},
-      {"ceph", "Ceph"},        {"glusterfs", "GlusterFS"}, {"btrfs", "Btrfs"},
-      {"xfs", "XFS"},          {"zfs", "ZFS"},           {"f2fs", "F2FS"},
-      {"vfat", "FAT"},         {"msdos", "FAT"},         {"exfat", "exFAT"},
-      {"ntfs", "NTFS"},        {"ntfs3", "NTFS"},        {"fuseblk", "FUSE"},
-      {"hfsplus", "HFS+"},     {"apfs", "APFS"},         {"iso9660", "ISO 9660"},
-      {"udf", "UDF"},          {"tmpfs", "tmpfs"},       {"overlay", "overlay"},
-      {"squashfs", "SquashFS"}};
+  static constexpr Name kNames[] = {{"nfs", "NFS"},          {"nfs4", "NFS"},
+                                    {"cifs", "SMB"},         {"smb3", "SMB"},
+                                    {"smbfs", "SMB"},        {"ncpfs", "NetWare"},
+                                    {"afs", "AFS"},          {"9p", "9P"},
+                                    {"davfs", "WebDAV"},     {"fuse.davfs", "WebDAV"},
+                                    {"fuse.sshfs", "SSHFS"}, {"fuse.rclone", "rclone"},
+                                    {"ceph", "Ceph"},        {"glusterfs", "GlusterFS"},
+                                    {"btrfs", "Btrfs"},      {"xfs", "XFS"},
+                                    {"zfs", "ZFS"},          {"f2fs", "F2FS"},
+                                    {"vfat", "FAT"},         {"msdos", "FAT"},
+                                    {"exfat", "exFAT"},      {"ntfs", "NTFS"},
+                                    {"ntfs3", "NTFS"},       {"fuseblk", "FUSE"},
+                                    {"hfsplus", "HFS+"},     {"apfs", "APFS"},
+                                    {"iso9660", "ISO 9660"}, {"udf", "UDF"},
+                                    {"tmpfs", "tmpfs"},      {"overlay", "overlay"},
+                                    {"squashfs", "SquashFS"}};
   for (const Name& n : kNames) {
     if (n.type == type) return std::string(n.description);
   }

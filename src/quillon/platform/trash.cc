@@ -71,12 +71,23 @@ Error errorFrom(const GError* gerror, const std::string& path) {
   int code = EIO;
   if (gerror->domain == G_IO_ERROR) {
     switch (gerror->code) {
-      case G_IO_ERROR_NOT_FOUND: code = ENOENT; break;
-      case G_IO_ERROR_PERMISSION_DENIED: code = EACCES; break;
-      case G_IO_ERROR_NOT_SUPPORTED: code = ENOTSUP; break;
-      case G_IO_ERROR_NO_SPACE: code = ENOSPC; break;
-      case G_IO_ERROR_READ_ONLY: code = EROFS; break;
-      default: break;
+      case G_IO_ERROR_NOT_FOUND:
+        code = ENOENT;
+        break;
+      case G_IO_ERROR_PERMISSION_DENIED:
+        code = EACCES;
+        break;
+      case G_IO_ERROR_NOT_SUPPORTED:
+        code = ENOTSUP;
+        break;
+      case G_IO_ERROR_NO_SPACE:
+        code = ENOSPC;
+        break;
+      case G_IO_ERROR_READ_ONLY:
+        code = EROFS;
+        break;
+      default:
+        break;
     }
   }
   Value info = Value::dictionary();
@@ -121,7 +132,8 @@ bool Trash::trashItem(const std::string& path, std::string* trashedPath, Error* 
           name.compare(name.size() - kInfoSuffix.size(), kInfoSuffix.size(), kInfoSuffix) != 0) {
         continue;
       }
-      std::string trashed = folders[i] + "/files/" + name.substr(0, name.size() - kInfoSuffix.size());
+      std::string trashed =
+          folders[i] + "/files/" + name.substr(0, name.size() - kInfoSuffix.size());
       if (samePlace(recordedPath(folders[i] + "/info/" + name), path)) {
         *trashedPath = trashed;
         return true;

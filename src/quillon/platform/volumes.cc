@@ -29,8 +29,8 @@ std::string trimmed(std::string_view s) {
 std::optional<std::string> readSmallFile(const std::string& path) {
   std::vector<uint8_t> bytes;
   if (Env::Default()->readFile(path, &bytes)) return std::nullopt;
-  std::string text = trimmed(std::string_view(reinterpret_cast<const char*>(bytes.data()),
-                                              bytes.size()));
+  std::string text =
+      trimmed(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
   if (text.empty()) return std::nullopt;
   return text;
 }
@@ -139,7 +139,8 @@ VolumeInfo describe(const MountEntry& entry) {
   // Unknown FUSE and other types: GIO may still know them to be remote. Known
   // network types never get here, so a hung server cannot block this call.
   std::optional<bool> remote;
-  if (!MountTable::isPseudoFileSystem(entry.fileSystemType)) remote = gioSaysRemote(entry.mountPoint);
+  if (!MountTable::isPseudoFileSystem(entry.fileSystemType))
+    remote = gioSaysRemote(entry.mountPoint);
   info.isLocal = !remote.value_or(false);
   if (!*info.isLocal) {
     info.isEjectable = false;
