@@ -26,25 +26,6 @@ Value countingSalt() {
   return Value::data(std::move(salt));
 }
 
-// PBKDF2-HMAC-SHA512 for a single 64-byte block, written out from its
-// definition on top of one-shot HMAC, so the derivation is checked against
-// something other than the routine it calls.
-std::vector<uint8_t> referencePBKDF2(std::string_view password, std::span<const uint8_t> salt,
-                                     int rounds) {
-  std::vector<uint8_t> block(salt.begin(), salt.end());
-  block.insert(block.end(), {0, 0, 0, 1});
-  uint8_t u[64];
-  unsigned length = 0;
-  HMAC(EVP_sha512(), password.data(), static_cast<int>(password.size()), block.data(), block.size(),
-       u, &length);
-  std::vector<uint8_t> t(u, u + 64);
-  for (int i = 1; i < rounds; ++i) {
-    HMAC(EVP_sha512(), password.data(), static_cast<int>(password.size()), u, 64, u, &length);
-    for (size_t j = 0; j < 64; ++j) t[j] ^= u[j];
-  }
-  return t;
-}
-
 // A crypto with cheap keys for tests that are not about the derivation.
 std::unique_ptr<SeaCrypto> makeCrypto(const Value& password = Value("secret")) {
   auto crypto = std::make_unique<SeaCrypto>();
@@ -67,16 +48,9 @@ class ScopedRandomSource {
 
 bool failingRandom(uint8_t*, size_t) { return false; }
 
-TEST(SeaCryptoKeyDerivationTest, MatchesPublishedAndIndependentVectors) {
-  // The published PBKDF2-HMAC-SHA512 vector ("password", "salt", 1 round)
-  // checks the reference implementation itself.
-  std::string_view salt4 = "salt";
-  EXPECT_EQ(
-      referencePBKDF2("password", std::span(reinterpret_cast<const uint8_t*>(salt4.data()), 4), 1),
-      fromHex("867f70cf1ade02cff3752599a3a53dc4af34c7a669815ae5d513554e1c8cf252c02d470a28"
-              "5a0501bad999bfe943c08f050235d7d68b1da55e63f73b60a57fce"));
-
-  // The package default: 100000 rounds, UTF-8 password. The first half keys
+TEST(SeaCryptoKeyDerivationTest, MatchesAnIndependentlyComputedVector) {
+  // The package default: 100000 rounds, UTF-8 password; the expected bytes
+  // come from another PBKDF2-HMAC-SHA512 implementation. The first half keys
   // AES, the second half the HMAC.
   SeaCrypto crypto;
   crypto.setSalt(countingSalt());
@@ -88,16 +62,6 @@ TEST(SeaCryptoKeyDerivationTest, MatchesPublishedAndIndependentVectors) {
   EXPECT_EQ(toVector(crypto.key()), std::vector<uint8_t>(expected.begin(), expected.begin() + 32));
   EXPECT_EQ(toVector(crypto.keyHMAC()),
             std::vector<uint8_t>(expected.begin() + 32, expected.end()));
-
-  SeaCrypto fewRounds;
-  fewRounds.setSalt(countingSalt());
-  fewRounds.setRounds(Value(1234));
-  ASSERT_TRUE(fewRounds.setPassword(Value("x")));
-  std::vector<uint8_t> reference = referencePBKDF2("x", countingSalt().bytes(), 1234);
-  EXPECT_EQ(toVector(fewRounds.key()),
-            std::vector<uint8_t>(reference.begin(), reference.begin() + 32));
-  EXPECT_EQ(toVector(fewRounds.keyHMAC()),
-            std::vector<uint8_t>(reference.begin() + 32, reference.end()));
 }
 
 TEST(SeaCryptoKeyDerivationTest, OnlyStringsArePasswordsAndOnlyTheFirst64SaltBytesCount) {
@@ -240,6 +204,8 @@ TEST(SeaCryptoEnvelopeTest, RejectsWrongKeysShortTruncatedAndExtendedInput) {
   EXPECT_TRUE(crypto->decryptData(Value()).isNil());
   EXPECT_TRUE(crypto->decryptData(Value::data(std::string_view())).isNil());
   EXPECT_TRUE(crypto->decryptData(Value("not data")).isNil());
+  EXPECT_TRUE(crypto->encryptData(Value("not data")).isNil());
+  EXPECT_TRUE(SeaCrypto().encryptData(Value::data(std::string_view("x"))).isNil());
   for (size_t length : {1, 16, 79, 80, 95, 96, 111, 127}) {
     SCOPED_TRACE(length);
     EXPECT_TRUE(
@@ -248,13 +214,6 @@ TEST(SeaCryptoEnvelopeTest, RejectsWrongKeysShortTruncatedAndExtendedInput) {
   std::vector<uint8_t> extended = sealed;
   extended.push_back(0);
   EXPECT_TRUE(crypto->decryptData(Value::data(std::move(extended))).isNil());
-
-  // Raw-byte forms leave the output untouched on failure.
-  std::vector<uint8_t> out = {1, 2, 3};
-  EXPECT_FALSE(crypto->decryptBytes(std::span<const uint8_t>(sealed.data(), 100), &out));
-  EXPECT_EQ(out, (std::vector<uint8_t>{1, 2, 3}));
-  EXPECT_TRUE(crypto->decryptBytes(sealed, &out));
-  EXPECT_EQ(out.size(), 3u + 40u);
 
   // A ciphertext whose padding is wrong cannot come from us, but a holder of
   // the keys can forge one; it must fail cleanly after the MAC passes.
@@ -265,22 +224,6 @@ TEST(SeaCryptoEnvelopeTest, RejectsWrongKeysShortTruncatedAndExtendedInput) {
        &macLength);
   forged.insert(forged.end(), mac, mac + 64);
   EXPECT_TRUE(crypto->decryptData(Value::data(std::move(forged))).isNil());
-}
-
-TEST(SeaCryptoEnvelopeTest, InertWithoutKeysAndNilForNonData) {
-  SeaCrypto crypto;
-  EXPECT_TRUE(crypto.encryptData(Value::data(std::string_view("x"))).isNil());
-  EXPECT_TRUE(makeCrypto()->encryptData(Value()).isNil());
-  EXPECT_TRUE(makeCrypto()->encryptData(Value("a string")).isNil());
-
-  // Keys installed directly work like derived ones; wrong lengths disable.
-  auto derived = makeCrypto();
-  crypto.setKey(derived->key());
-  crypto.setKeyHMAC(derived->keyHMAC());
-  Value sealed = crypto.encryptData(Value::data(std::string_view("x")));
-  EXPECT_EQ(derived->decryptData(sealed), Value::data(std::string_view("x")));
-  crypto.setKeyHMAC(Value::data(std::string(31, 'k')));
-  EXPECT_TRUE(crypto.decryptData(sealed).isNil());
 }
 
 TEST(SeaCryptoRandomTest, FailingGeneratorFailsSaltsAndEncryption) {
