@@ -166,7 +166,7 @@ class ValueBuilder {
   // "name", every note a "title"), so one immutable string per distinct
   // short key is shared within a parse: it saves an allocation and a free
   // per repetition. Collisions simply replace the cached key.
-  Value key(std::string_view text) {
+  __attribute__((noinline)) Value key(std::string_view text) {
     if (text.size() > kInternedKeyLength) return Value::string(text);
     uint32_t h = 2166136261u;
     for (char c : text) h = (h ^ static_cast<uint8_t>(c)) * 16777619u;
