@@ -6,7 +6,10 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <memory>
+#include <span>
+#include <vector>
 
 namespace quillon {
 namespace {
@@ -126,27 +129,46 @@ bool widenLongIntegers(std::string_view text, std::string* out) {
 
 // Builds Values from a parsed document. Recursion is bounded by the parser's
 // own depth check, which runs before this walk.
+//
+// Children are collected on two stacks shared by every level (a container's
+// children sit above those of its unfinished ancestors), so a container costs
+// exactly one allocation, sized by its final count. The stacks belong to the
+// thread and are reused across documents.
 class ValueBuilder {
  public:
-  explicit ValueBuilder(bool mutableContainers) : mutable_(mutableContainers) {}
+  explicit ValueBuilder(bool mutableContainers)
+      : mutable_(mutableContainers), scratch_(threadScratch()) {}
+
+  ~ValueBuilder() {
+    // Also runs when an allocation failed halfway: nothing may stay behind.
+    scratch_.elements.clear();
+    scratch_.entries.clear();
+    if (scratch_.elements.capacity() > kRetainedScratch) scratch_.elements = {};
+    if (scratch_.entries.capacity() > kRetainedScratch) scratch_.entries = {};
+  }
 
   Value build(dom::element e) {
     switch (e.type()) {
       case dom::element_type::ARRAY: {
+        auto& stack = scratch_.elements;
+        size_t base = stack.size();
         dom::array a = e.get_array().value_unsafe();
-        std::vector<Value> elements;
-        elements.reserve(a.size());
-        for (dom::element child : a) elements.push_back(build(child));
-        return Value::array(std::move(elements), mutable_);
+        for (dom::element child : a) stack.push_back(build(child));
+        Value v = Value::arrayMovingFrom(std::span(stack).subspan(base), mutable_);
+        stack.resize(base);
+        return v;
       }
       case dom::element_type::OBJECT: {
+        auto& stack = scratch_.entries;
+        size_t base = stack.size();
         dom::object o = e.get_object().value_unsafe();
-        std::vector<Value::Entry> entries;
-        entries.reserve(o.size());
         for (dom::key_value_pair field : o) {
-          entries.emplace_back(key(field.key), build(field.value));
+          Value k = key(field.key);
+          stack.emplace_back(std::move(k), build(field.value));
         }
-        return Value::dictionary(std::move(entries), mutable_);
+        Value v = Value::dictionaryMovingFrom(std::span(stack).subspan(base), mutable_);
+        stack.resize(base);
+        return v;
       }
       default:
         return buildScalar(e);
@@ -154,6 +176,19 @@ class ValueBuilder {
   }
 
  private:
+  struct Scratch {
+    std::vector<Value> elements;
+    std::vector<Value::Entry> entries;
+  };
+
+  // Larger stacks (a document with a huge flat array) are freed after use.
+  static constexpr size_t kRetainedScratch = 1 << 16;
+
+  static Scratch& threadScratch() {
+    thread_local Scratch scratch;
+    return scratch;
+  }
+
   // Kept out of build() so that the recursive frame stays small.
   __attribute__((noinline)) static Value buildScalar(dom::element e) {
     switch (e.type()) {
@@ -179,10 +214,18 @@ class ValueBuilder {
   // short key is shared within a parse: it saves an allocation and a free
   // per repetition. Collisions simply replace the cached key.
   __attribute__((noinline)) Value key(std::string_view text) {
-    if (text.size() > kInternedKeyLength) return Value::string(text);
-    uint32_t h = 2166136261u;
-    for (char c : text) h = (h ^ static_cast<uint8_t>(c)) * 16777619u;
-    Value& slot = keys_[h & (kInternedKeys - 1)];
+    size_t n = text.size();
+    if (n > kInternedKeyLength) return Value::string(text);
+    // A cheap hash of the length and the first and last eight bytes.
+    uint64_t head = 0, tail = 0;
+    if (n >= 8) {
+      std::memcpy(&head, text.data(), 8);
+      std::memcpy(&tail, text.data() + n - 8, 8);
+    } else if (n > 0) {
+      std::memcpy(&head, text.data(), n);
+    }
+    uint64_t h = (head * 0x9E3779B97F4A7C15ull) ^ (tail + n) * 0xC2B2AE3D27D4EB4Full;
+    Value& slot = keys_[(h >> 58) & (kInternedKeys - 1)];
     if (slot.str() != text || !slot.isString()) slot = Value::string(text);
     return slot;
   }
@@ -190,6 +233,7 @@ class ValueBuilder {
   static constexpr size_t kInternedKeys = 64;
   static constexpr size_t kInternedKeyLength = 24;
   bool mutable_;
+  Scratch& scratch_;
   std::array<Value, kInternedKeys> keys_;
 };
 

@@ -1,25 +1,36 @@
 #include "quillon/base/value.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <stdexcept>
 
 namespace quillon {
 namespace detail {
 
-// The shared part of a heap-kind Value. One allocation per node; the element
-// storage of containers is a second one.
+// The shared part of a heap-kind Value. Nodes have no virtual functions: the
+// handle's kind (and, for strings, the mutable flag) says which node type
+// follows this header, so the header is 8 bytes and destruction is a switch.
 struct Node {
   std::atomic<uint32_t> refs{1};
   bool isMutable = false;
-  virtual ~Node() = default;
 };
 
 struct DecimalNode final : Node {
   Decimal value;
 };
-struct StringNode final : Node {
+// An immutable string: its bytes (and a terminating NUL) follow the node in
+// the same allocation.
+struct InlineStringNode final : Node {
+  size_t length = 0;
+  char* bytes() { return reinterpret_cast<char*>(this + 1); }
+  std::string_view view() { return {bytes(), length}; }
+};
+// A mutable string owns a std::string, which mutableStr() hands out.
+struct MutableStringNode final : Node {
   std::string value;
 };
 struct DataNode final : Node {
@@ -32,25 +43,147 @@ struct ObjectNode final : Node {
   std::shared_ptr<Object> value;
 };
 
+// Allocates a node of type N with `extra` bytes behind it.
+template <typename N>
+N* newNode(bool isMutable, size_t extra = 0) {
+  static_assert(alignof(N) <= alignof(std::max_align_t));
+  N* n = new (::operator new(sizeof(N) + extra)) N();
+  n->isMutable = isMutable;
+  return n;
+}
+
+template <typename N>
+void deleteNode(Node* node) {
+  N* n = static_cast<N*>(node);
+  n->~N();
+  ::operator delete(static_cast<void*>(n));
+}
+
+// The element storage of a container: a growable array whose first buffer
+// may be part of the node's own allocation (containers built with a known
+// count need no second allocation). Growing moves the elements to the heap;
+// an outgrown inline buffer stays unused.
+template <typename T>
+class Elements {
+ public:
+  static constexpr size_t kMaxCapacity = (size_t{1} << 31) - 1;
+
+  Elements() = default;
+  Elements(const Elements&) = delete;
+  Elements& operator=(const Elements&) = delete;
+  ~Elements() {
+    std::destroy(begin(), end());
+    if (heap_) ::operator delete(static_cast<void*>(data_));
+  }
+
+  // Adopts an empty buffer with room for `capacity` elements that the owner
+  // keeps alive as long as this.
+  void adoptInlineBuffer(T* buffer, size_t capacity) {
+    data_ = buffer;
+    capacity_ = static_cast<uint32_t>(capacity);
+  }
+
+  size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  T* begin() { return data_; }
+  T* end() { return data_ + size_; }
+  const T* begin() const { return data_; }
+  const T* end() const { return data_ + size_; }
+  T& operator[](size_t i) { return data_[i]; }
+  const T& operator[](size_t i) const { return data_[i]; }
+  T& back() { return data_[size_ - 1]; }
+  std::span<const T> span() const { return {data_, size_}; }
+
+  void reserve(size_t n) {
+    if (n > capacity_) reallocate(n, nullptr);
+  }
+
+  // The arguments may refer to an element of this container.
+  template <typename... Args>
+  void emplaceBack(Args&&... args) {
+    if (size_ < capacity_) {
+      new (data_ + size_) T(std::forward<Args>(args)...);
+    } else {
+      T value(std::forward<Args>(args)...);
+      reallocate(std::max<size_t>({size_t{size_} + 1, size_t{capacity_} * 2, 4}), &value);
+    }
+    ++size_;
+  }
+
+  void insert(size_t index, T&& value) {
+    emplaceBack(std::move(value));
+    std::rotate(begin() + index, end() - 1, end());
+  }
+
+  void erase(size_t index) {
+    std::move(begin() + index + 1, end(), begin() + index);
+    truncate(size_ - 1);
+  }
+
+  // Removes every element matching `pred`; answers whether any was removed.
+  template <typename Pred>
+  bool eraseIf(Pred pred) {
+    T* last = std::remove_if(begin(), end(), pred);
+    if (last == end()) return false;
+    truncate(static_cast<size_t>(last - begin()));
+    return true;
+  }
+
+  void truncate(size_t n) {
+    std::destroy(begin() + n, end());
+    size_ = static_cast<uint32_t>(n);
+  }
+
+  // Moves every element out, leaving this empty, so that the caller can
+  // destroy them once its node is consistent again.
+  std::vector<T> takeAll() {
+    std::vector<T> out(std::make_move_iterator(begin()), std::make_move_iterator(end()));
+    truncate(0);
+    return out;
+  }
+
+ private:
+  // Moves the elements to a heap buffer of `capacity`; `appended`, when
+  // given, is moved in behind them.
+  void reallocate(size_t capacity, T* appended) {
+    if (capacity > kMaxCapacity) throw std::length_error("Value: container too large");
+    T* fresh = static_cast<T*>(::operator new(capacity * sizeof(T)));
+    if (appended) new (fresh + size_) T(std::move(*appended));
+    std::uninitialized_move(begin(), end(), fresh);
+    std::destroy(begin(), end());
+    if (heap_) ::operator delete(static_cast<void*>(data_));
+    data_ = fresh;
+    capacity_ = static_cast<uint32_t>(capacity);
+    heap_ = 1;
+  }
+
+  static_assert(std::is_nothrow_move_constructible_v<T>);
+  T* data_ = nullptr;
+  uint32_t size_ = 0;
+  uint32_t capacity_ : 31 = 0;
+  uint32_t heap_ : 1 = 0;
+};
+
 // Open-addressing index from element hash to position, built once a
 // container grows past a few entries; small containers are scanned.
 class HashIndex {
  public:
   static constexpr size_t kThreshold = 8;
 
-  bool active() const { return !slots_.empty(); }
-  void reset() { slots_.clear(); }
+  bool active() const { return capacity_ != 0; }
+  void reset() {
+    slots_.reset();
+    capacity_ = 0;
+  }
 
   template <typename KeyAt>
   void rebuild(size_t count, KeyAt keyAt) {
-    size_t capacity = 16;
-    while (capacity < count * 2 + 2) capacity <<= 1;
-    slots_.assign(capacity, 0);
+    prepare(count);
     for (size_t i = 0; i < count; ++i) place(keyAt(i).hash(), static_cast<uint32_t>(i));
   }
 
   void place(size_t h, uint32_t position) {
-    size_t mask = slots_.size() - 1;
+    size_t mask = capacity_ - 1;
     for (size_t s = h & mask;; s = (s + 1) & mask) {
       if (slots_[s] == 0) {
         slots_[s] = position + 1;
@@ -62,7 +195,7 @@ class HashIndex {
   // Calls match(position) on candidates until it answers true.
   template <typename Match>
   std::optional<size_t> lookup(size_t h, Match match) const {
-    size_t mask = slots_.size() - 1;
+    size_t mask = capacity_ - 1;
     for (size_t s = h & mask;; s = (s + 1) & mask) {
       uint32_t slot = slots_[s];
       if (slot == 0) return std::nullopt;
@@ -74,18 +207,30 @@ class HashIndex {
   void prepare(size_t count) {
     size_t capacity = 16;
     while (capacity < count * 2 + 2) capacity <<= 1;
-    slots_.assign(capacity, 0);
+    slots_.reset(new uint32_t[capacity]());
+    capacity_ = capacity;
   }
 
-  bool needsGrowth(size_t count) const { return count * 2 + 2 > slots_.size(); }
+  bool needsGrowth(size_t count) const { return count * 2 + 2 > capacity_; }
 
  private:
-  std::vector<uint32_t> slots_;
+  std::unique_ptr<uint32_t[]> slots_;
+  size_t capacity_ = 0;
 };
 
 struct SequenceNode final : Node {
-  std::vector<Value> elements;
+  Elements<Value> elements;
   HashIndex index;  // sets and ordered sets only
+
+  // A node whose first `capacity` elements need no further allocation.
+  static SequenceNode* create(bool isMutable, size_t capacity) {
+    if (capacity > Elements<Value>::kMaxCapacity) {
+      throw std::length_error("Value: container too large");
+    }
+    auto* n = newNode<SequenceNode>(isMutable, capacity * sizeof(Value));
+    n->elements.adoptInlineBuffer(reinterpret_cast<Value*>(n + 1), capacity);
+    return n;
+  }
 
   std::optional<size_t> find(const Value& v) const {
     if (index.active()) {
@@ -113,8 +258,17 @@ struct SequenceNode final : Node {
 };
 
 struct DictionaryNode final : Node {
-  std::vector<Value::Entry> entries;
+  Elements<Value::Entry> entries;
   HashIndex index;
+
+  static DictionaryNode* create(bool isMutable, size_t capacity) {
+    if (capacity > Elements<Value::Entry>::kMaxCapacity) {
+      throw std::length_error("Value: container too large");
+    }
+    auto* n = newNode<DictionaryNode>(isMutable, capacity * sizeof(Value::Entry));
+    n->entries.adoptInlineBuffer(reinterpret_cast<Value::Entry*>(n + 1), capacity);
+    return n;
+  }
 
   template <typename Key>
   std::optional<size_t> find(const Key& key, size_t h) const {
@@ -142,15 +296,34 @@ struct DictionaryNode final : Node {
   }
 };
 
+// Frees a node whose last handle, of kind `kind`, has gone.
+void destroyNode(Value::Kind kind, Node* n) {
+  using K = Value::Kind;
+  switch (kind) {
+    case K::Decimal: return deleteNode<DecimalNode>(n);
+    case K::String:
+      return n->isMutable ? deleteNode<MutableStringNode>(n) : deleteNode<InlineStringNode>(n);
+    case K::Data: return deleteNode<DataNode>(n);
+    case K::Url: return deleteNode<UrlNode>(n);
+    case K::Array:
+    case K::Set:
+    case K::OrderedSet: return deleteNode<SequenceNode>(n);
+    case K::Dictionary: return deleteNode<DictionaryNode>(n);
+    case K::Object: return deleteNode<ObjectNode>(n);
+    default: return;
+  }
+}
+
 }  // namespace detail
 
 using detail::DataNode;
 using detail::DecimalNode;
 using detail::DictionaryNode;
+using detail::InlineStringNode;
+using detail::MutableStringNode;
 using detail::Node;
 using detail::ObjectNode;
 using detail::SequenceNode;
-using detail::StringNode;
 using detail::UrlNode;
 
 namespace {
@@ -207,13 +380,6 @@ bool numbersEqual(const Value& a, const Value& b) {
   return a.doubleValue() == b.doubleValue();
 }
 
-template <typename N>
-N* makeNode(bool isMutable) {
-  auto* n = new N();
-  n->isMutable = isMutable;
-  return n;
-}
-
 }  // namespace
 
 Value Object::valueForKey(std::string_view) const { return Value(); }
@@ -240,13 +406,16 @@ std::string GenericObject::description() const {
 
 // ---- Handle lifetime -------------------------------------------------------
 
-Value::Value(const Value& other) noexcept : u_(other.u_), kind_(other.kind_) {
-  if (Node* n = node()) n->refs.fetch_add(1, std::memory_order_relaxed);
-}
+void Value::retain() const noexcept { u_.n->refs.fetch_add(1, std::memory_order_relaxed); }
 
-Value::Value(Value&& other) noexcept : u_(other.u_), kind_(other.kind_) {
-  other.kind_ = Kind::Nil;
-  other.u_.i = 0;
+void Value::release() noexcept {
+  // A count of one means this handle is the only one, so no other thread can
+  // touch the count: the node goes without an atomic read-modify-write, the
+  // common case when a parsed tree is dropped.
+  if (u_.n->refs.load(std::memory_order_acquire) == 1 ||
+      u_.n->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    detail::destroyNode(kind_, u_.n);
+  }
 }
 
 Value& Value::operator=(const Value& other) noexcept {
@@ -255,24 +424,6 @@ Value& Value::operator=(const Value& other) noexcept {
     *this = std::move(copy);
   }
   return *this;
-}
-
-Value& Value::operator=(Value&& other) noexcept {
-  if (this != &other) {
-    Node* old = node();
-    u_ = other.u_;
-    kind_ = other.kind_;
-    other.kind_ = Kind::Nil;
-    other.u_.i = 0;
-    if (old && old->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete old;
-  }
-  return *this;
-}
-
-Value::~Value() {
-  if (Node* n = node()) {
-    if (n->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete n;
-  }
 }
 
 // ---- Factories -------------------------------------------------------------
@@ -304,18 +455,33 @@ Value Value::float64(double d) {
 }
 
 Value Value::decimal(const Decimal& d) {
-  Value v(Kind::Decimal);
-  auto* n = makeNode<DecimalNode>(false);
+  auto* n = detail::newNode<DecimalNode>(false);
   n->value = d;
+  Value v(Kind::Decimal);
   v.u_.n = n;
   return v;
 }
 
 Value Value::string(std::string_view s, bool isMutable) {
+  Node* node;
+  if (isMutable) {
+    auto* n = detail::newNode<MutableStringNode>(true);
+    try {
+      n->value.assign(s.data(), s.size());
+    } catch (...) {
+      detail::deleteNode<MutableStringNode>(n);
+      throw;
+    }
+    node = n;
+  } else {
+    auto* n = detail::newNode<InlineStringNode>(false, s.size() + 1);
+    n->length = s.size();
+    if (!s.empty()) std::memcpy(n->bytes(), s.data(), s.size());
+    n->bytes()[s.size()] = '\0';
+    node = n;
+  }
   Value v(Kind::String);
-  auto* n = makeNode<StringNode>(isMutable);
-  n->value.assign(s.data(), s.size());
-  v.u_.n = n;
+  v.u_.n = node;
   return v;
 }
 
@@ -324,9 +490,9 @@ Value Value::data(std::span<const uint8_t> bytes, bool isMutable) {
 }
 
 Value Value::data(std::vector<uint8_t>&& bytes, bool isMutable) {
-  Value v(Kind::Data);
-  auto* n = makeNode<DataNode>(isMutable);
+  auto* n = detail::newNode<DataNode>(isMutable);
   n->value = std::move(bytes);
+  Value v(Kind::Data);
   v.u_.n = n;
   return v;
 }
@@ -343,115 +509,131 @@ Value Value::date(double secondsSinceReferenceDate) {
 }
 
 Value Value::url(Url u) {
-  Value v(Kind::Url);
-  auto* n = makeNode<UrlNode>(false);
+  auto* n = detail::newNode<UrlNode>(false);
   n->value = std::move(u);
+  Value v(Kind::Url);
   v.u_.n = n;
   return v;
 }
 
 Value Value::array(bool isMutable) {
   Value v(Kind::Array);
-  v.u_.n = makeNode<SequenceNode>(isMutable);
+  v.u_.n = SequenceNode::create(isMutable, 0);
   return v;
 }
 
 Value Value::array(std::initializer_list<Value> elements, bool isMutable) {
-  return array(std::vector<Value>(elements), isMutable);
+  auto* n = SequenceNode::create(isMutable, elements.size());
+  Value v(Kind::Array);
+  v.u_.n = n;
+  for (const Value& e : elements) n->elements.emplaceBack(e);
+  return v;
 }
 
 Value Value::array(std::vector<Value>&& elements, bool isMutable) {
+  Value v = arrayMovingFrom(elements, isMutable);
+  elements.clear();
+  return v;
+}
+
+Value Value::arrayMovingFrom(std::span<Value> elements, bool isMutable) {
+  auto* n = SequenceNode::create(isMutable, elements.size());
   Value v(Kind::Array);
-  auto* n = makeNode<SequenceNode>(isMutable);
-  n->elements = std::move(elements);
   v.u_.n = n;
+  for (Value& e : elements) n->elements.emplaceBack(std::move(e));
   return v;
 }
 
 Value Value::dictionary(bool isMutable) {
   Value v(Kind::Dictionary);
-  v.u_.n = makeNode<DictionaryNode>(isMutable);
+  v.u_.n = DictionaryNode::create(isMutable, 0);
   return v;
 }
 
 Value Value::dictionary(std::initializer_list<Entry> entries, bool isMutable) {
-  Value v = dictionary(isMutable);
+  Value v(Kind::Dictionary);
+  v.u_.n = DictionaryNode::create(isMutable, entries.size());
   for (const auto& [k, val] : entries) v.set(k, val);
   return v;
 }
 
 Value Value::dictionary(std::vector<Entry>&& entries, bool isMutable) {
+  Value v = dictionaryMovingFrom(entries, isMutable);
+  entries.clear();
+  return v;
+}
+
+Value Value::dictionaryMovingFrom(std::span<Entry> entries, bool isMutable) {
+  auto* n = DictionaryNode::create(isMutable, entries.size());
   Value v(Kind::Dictionary);
-  auto* n = makeNode<DictionaryNode>(isMutable);
   v.u_.n = n;
-  n->entries = std::move(entries);
   auto& e = n->entries;
-  bool indexed = e.size() > detail::HashIndex::kThreshold;
-  if (indexed) n->index.prepare(e.size());
-  size_t kept = 0;
-  for (size_t i = 0; i < e.size(); ++i) {
-    if (e[i].second.isNil()) continue;
-    const Value& key = e[i].first;
+  bool indexed = entries.size() > detail::HashIndex::kThreshold;
+  if (indexed) n->index.prepare(entries.size());
+  for (Entry& entry : entries) {
+    if (entry.second.isNil()) continue;
+    const Value& key = entry.first;
     size_t h = indexed ? key.hash() : 0;
     std::optional<size_t> earlier;
     if (indexed) {
       earlier = n->index.lookup(h, [&](size_t j) { return e[j].first == key; });
     } else {
       bool stringKey = key.isString();
-      for (size_t j = 0; j < kept; ++j) {
-        // Parsers build string keys; comparing their bytes skips the
-        // general cross-kind equality.
-        if (stringKey && e[j].first.isString() ? e[j].first.str() == key.str()
-                                              : e[j].first == key) {
+      std::string_view text = key.str();
+      for (size_t j = 0; j < e.size(); ++j) {
+        // Parsers build string keys, often shared ones; comparing nodes and
+        // then bytes skips the general cross-kind equality.
+        const Value& other = e[j].first;
+        if (stringKey && other.isString()
+                ? other.u_.n == key.u_.n || other.str() == text
+                : other == key) {
           earlier = j;
           break;
         }
       }
     }
     if (earlier) {
-      e[*earlier].second = std::move(e[i].second);
+      e[*earlier].second = std::move(entry.second);
       continue;
     }
-    if (kept != i) e[kept] = std::move(e[i]);
-    if (indexed) n->index.place(h, static_cast<uint32_t>(kept));
-    ++kept;
+    if (indexed) n->index.place(h, static_cast<uint32_t>(e.size()));
+    e.emplaceBack(std::move(entry));
   }
-  if (kept != e.size()) {
-    e.resize(kept);
-    n->reindex();
-  }
+  if (indexed && e.size() <= detail::HashIndex::kThreshold) n->index.reset();
   return v;
 }
 
 Value Value::set(bool isMutable) {
   Value v(Kind::Set);
-  v.u_.n = makeNode<SequenceNode>(isMutable);
+  v.u_.n = SequenceNode::create(isMutable, 0);
   return v;
 }
 
 Value Value::set(std::initializer_list<Value> elements, bool isMutable) {
-  Value v = set(isMutable);
+  Value v(Kind::Set);
+  v.u_.n = SequenceNode::create(isMutable, elements.size());
   for (const auto& e : elements) v.append(e);
   return v;
 }
 
 Value Value::orderedSet(bool isMutable) {
   Value v(Kind::OrderedSet);
-  v.u_.n = makeNode<SequenceNode>(isMutable);
+  v.u_.n = SequenceNode::create(isMutable, 0);
   return v;
 }
 
 Value Value::orderedSet(std::initializer_list<Value> elements, bool isMutable) {
-  Value v = orderedSet(isMutable);
+  Value v(Kind::OrderedSet);
+  v.u_.n = SequenceNode::create(isMutable, elements.size());
   for (const auto& e : elements) v.append(e);
   return v;
 }
 
 Value Value::object(std::shared_ptr<Object> o) {
   if (!o) return Value();
-  Value v(Kind::Object);
-  auto* n = makeNode<ObjectNode>(false);
+  auto* n = detail::newNode<ObjectNode>(false);
   n->value = std::move(o);
+  Value v(Kind::Object);
   v.u_.n = n;
   return v;
 }
@@ -543,12 +725,15 @@ Decimal Value::decimalValue() const {
 
 std::string_view Value::str() const {
   if (kind_ != Kind::String) return {};
-  return static_cast<StringNode*>(u_.n)->value;
+  if (u_.n->isMutable) return static_cast<MutableStringNode*>(u_.n)->value;
+  return static_cast<InlineStringNode*>(u_.n)->view();
 }
 
 std::string& Value::mutableStr() {
-  if (kind_ != Kind::String) throw std::logic_error("Value::mutableStr on a non-string");
-  return static_cast<StringNode*>(u_.n)->value;
+  if (kind_ != Kind::String || !u_.n->isMutable) {
+    throw std::logic_error("Value::mutableStr on a value that is not a mutable string");
+  }
+  return static_cast<MutableStringNode*>(u_.n)->value;
 }
 
 std::span<const uint8_t> Value::bytes() const {
@@ -583,14 +768,14 @@ size_t Value::size() const {
 
 std::span<const Value> Value::elements() const {
   if (!isSequence()) return {};
-  return static_cast<SequenceNode*>(u_.n)->elements;
+  return static_cast<SequenceNode*>(u_.n)->elements.span();
 }
 
 bool Value::append(Value v) {
   if (!isSequence()) throw std::logic_error("Value::append on a non-sequence");
   auto* n = static_cast<SequenceNode*>(u_.n);
   if (kind_ != Kind::Array && n->find(v)) return false;
-  n->elements.push_back(std::move(v));
+  n->elements.emplaceBack(std::move(v));
   if (kind_ != Kind::Array) n->appended();
   return true;
 }
@@ -602,7 +787,7 @@ void Value::insert(size_t index, Value v) {
   auto* n = static_cast<SequenceNode*>(u_.n);
   if (kind_ == Kind::OrderedSet && n->find(v)) return;
   if (index > n->elements.size()) index = n->elements.size();
-  n->elements.insert(n->elements.begin() + static_cast<ptrdiff_t>(index), std::move(v));
+  n->elements.insert(index, std::move(v));
   if (kind_ == Kind::OrderedSet) n->reindex();
 }
 
@@ -618,16 +803,14 @@ void Value::removeAt(size_t index) {
   if (!isSequence()) throw std::logic_error("Value::removeAt on a non-sequence");
   auto* n = static_cast<SequenceNode*>(u_.n);
   if (index >= n->elements.size()) throw std::out_of_range("Value::removeAt");
-  n->elements.erase(n->elements.begin() + static_cast<ptrdiff_t>(index));
+  n->elements.erase(index);
   if (kind_ != Kind::Array) n->reindex();
 }
 
 bool Value::remove(const Value& v) {
   if (!isSequence()) return false;
   auto* n = static_cast<SequenceNode*>(u_.n);
-  size_t before = n->elements.size();
-  std::erase_if(n->elements, [&](const Value& e) { return e == v; });
-  if (n->elements.size() == before) return false;
+  if (!n->elements.eraseIf([&](const Value& e) { return e == v; })) return false;
   if (kind_ != Kind::Array) n->reindex();
   return true;
 }
@@ -641,7 +824,7 @@ std::optional<size_t> Value::indexOf(const Value& v) const {
 
 std::span<const Value::Entry> Value::items() const {
   if (kind_ != Kind::Dictionary) return {};
-  return static_cast<DictionaryNode*>(u_.n)->entries;
+  return static_cast<DictionaryNode*>(u_.n)->entries.span();
 }
 
 std::vector<Value> Value::keys() const {
@@ -694,7 +877,7 @@ void Value::set(Value key, Value v) {
     n->entries[*i].second = std::move(v);
     return;
   }
-  n->entries.emplace_back(std::move(key), std::move(v));
+  n->entries.emplaceBack(std::move(key), std::move(v));
   n->appended();
 }
 
@@ -703,7 +886,7 @@ bool Value::erase(const Value& key) {
   auto* n = static_cast<DictionaryNode*>(u_.n);
   auto i = n->find(key, key.hash());
   if (!i) return false;
-  n->entries.erase(n->entries.begin() + static_cast<ptrdiff_t>(*i));
+  n->entries.erase(*i);
   n->reindex();
   return true;
 }
@@ -711,13 +894,11 @@ bool Value::erase(const Value& key) {
 void Value::clear() {
   if (isSequence()) {
     auto* n = static_cast<SequenceNode*>(u_.n);
-    std::vector<Value> old;
-    old.swap(n->elements);  // destroyed after the node is consistent
+    std::vector<Value> old = n->elements.takeAll();  // destroyed after the node is consistent
     n->index.reset();
   } else if (kind_ == Kind::Dictionary) {
     auto* n = static_cast<DictionaryNode*>(u_.n);
-    std::vector<Entry> old;
-    old.swap(n->entries);
+    std::vector<Entry> old = n->entries.takeAll();
     n->index.reset();
   }
 }

@@ -103,11 +103,27 @@ class Value {
   using Entry = std::pair<Value, Value>;
 
   Value() noexcept : kind_(Kind::Nil) { u_.i = 0; }
-  Value(const Value& other) noexcept;
-  Value(Value&& other) noexcept;
+  Value(const Value& other) noexcept : u_(other.u_), kind_(other.kind_) {
+    if (hasNode()) retain();
+  }
+  Value(Value&& other) noexcept : u_(other.u_), kind_(other.kind_) {
+    other.kind_ = Kind::Nil;
+    other.u_.i = 0;
+  }
   Value& operator=(const Value& other) noexcept;
-  Value& operator=(Value&& other) noexcept;
-  ~Value();
+  Value& operator=(Value&& other) noexcept {
+    if (this != &other) {
+      Value old(std::move(*this));  // released once this holds the new value
+      u_ = other.u_;
+      kind_ = other.kind_;
+      other.kind_ = Kind::Nil;
+      other.u_.i = 0;
+    }
+    return *this;
+  }
+  ~Value() {
+    if (hasNode()) release();
+  }
 
   // Convenience conversions for literals.
   Value(const char* s) : Value(string(s)) {}
@@ -147,6 +163,12 @@ class Value {
   // first position and its last value, and entries with a nil value are
   // dropped, as set() would do. The fast way to build large dictionaries.
   static Value dictionary(std::vector<Entry>&& entries, bool isMutable = false);
+  // Builders that collect children in a reusable buffer: these move the
+  // elements or entries out of the span (leaving nil handles behind) into a
+  // container whose storage shares the node's single allocation. The
+  // dictionary form treats repeated keys and nil values as above.
+  static Value arrayMovingFrom(std::span<Value> elements, bool isMutable = false);
+  static Value dictionaryMovingFrom(std::span<Entry> entries, bool isMutable = false);
   static Value mutableDictionary() { return dictionary(true); }
   static Value set(bool isMutable = false);
   static Value set(std::initializer_list<Value> elements, bool isMutable = false);
@@ -198,7 +220,9 @@ class Value {
 
   // Strings: the empty view for other kinds.
   std::string_view str() const;
-  std::string& mutableStr();  // the string itself; requires isString()
+  // The string itself, for editing in place; requires a mutable string
+  // (immutable strings keep their bytes inside the node and cannot grow).
+  std::string& mutableStr();
   // Data: the empty span for other kinds.
   std::span<const uint8_t> bytes() const;
   std::vector<uint8_t>& mutableBytes();  // requires isData()
@@ -277,6 +301,9 @@ class Value {
            kind_ >= Kind::Url;
   }
   detail::Node* node() const { return hasNode() ? u_.n : nullptr; }
+  // Reference counting of the node; both require hasNode().
+  void retain() const noexcept;
+  void release() noexcept;
 
   union {
     bool b;
