@@ -147,6 +147,30 @@ TEST(JSONReadTest, SpanOverloadAndReuseAcrossSizes) {
   EXPECT_EQ(mustRead("[1,2]").size(), 2u);  // the reused parser still reads small texts
 }
 
+TEST(JSONReadTest, NestedContainersAndNearlyEqualKeys) {
+  // Containers interleave at every level; keys differ only in length, in a
+  // NUL byte or in their last byte.
+  std::string text = R"([{"a":[1,{"a":[],"a\u0000":2}],"ab":{"abcdefgh":1,"abcdefgi":2}},)"
+                     R"([[],[[]],{}],"s",{"x":{"y":{"z":[true,null]}}}])";
+  Value v = mustRead(text);
+  EXPECT_EQ(writeJSON(v), text);
+  EXPECT_EQ(v[0].get("a")[1].size(), 2u);
+  EXPECT_EQ(v[0].get("a")[1].get(std::string_view("a\0", 2)).intValue(), 2);
+  EXPECT_EQ(v[0].get("ab").get("abcdefgi").intValue(), 2);
+
+  // A failed parse, and a flat array wider than the reader keeps buffers
+  // for, leave nothing behind for the next document.
+  Error error;
+  EXPECT_TRUE(readJSON(R"([{"a":[1,2,{"b":)", &error).isNil());
+  std::string wide = "[";
+  for (int i = 0; i < 70000; ++i) wide += "\"s\",";
+  wide += "\"end\"]";
+  Value w = mustRead(wide);
+  EXPECT_EQ(w.size(), 70001u);
+  EXPECT_EQ(w[70000].str(), "end");
+  EXPECT_EQ(writeJSON(mustRead(text)), text);
+}
+
 TEST(JSONWriteTest, CompactExactText) {
   Value v = Value::dictionary({{"b", Value::array({1, -2, 2.5, 0.1, 1e300, true, Value::null()})},
                                {"a", Value::dictionary()},

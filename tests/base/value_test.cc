@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
 namespace quillon {
 namespace {
 
@@ -38,7 +43,7 @@ TEST(ValueTest, DictionariesKeepInsertionOrderAndReplaceInPlace) {
   EXPECT_TRUE(d.erase(Value("k7")));
   EXPECT_TRUE(d.get("k7").isNil());
   EXPECT_EQ(d.get("k6"), Value(6));  // the index survives a removal
-  d.set("k6", Value());  // nil removes
+  d.set("k6", Value());              // nil removes
   EXPECT_EQ(d.size(), 18u);
   // Numeric keys are found by equal numbers of another kind.
   Value n = Value::dictionary({{Value(1), "one"}});
@@ -88,6 +93,126 @@ TEST(ValueTest, DeepCopyCopiesNestedContainers) {
   EXPECT_TRUE(deep.isMutable());
   EXPECT_FALSE(Value::identical(deep[0], inner));
   EXPECT_EQ(deep, outer);
+}
+
+TEST(ValueTest, ImmutableAndMutableStrings) {
+  std::string bytes("a\0b", 3);  // embedded NUL bytes survive
+  EXPECT_EQ(Value::string(bytes).str(), bytes);
+  EXPECT_EQ(Value::string("").str(), "");
+  EXPECT_EQ(Value::string(std::string(1000, 'x')).str().size(), 1000u);
+
+  Value m = Value::mutableString("abc");
+  Value alias = m;
+  m.mutableStr() += std::string(100, 'd');  // grows past any small buffer
+  EXPECT_EQ(alias.str().size(), 103u);
+  EXPECT_EQ(alias, Value(std::string("abc") + std::string(100, 'd')));
+  EXPECT_EQ(m.hash(), Value(alias.str()).hash());
+  // Immutable strings cannot be edited in place.
+  Value frozen("abc");
+  EXPECT_THROW(frozen.mutableStr(), std::logic_error);
+  EXPECT_THROW(Value(1).mutableStr(), std::logic_error);
+  EXPECT_FALSE(m.copy().isMutable());
+  EXPECT_EQ(m.copy().str(), m.str());
+  EXPECT_TRUE(frozen.mutableCopy().isMutable());
+}
+
+TEST(ValueTest, ContainersGrowPastTheirInitialStorage) {
+  // Built with exact storage, then grown, edited and shrunk.
+  Value a = Value::array({Value("first"), Value(2)}, true);
+  for (int i = 0; i < 100; ++i) a.append(Value("n" + std::to_string(i)));
+  a.insert(0, Value("front"));
+  a.insert(a.size(), Value("back"));
+  a.insert(1000, Value("clamped"));
+  ASSERT_EQ(a.size(), 105u);
+  EXPECT_EQ(a[0], Value("front"));
+  EXPECT_EQ(a[1], Value("first"));
+  EXPECT_EQ(a[102], Value("n99"));
+  EXPECT_EQ(a[104], Value("clamped"));
+  a.removeAt(0);
+  a.replace(1, Value("two"));
+  EXPECT_EQ(a[1], Value("two"));
+  a.append(Value("n5"));
+  EXPECT_TRUE(a.remove(Value("n5")));  // every equal element
+  EXPECT_EQ(a.indexOf(Value("n5")), std::nullopt);
+  EXPECT_EQ(a.size(), 103u);
+  EXPECT_FALSE(a.remove(Value("absent")));
+  EXPECT_THROW(a.removeAt(500), std::out_of_range);
+  a.clear();
+  EXPECT_TRUE(a.empty());
+  a.append(Value(1));
+  EXPECT_EQ(a, Value::array({Value(1)}));
+
+  // An element appended from the array itself while it grows.
+  Value b = Value::array({Value("x")}, true);
+  for (int i = 0; i < 10; ++i) b.append(b[0]);
+  EXPECT_EQ(b.size(), 11u);
+  EXPECT_EQ(b[10], Value("x"));
+
+  Value s = Value::orderedSet({Value(1), Value(2), Value(1.0)}, true);
+  EXPECT_EQ(s.size(), 2u);
+  for (int i = 0; i < 40; ++i) s.insert(0, Value(i));  // reindexed on each insert
+  EXPECT_EQ(s.size(), 40u);
+  EXPECT_EQ(s[0], Value(39));
+  EXPECT_EQ(s.indexOf(Value(2)), 39u);
+  EXPECT_TRUE(s.remove(Value(20)));
+  EXPECT_FALSE(s.contains(Value(20)));
+  EXPECT_EQ(s.indexOf(Value(0)), 36u);
+
+  Value d = Value::dictionary({{"a", 1}, {"b", 2}}, true);
+  for (int i = 0; i < 50; ++i) d.set("k" + std::to_string(i), i);
+  EXPECT_EQ(d.size(), 52u);
+  EXPECT_EQ(d.get("k49"), Value(49));
+  EXPECT_TRUE(d.erase(Value("a")));
+  EXPECT_EQ(d.items()[0].first, Value("b"));
+  EXPECT_EQ(d.get("k0"), Value(0));
+}
+
+TEST(ValueTest, BuildingFromMovedChildren) {
+  for (int count : {3, 20}) {  // below and above the indexing threshold
+    std::vector<Value::Entry> entries;
+    for (int i = 0; i < count; ++i) entries.emplace_back(Value("k" + std::to_string(i)), i);
+    entries.emplace_back(Value("k1"), Value("last"));  // a repeat keeps the first position
+    entries.emplace_back(Value("gone"), Value());      // nil values are dropped
+    entries.emplace_back(Value(2.0), Value("number key"));
+    entries.emplace_back(Value(2), Value("same number"));
+    Value d = Value::dictionaryMovingFrom(entries);
+    ASSERT_EQ(d.size(), static_cast<size_t>(count) + 1) << count;
+    EXPECT_EQ(d.items()[1].first, Value("k1"));
+    EXPECT_EQ(d.get("k1"), Value("last"));
+    EXPECT_TRUE(d.get("gone").isNil());
+    EXPECT_EQ(d.get(Value(2)), Value("same number"));
+    EXPECT_EQ(d.get("k" + std::to_string(count - 1)), Value(count - 1));
+    EXPECT_TRUE(entries[0].first.isNil());  // moved out
+  }
+
+  std::vector<Value> elements{Value("a"), Value::array({Value(1)})};
+  Value inner = elements[1];
+  Value a = Value::arrayMovingFrom(elements, true);
+  EXPECT_TRUE(elements[0].isNil());
+  EXPECT_TRUE(a.isMutable());
+  EXPECT_TRUE(Value::identical(a[1], inner));
+  a.append(Value("grown"));
+  EXPECT_EQ(a.size(), 3u);
+}
+
+TEST(ValueTest, HandlesAreSharedAcrossThreads) {
+  // Copies made and dropped on two threads while a third handle holds the
+  // node: the count must end where it started (the sanitizer build checks
+  // for a double free or a leak).
+  Value shared = Value::array({Value("payload")});
+  auto churn = [&] {
+    for (int i = 0; i < 20000; ++i) {
+      Value copy = shared;
+      Value inner = copy[0];
+      ASSERT_EQ(inner.str(), "payload");
+    }
+  };
+  std::thread t(churn);
+  churn();
+  t.join();
+  Value last = shared;
+  shared = Value();
+  EXPECT_EQ(last[0], Value("payload"));
 }
 
 TEST(DecimalTest, ParsesFormatsAndCompares) {

@@ -133,7 +133,7 @@ bool widenLongIntegers(std::string_view text, std::string* out) {
 // Children are collected on two stacks shared by every level (a container's
 // children sit above those of its unfinished ancestors), so a container costs
 // exactly one allocation, sized by its final count. The stacks belong to the
-// thread and are reused across documents.
+// thread and are reused across documents, as are the shared keys.
 class ValueBuilder {
  public:
   explicit ValueBuilder(bool mutableContainers)
@@ -176,9 +176,19 @@ class ValueBuilder {
   }
 
  private:
+  static constexpr size_t kInternedKeyBits = 8;
+  static constexpr size_t kInternedKeyLength = 24;
+
+  struct SharedKey {
+    Value value;
+    std::array<uint64_t, 3> words{};
+    size_t length = 0;
+  };
+
   struct Scratch {
     std::vector<Value> elements;
     std::vector<Value::Entry> entries;
+    std::array<SharedKey, size_t{1} << kInternedKeyBits> keys;
   };
 
   // Larger stacks (a document with a huge flat array) are freed after use.
@@ -209,32 +219,44 @@ class ValueBuilder {
     }
   }
 
-  // Short keys repeat across the objects of a document (every record has a
-  // "name", every note a "title"), so one immutable string per distinct
-  // short key is shared within a parse: it saves an allocation and a free
-  // per repetition. Collisions simply replace the cached key.
+  // Short keys repeat across the objects of a document and across documents
+  // (every record has a "name", every note a "title"), so the thread keeps
+  // one immutable string per recent short key and shares it: that saves an
+  // allocation and a free per repetition. Collisions simply replace the
+  // cached key.
   __attribute__((noinline)) Value key(std::string_view text) {
     size_t n = text.size();
     if (n > kInternedKeyLength) return Value::string(text);
-    // A cheap hash of the length and the first and last eight bytes.
-    uint64_t head = 0, tail = 0;
+    // Three words that, with the length, hold every byte of the key: the
+    // comparison and the hash need neither a loop nor a call.
+    const char* p = text.data();
+    std::array<uint64_t, 3> words{};
     if (n >= 8) {
-      std::memcpy(&head, text.data(), 8);
-      std::memcpy(&tail, text.data() + n - 8, 8);
+      std::memcpy(&words[0], p, 8);
+      std::memcpy(&words[2], p + n - 8, 8);
+      if (n > 16) std::memcpy(&words[1], p + 8, 8);
+    } else if (n >= 4) {
+      uint32_t lo, hi;
+      std::memcpy(&lo, p, 4);
+      std::memcpy(&hi, p + n - 4, 4);
+      words[0] = lo | uint64_t{hi} << 32;
     } else if (n > 0) {
-      std::memcpy(&head, text.data(), n);
+      words[0] =
+          uint8_t(p[0]) | uint32_t{uint8_t(p[n / 2])} << 8 | uint32_t{uint8_t(p[n - 1])} << 16;
     }
-    uint64_t h = (head * 0x9E3779B97F4A7C15ull) ^ (tail + n) * 0xC2B2AE3D27D4EB4Full;
-    Value& slot = keys_[(h >> 58) & (kInternedKeys - 1)];
-    if (slot.str() != text || !slot.isString()) slot = Value::string(text);
-    return slot;
+    uint64_t h = words[0] * 0x9E3779B97F4A7C15ull ^ (words[2] + n) * 0xC2B2AE3D27D4EB4Full ^
+                 words[1] * 0x165667B19E3779F9ull;
+    SharedKey& slot = scratch_.keys[h >> (64 - kInternedKeyBits)];
+    if (slot.length != n || slot.words != words || slot.value.isNil()) {
+      slot.value = Value::string(text);
+      slot.words = words;
+      slot.length = n;
+    }
+    return slot.value;
   }
 
-  static constexpr size_t kInternedKeys = 64;
-  static constexpr size_t kInternedKeyLength = 24;
   bool mutable_;
   Scratch& scratch_;
-  std::array<Value, kInternedKeys> keys_;
 };
 
 Value parseWith(dom::parser& parser, std::string_view text, Error* error,

@@ -245,7 +245,7 @@ class Value {
   // Arrays: append always; sets and ordered sets: add when absent. Answers
   // whether the element was added.
   bool append(Value v);
-  void insert(size_t index, Value v);  // arrays and ordered sets
+  void insert(size_t index, Value v);   // arrays and ordered sets
   void replace(size_t index, Value v);  // arrays and ordered sets
   void removeAt(size_t index);
   bool remove(const Value& v);  // every equal element
@@ -301,6 +301,8 @@ class Value {
            kind_ >= Kind::Url;
   }
   detail::Node* node() const { return hasNode() ? u_.n : nullptr; }
+  // The bytes of a string; requires isString().
+  static std::string_view stringOf(const Value& v);
   // Reference counting of the node; both require hasNode().
   void retain() const noexcept;
   void release() noexcept;
