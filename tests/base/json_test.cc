@@ -71,6 +71,21 @@ TEST(JSONReadTest, ObjectsKeepDocumentOrderAndLastDuplicate) {
   EXPECT_FALSE(v.isMutable());
 }
 
+TEST(JSONReadTest, ManyDistinctAndRepeatedKeys) {
+  // More distinct short keys than the reader shares, repeated across
+  // objects, plus long keys: every key must come back as written.
+  std::string object = "{";
+  for (int i = 0; i < 300; ++i) {
+    object += (i ? ",\"" : "\"") + std::string(i % 3 == 0 ? 30 : 1, 'k') + std::to_string(i) +
+              "\":" + std::to_string(i);
+  }
+  object += "}";
+  Value v = mustRead("[" + object + "," + object + "]");
+  ASSERT_EQ(v.size(), 2u);
+  EXPECT_EQ(writeJSON(v[0]), object);
+  EXPECT_EQ(writeJSON(v[1]), object);
+}
+
 TEST(JSONReadTest, MutableContainersOption) {
   Value v = mustRead(R"({"a":[{"b":"c"}]})", {.mutableContainers = true});
   EXPECT_TRUE(v.isMutable());

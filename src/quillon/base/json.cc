@@ -3,6 +3,7 @@
 #include <simdjson.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <memory>
@@ -138,7 +139,7 @@ class ValueBuilder {
         std::vector<Value::Entry> entries;
         entries.reserve(o.size());
         for (dom::key_value_pair field : o) {
-          entries.emplace_back(Value::string(field.key), build(field.value));
+          entries.emplace_back(key(field.key), build(field.value));
         }
         return Value::dictionary(std::move(entries), mutable_);
       }
@@ -161,7 +162,23 @@ class ValueBuilder {
     }
   }
 
+  // Short keys repeat across the objects of a document (every record has a
+  // "name", every note a "title"), so one immutable string per distinct
+  // short key is shared within a parse: it saves an allocation and a free
+  // per repetition. Collisions simply replace the cached key.
+  __attribute__((noinline)) Value key(std::string_view text) {
+    if (text.size() > kInternedKeyLength) return Value::string(text);
+    uint32_t h = 2166136261u;
+    for (char c : text) h = (h ^ static_cast<uint8_t>(c)) * 16777619u;
+    Value& slot = keys_[h & (kInternedKeys - 1)];
+    if (slot.str() != text || !slot.isString()) slot = Value::string(text);
+    return slot;
+  }
+
+  static constexpr size_t kInternedKeys = 64;
+  static constexpr size_t kInternedKeyLength = 24;
   bool mutable_;
+  std::array<Value, kInternedKeys> keys_;
 };
 
 Value parseWith(dom::parser& parser, std::string_view text, Error* error,
