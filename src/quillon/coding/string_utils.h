@@ -36,6 +36,8 @@ std::string QuillonLocalizedString(std::string_view key);
 // for shorter ones. Characters are Unicode code points of the UTF-8 text; a
 // byte that is not valid UTF-8 counts as one character.
 std::string anonymize(std::string_view text);
+inline std::string anonymize(const char* text) { return anonymize(std::string_view(text)); }
+inline std::string anonymize(const std::string& text) { return anonymize(std::string_view(text)); }
 // anonymize() of a string value; nil for every other kind.
 Value anonymize(const Value& value);
 
