@@ -5,7 +5,6 @@
 
 #include <benchmark/benchmark.h>
 #include <simdjson.h>
-
 #include <time.h>
 
 #include <cstdio>
@@ -59,10 +58,9 @@ Value makeChange(std::mt19937_64& rng, int index) {
   return Value::dictionary(
       {{"name", Value(name)},
        {"date", Value(date)},
-       {"changes",
-        Value::dictionary({{"insert", Value::dictionary({{"Note", inserts}})},
-                           {"update", Value::dictionary({{"Note", updates}})},
-                           {"delete", Value::dictionary({{"Note", deletes}})}})},
+       {"changes", Value::dictionary({{"insert", Value::dictionary({{"Note", inserts}})},
+                                      {"update", Value::dictionary({{"Note", updates}})},
+                                      {"delete", Value::dictionary({{"Note", deletes}})}})},
        {"session", Value::dictionary({{"userName", Value("jane")},
                                       {"fullUserName", Value("Jane Doe")},
                                       {"machineName", Value("jane-laptop")},

@@ -167,7 +167,9 @@ Value fromPlist(plist_t node, size_t depth, std::string* failure) {
       if (!failure->empty()) return Value();
       return Value::dictionary(std::move(entries));
     }
-    default: *failure = "an item has no known type"; return Value();
+    default:
+      *failure = "an item has no known type";
+      return Value();
   }
 }
 
@@ -179,8 +181,10 @@ plist_t toPlist(const Value& v, size_t depth, std::string* failure) {
     return nullptr;
   }
   switch (v.kind()) {
-    case K::Boolean: return plist_new_bool(v.boolValue() ? 1 : 0);
-    case K::Integer: return plist_new_uint(static_cast<uint64_t>(v.intValue()));
+    case K::Boolean:
+      return plist_new_bool(v.boolValue() ? 1 : 0);
+    case K::Integer:
+      return plist_new_uint(static_cast<uint64_t>(v.intValue()));
     case K::Float32:
     case K::Float64:
     case K::Decimal: {
@@ -188,7 +192,8 @@ plist_t toPlist(const Value& v, size_t depth, std::string* failure) {
       if (!std::isfinite(d)) break;
       return plist_new_real(d);
     }
-    case K::String: return plist_new_string(std::string(v.str()).c_str());
+    case K::String:
+      return plist_new_string(std::string(v.str()).c_str());
     case K::Data: {
       auto b = v.bytes();
       return plist_new_data(reinterpret_cast<const char*>(b.data()), b.size());
@@ -223,7 +228,8 @@ plist_t toPlist(const Value& v, size_t depth, std::string* failure) {
       }
       return dict.release();
     }
-    default: break;
+    default:
+      break;
   }
   if (failure->empty()) *failure = std::string("a value of kind ") + Value::kindName(v.kind());
   return nullptr;
@@ -233,7 +239,8 @@ plist_t toPlist(const Value& v, size_t depth, std::string* failure) {
 
 Value readPropertyList(std::span<const uint8_t> bytes, Error* error) {
   auto fail = [&](std::string why) {
-    if (error) *error = plistError(kPropertyListReadCorruptError, "Invalid property list: " + why + ".");
+    if (error)
+      *error = plistError(kPropertyListReadCorruptError, "Invalid property list: " + why + ".");
     return Value();
   };
   if (bytes.empty()) return fail("the data is empty");
@@ -279,7 +286,9 @@ std::string writePropertyListXML(const Value& value, Error* error) {
   uint32_t length = 0;
   plist_to_xml(root.get(), &xml, &length);
   if (!xml) {
-    if (error) *error = plistError(kPropertyListWriteInvalidError, "The property list could not be written.");
+    if (error)
+      *error =
+          plistError(kPropertyListWriteInvalidError, "The property list could not be written.");
     return {};
   }
   std::string out(xml, length);

@@ -136,8 +136,8 @@ void UserDefaults::setObject(std::string_view key, Value value) {
   Error error;
   std::string xml = writePropertyListXML(next, &error);
   if (error) {
-    systemLog("Not storing the user default \"" + std::string(key) + "\": " +
-              error.localizedDescription());
+    systemLog("Not storing the user default \"" + std::string(key) +
+              "\": " + error.localizedDescription());
     return;
   }
   values_ = std::move(next);
