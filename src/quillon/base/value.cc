@@ -70,6 +70,13 @@ class HashIndex {
     }
   }
 
+  // Empties the index and sizes it for `count` positions.
+  void prepare(size_t count) {
+    size_t capacity = 16;
+    while (capacity < count * 2 + 2) capacity <<= 1;
+    slots_.assign(capacity, 0);
+  }
+
   bool needsGrowth(size_t count) const { return count * 2 + 2 > slots_.size(); }
 
  private:
@@ -370,6 +377,49 @@ Value Value::dictionary(bool isMutable) {
 Value Value::dictionary(std::initializer_list<Entry> entries, bool isMutable) {
   Value v = dictionary(isMutable);
   for (const auto& [k, val] : entries) v.set(k, val);
+  return v;
+}
+
+Value Value::dictionary(std::vector<Entry>&& entries, bool isMutable) {
+  Value v(Kind::Dictionary);
+  auto* n = makeNode<DictionaryNode>(isMutable);
+  v.u_.n = n;
+  n->entries = std::move(entries);
+  auto& e = n->entries;
+  bool indexed = e.size() > detail::HashIndex::kThreshold;
+  if (indexed) n->index.prepare(e.size());
+  size_t kept = 0;
+  for (size_t i = 0; i < e.size(); ++i) {
+    if (e[i].second.isNil()) continue;
+    const Value& key = e[i].first;
+    size_t h = indexed ? key.hash() : 0;
+    std::optional<size_t> earlier;
+    if (indexed) {
+      earlier = n->index.lookup(h, [&](size_t j) { return e[j].first == key; });
+    } else {
+      bool stringKey = key.isString();
+      for (size_t j = 0; j < kept; ++j) {
+        // Parsers build string keys; comparing their bytes skips the
+        // general cross-kind equality.
+        if (stringKey && e[j].first.isString() ? e[j].first.str() == key.str()
+                                              : e[j].first == key) {
+          earlier = j;
+          break;
+        }
+      }
+    }
+    if (earlier) {
+      e[*earlier].second = std::move(e[i].second);
+      continue;
+    }
+    if (kept != i) e[kept] = std::move(e[i]);
+    if (indexed) n->index.place(h, static_cast<uint32_t>(kept));
+    ++kept;
+  }
+  if (kept != e.size()) {
+    e.resize(kept);
+    n->reindex();
+  }
   return v;
 }
 

@@ -143,6 +143,10 @@ class Value {
   static Value mutableArray() { return array(true); }
   static Value dictionary(bool isMutable = false);
   static Value dictionary(std::initializer_list<Entry> entries, bool isMutable = false);
+  // Takes the entries in order without copying them; a repeated key keeps its
+  // first position and its last value, and entries with a nil value are
+  // dropped, as set() would do. The fast way to build large dictionaries.
+  static Value dictionary(std::vector<Entry>&& entries, bool isMutable = false);
   static Value mutableDictionary() { return dictionary(true); }
   static Value set(bool isMutable = false);
   static Value set(std::initializer_list<Value> elements, bool isMutable = false);
@@ -255,6 +259,9 @@ class Value {
 
   // Identity: the same node (or equal scalars of the same kind).
   static bool identical(const Value& a, const Value& b);
+  // The address of the shared node, nullptr for scalars: a key for identity
+  // maps (valid while some handle to the node lives).
+  const void* identity() const noexcept { return node(); }
   // Deep equality; numbers by value across kinds, sets regardless of order.
   bool operator==(const Value& other) const;
   size_t hash() const;

@@ -29,7 +29,8 @@ class Volumes {
   // The volume holding an existing path (the mount with the longest matching
   // mount point); nullopt when the path does not exist.
   static std::optional<VolumeInfo> volumeForPath(const std::string& path);
-  // Every mounted volume, in the order the system lists them.
+  // Every mounted volume, in the order the system lists them; kernel pseudo
+  // file systems (proc, sysfs, cgroup …) are left out.
   static std::vector<VolumeInfo> mountedVolumes();
 };
 

@@ -1,0 +1,639 @@
+#include "quillon/graph/predicate_node.h"
+
+#include <array>
+#include <cinttypes>
+#include <cmath>
+#include <cstdio>
+
+namespace quillon::predicate_internal {
+namespace {
+
+// Markers of a compiled LIKE pattern; outside the code-point range.
+constexpr char32_t kLikeStar = 0xFFFFFFF0;
+constexpr char32_t kLikeAny = 0xFFFFFFF1;
+
+// Bounds on what is handed to std::regex, whose compiler recurses per nesting
+// level and whose matcher per subject character and group level: a pattern
+// longer than kMaxRegexPattern never matches, and a subject may have at most
+// kRegexRecursionBudget / (group depth + 1) characters. The budget keeps the
+// deepest recursion well inside a default 8 MiB thread stack, sanitizers
+// included.
+constexpr size_t kMaxRegexPattern = 1000;
+constexpr size_t kRegexRecursionBudget = 2000;
+constexpr size_t kMaxCachedRegexes = 32;
+
+// The deepest nesting of groups in a pattern, plus one.
+size_t regexWeight(std::u32string_view pattern) {
+  size_t depth = 0, deepest = 0;
+  bool inClass = false;
+  for (size_t i = 0; i < pattern.size(); ++i) {
+    char32_t c = pattern[i];
+    if (c == '\\') {
+      ++i;
+    } else if (inClass) {
+      inClass = c != ']';
+    } else if (c == '[') {
+      inClass = true;
+    } else if (c == '(') {
+      deepest = std::max(deepest, ++depth);
+    } else if (c == ')' && depth > 0) {
+      --depth;
+    }
+  }
+  return deepest + 1;
+}
+
+// Reusable buffers, so that folding text allocates only while they grow.
+thread_local std::u32string tlsText;
+thread_local std::u32string tlsNeedle;
+thread_local std::u32string tlsPattern;
+thread_local std::wstring tlsWide;
+
+const Value& nilValue() {
+  static const Value* nil = new Value();
+  return *nil;
+}
+
+bool isNone(const Value& v) { return v.isNil() || v.isNull(); }
+
+void compileLike(const std::u32string& folded, std::u32string* out) {
+  out->clear();
+  for (size_t i = 0; i < folded.size(); ++i) {
+    char32_t c = folded[i];
+    if (c == '\\' && i + 1 < folded.size()) {
+      out->push_back(folded[++i]);
+    } else if (c == '*') {
+      out->push_back(kLikeStar);
+    } else if (c == '?') {
+      out->push_back(kLikeAny);
+    } else {
+      out->push_back(c);
+    }
+  }
+}
+
+// Wildcard matching with single-star backtracking: linear in practice and
+// never recursive.
+bool likeMatch(std::u32string_view text, std::u32string_view pattern) {
+  size_t t = 0, p = 0, starP = std::u32string_view::npos, starT = 0;
+  while (t < text.size()) {
+    if (p < pattern.size() && (pattern[p] == kLikeAny || pattern[p] == text[t])) {
+      ++t;
+      ++p;
+    } else if (p < pattern.size() && pattern[p] == kLikeStar) {
+      starP = p++;
+      starT = t;
+    } else if (starP != std::u32string_view::npos) {
+      p = starP + 1;
+      t = ++starT;
+    } else {
+      return false;
+    }
+  }
+  while (p < pattern.size() && pattern[p] == kLikeStar) ++p;
+  return p == pattern.size();
+}
+
+void appendQuoted(std::string_view s, std::string* out) {
+  out->push_back('"');
+  for (char c : s) {
+    switch (c) {
+      case '"': *out += "\\\""; break;
+      case '\\': *out += "\\\\"; break;
+      case '\n': *out += "\\n"; break;
+      case '\r': *out += "\\r"; break;
+      case '\t': *out += "\\t"; break;
+      default:
+        if (static_cast<unsigned char>(c) < 0x20) {
+          char buf[8];
+          std::snprintf(buf, sizeof buf, "\\u%04x", static_cast<unsigned>(c));
+          *out += buf;
+        } else {
+          out->push_back(c);
+        }
+    }
+  }
+  out->push_back('"');
+}
+
+void appendDouble(double d, std::string* out) {
+  char buf[40];
+  std::snprintf(buf, sizeof buf, "%.17g", d);
+  *out += buf;
+}
+
+void formatValue(const Value& v, std::string* out) {
+  switch (v.kind()) {
+    case Value::Kind::Nil:
+    case Value::Kind::Null: *out += "nil"; return;
+    case Value::Kind::Boolean: *out += v.boolValue() ? "YES" : "NO"; return;
+    case Value::Kind::Integer: *out += std::to_string(v.intValue()); return;
+    case Value::Kind::Float32:
+    case Value::Kind::Float64: appendDouble(v.doubleValue(), out); return;
+    case Value::Kind::Decimal: *out += v.decimalValue().toString(); return;
+    case Value::Kind::String: appendQuoted(v.str(), out); return;
+    case Value::Kind::Date:
+      *out += "CAST(";
+      appendDouble(v.dateValue(), out);
+      *out += ", \"NSDate\")";
+      return;
+    case Value::Kind::Array:
+    case Value::Kind::Set:
+    case Value::Kind::OrderedSet: {
+      *out += "{";
+      bool first = true;
+      for (const Value& e : v.elements()) {
+        if (!first) *out += ", ";
+        first = false;
+        formatValue(e, out);
+      }
+      *out += "}";
+      return;
+    }
+    default: *out += v.description(); return;
+  }
+}
+
+void formatKeyPath(const quillon::KeyPath& path, std::string* out) {
+  if (path.isSelf()) {
+    *out += "SELF";
+    return;
+  }
+  std::string_view s = path.string();
+  size_t start = 0;
+  for (;;) {
+    size_t dot = s.find('.', start);
+    std::string_view part = s.substr(start, dot == s.npos ? s.npos : dot - start);
+    if (start != 0) out->push_back('.');
+    if (part == "self" || part == "SELF") {
+      *out += "SELF";
+    } else {
+      if (isReservedWord(part)) out->push_back('#');
+      *out += part;
+    }
+    if (dot == s.npos) break;
+    start = dot + 1;
+  }
+}
+
+void formatExpression(const Expression& e, std::string* out) {
+  switch (e.type) {
+    case Expression::Type::Constant: formatValue(e.constant, out); return;
+    case Expression::Type::KeyPath: formatKeyPath(e.keyPath, out); return;
+    case Expression::Type::Variable: *out += "$" + e.variable; return;
+    case Expression::Type::Aggregate: {
+      *out += "{";
+      for (size_t i = 0; i < e.elements.size(); ++i) {
+        if (i) *out += ", ";
+        formatExpression(e.elements[i], out);
+      }
+      *out += "}";
+      return;
+    }
+  }
+}
+
+const char* operatorText(Operator op) {
+  switch (op) {
+    case Operator::Equal: return "==";
+    case Operator::NotEqual: return "!=";
+    case Operator::Less: return "<";
+    case Operator::LessOrEqual: return "<=";
+    case Operator::Greater: return ">";
+    case Operator::GreaterOrEqual: return ">=";
+    case Operator::Between: return "BETWEEN";
+    case Operator::BeginsWith: return "BEGINSWITH";
+    case Operator::EndsWith: return "ENDSWITH";
+    case Operator::Contains: return "CONTAINS";
+    case Operator::Like: return "LIKE";
+    case Operator::Matches: return "MATCHES";
+    case Operator::In: return "IN";
+  }
+  return "?";
+}
+
+bool substituteExpression(const Expression& e, const Value& variables, Expression* out) {
+  if (e.type == Expression::Type::Variable) {
+    const Value* v = variables.find(std::string_view(e.variable));
+    if (!v) return false;
+    *out = Expression::makeConstant(*v);
+    return true;
+  }
+  if (e.type == Expression::Type::Aggregate) {
+    bool changed = false;
+    Expression copy = e;
+    for (auto& element : copy.elements) {
+      Expression replaced;
+      if (substituteExpression(element, variables, &replaced)) {
+        element = std::move(replaced);
+        changed = true;
+      }
+    }
+    if (changed) *out = std::move(copy);
+    return changed;
+  }
+  return false;
+}
+
+}  // namespace
+
+// ---- Expressions -----------------------------------------------------------
+
+Expression Expression::makeConstant(Value v) {
+  Expression e;
+  e.type = Type::Constant;
+  e.constant = std::move(v);
+  return e;
+}
+
+Expression Expression::makeKeyPath(std::string_view path) {
+  Expression e;
+  e.type = Type::KeyPath;
+  e.keyPath = quillon::KeyPath(path);
+  return e;
+}
+
+Expression Expression::makeVariable(std::string_view name) {
+  Expression e;
+  e.type = Type::Variable;
+  e.variable = std::string(name);
+  return e;
+}
+
+const Value& Expression::evaluate(const Value& object, const Value& variables,
+                                  Value* storage) const {
+  switch (type) {
+    case Type::Constant: return constant;
+    case Type::KeyPath: return keyPath.resolve(object, storage);
+    case Type::Variable: return variables.get(std::string_view(variable));
+    case Type::Aggregate: {
+      Value array = Value::array();
+      array.reserve(elements.size());
+      for (const Expression& element : elements) {
+        Value elementStorage;
+        const Value& v = element.evaluate(object, variables, &elementStorage);
+        array.append(isNone(v) ? Value::null() : v);
+      }
+      *storage = std::move(array);
+      return *storage;
+    }
+  }
+  return nilValue();
+}
+
+bool Expression::operator==(const Expression& other) const {
+  if (type != other.type) return false;
+  switch (type) {
+    case Type::Constant: return constant == other.constant;
+    case Type::KeyPath: return keyPath.string() == other.keyPath.string();
+    case Type::Variable: return variable == other.variable;
+    case Type::Aggregate: return elements == other.elements;
+  }
+  return false;
+}
+
+// ---- Regular expressions ---------------------------------------------------
+
+std::shared_ptr<const RegexCache::Compiled> RegexCache::get(std::u32string_view pattern,
+                                                            bool caseInsensitive) {
+  std::u32string key(pattern);
+  key.push_back(caseInsensitive ? U'i' : U'-');
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (const auto& [k, regex] : entries_) {
+    if (k == key) return regex;
+  }
+  std::shared_ptr<const Compiled> compiled;
+  if (pattern.size() <= kMaxRegexPattern) {
+    try {
+      auto flags = std::regex::ECMAScript;
+      if (caseInsensitive) flags |= std::regex::icase;
+      std::wstring wide(pattern.begin(), pattern.end());
+      compiled = std::make_shared<const Compiled>(
+          Compiled{std::wregex(wide, flags), kRegexRecursionBudget / regexWeight(pattern)});
+    } catch (const std::regex_error&) {
+      compiled = nullptr;
+    }
+  }
+  if (entries_.size() >= kMaxCachedRegexes) entries_.erase(entries_.begin());
+  entries_.emplace_back(std::move(key), compiled);
+  return compiled;
+}
+
+// ---- Construction ----------------------------------------------------------
+
+NodePtr makeConstantNode(bool value) {
+  auto node = std::make_shared<Node>();
+  node->type = value ? Node::Type::True : Node::Type::False;
+  return node;
+}
+
+NodePtr makeCompound(Node::Type type, std::vector<NodePtr> children) {
+  auto node = std::make_shared<Node>();
+  node->type = type;
+  node->children = std::move(children);
+  return node;
+}
+
+NodePtr makeComparison(Modifier modifier, Expression lhs, Operator op, FoldOptions options,
+                       Expression rhs) {
+  auto node = std::make_shared<Node>();
+  node->type = Node::Type::Comparison;
+  node->modifier = modifier;
+  node->op = op;
+  node->options = options;
+  node->lhs = std::move(lhs);
+  node->rhs = std::move(rhs);
+  if (node->rhs.type == Expression::Type::Constant && node->rhs.constant.isString()) {
+    node->rhsPrepared = true;
+    foldText(node->rhs.constant.str(), options, &node->foldedRhs);
+    if (op == Operator::Like) compileLike(node->foldedRhs, &node->likePattern);
+  }
+  if (op == Operator::Matches) node->regexes = std::make_unique<RegexCache>();
+  return node;
+}
+
+// ---- Evaluation ------------------------------------------------------------
+
+bool Node::evaluate(const Value& object, const Value& variables) const {
+  switch (type) {
+    case Type::True: return true;
+    case Type::False: return false;
+    case Type::And:
+      for (const auto& child : children) {
+        if (!child->evaluate(object, variables)) return false;
+      }
+      return true;
+    case Type::Or:
+      for (const auto& child : children) {
+        if (child->evaluate(object, variables)) return true;
+      }
+      return false;
+    case Type::Not: return !children[0]->evaluate(object, variables);
+    case Type::Comparison: return evaluateComparison(object, variables);
+  }
+  return false;
+}
+
+bool Node::evaluateComparison(const Value& object, const Value& variables) const {
+  Value leftStorage, rightStorage;
+  const Value& left = lhs.evaluate(object, variables, &leftStorage);
+  const Value& right = rhs.evaluate(object, variables, &rightStorage);
+  if (modifier == Modifier::Direct) return compare(left, right, rhsPrepared);
+  std::span<const Value> elements;
+  if (left.isSequence()) {
+    elements = left.elements();
+  } else if (!isNone(left)) {
+    elements = std::span<const Value>(&left, 1);
+  }
+  bool any = false;
+  for (const Value& element : elements) {
+    bool matched = compare(element, right, rhsPrepared);
+    if (modifier == Modifier::All && !matched) return false;
+    if (matched) {
+      any = true;
+      if (modifier != Modifier::All) break;
+    }
+  }
+  switch (modifier) {
+    case Modifier::Any: return any;
+    case Modifier::None: return !any;
+    default: return true;  // All: no element failed
+  }
+}
+
+namespace {
+
+bool equalValues(const Value& l, const Value& r, FoldOptions options) {
+  if (l.isString() && r.isString()) {
+    return options.any() ? compareFolded(l.str(), r.str(), options) == 0 : l.str() == r.str();
+  }
+  if (isNone(l) || isNone(r)) return isNone(l) && isNone(r);
+  return l == r;
+}
+
+// Orders two values of a comparable pair of kinds; false for any other pair.
+bool ordered(const Value& l, const Value& r, FoldOptions options, int* result) {
+  if (l.isString() && r.isString()) {
+    *result = compareFolded(l.str(), r.str(), options);
+    return true;
+  }
+  if ((l.isNumber() && r.isNumber()) || (l.isDate() && r.isDate())) {
+    *result = compareValues(l, r);
+    return true;
+  }
+  return false;
+}
+
+bool containsText(std::string_view haystack, std::string_view needle, FoldOptions options,
+                  const std::u32string* preparedNeedle) {
+  if (!options.any()) return haystack.find(needle) != std::string_view::npos;
+  if (!preparedNeedle) {
+    foldText(needle, options, &tlsNeedle);
+    preparedNeedle = &tlsNeedle;
+  }
+  foldText(haystack, options, &tlsText);
+  return std::u32string_view(tlsText).find(*preparedNeedle) != std::u32string_view::npos;
+}
+
+bool containsElement(const Value& collection, const Value& element, FoldOptions options) {
+  if (collection.isDictionary()) {
+    for (const auto& entry : collection.items()) {
+      if (equalValues(entry.second, element, options)) return true;
+    }
+    return false;
+  }
+  for (const Value& e : collection.elements()) {
+    if (equalValues(e, element, options)) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+bool Node::compare(const Value& left, const Value& right, bool rhsIsConstant) const {
+  int order = 0;
+  switch (op) {
+    case Operator::Equal: return equalValues(left, right, options);
+    case Operator::NotEqual: return !equalValues(left, right, options);
+    case Operator::Less: return ordered(left, right, options, &order) && order < 0;
+    case Operator::LessOrEqual: return ordered(left, right, options, &order) && order <= 0;
+    case Operator::Greater: return ordered(left, right, options, &order) && order > 0;
+    case Operator::GreaterOrEqual: return ordered(left, right, options, &order) && order >= 0;
+    case Operator::Between: {
+      if (!right.isSequence() || right.size() != 2) return false;
+      int low = 0, high = 0;
+      return ordered(left, right[0], options, &low) && ordered(left, right[1], options, &high) &&
+             low >= 0 && high <= 0;
+    }
+    case Operator::In:
+      if (right.isContainer()) return containsElement(right, left, options);
+      if (right.isString() && left.isString()) {
+        return containsText(right.str(), left.str(), options, nullptr);
+      }
+      return false;
+    case Operator::Contains:
+      if (left.isContainer()) return containsElement(left, right, options);
+      if (left.isString() && right.isString()) {
+        return containsText(left.str(), right.str(), options, rhsIsConstant ? &foldedRhs : nullptr);
+      }
+      return false;
+    default: break;
+  }
+  if (!left.isString() || !right.isString()) return false;
+  std::string_view text = left.str();
+  switch (op) {
+    case Operator::BeginsWith: {
+      if (!options.any()) return text.starts_with(right.str());
+      const std::u32string* prefix = &foldedRhs;
+      if (!rhsIsConstant) {
+        foldText(right.str(), options, &tlsNeedle);
+        prefix = &tlsNeedle;
+      }
+      size_t i = 0;
+      for (char32_t expected : *prefix) {
+        if (nextFolded(text, &i, options) != expected) return false;
+      }
+      return true;
+    }
+    case Operator::EndsWith: {
+      if (!options.any()) return text.ends_with(right.str());
+      const std::u32string* suffix = &foldedRhs;
+      if (!rhsIsConstant) {
+        foldText(right.str(), options, &tlsNeedle);
+        suffix = &tlsNeedle;
+      }
+      foldText(text, options, &tlsText);
+      return std::u32string_view(tlsText).ends_with(*suffix);
+    }
+    case Operator::Like: {
+      const std::u32string* pattern = &likePattern;
+      if (!rhsIsConstant) {
+        foldText(right.str(), options, &tlsNeedle);
+        compileLike(tlsNeedle, &tlsPattern);
+        pattern = &tlsPattern;
+      }
+      foldText(text, options, &tlsText);
+      return likeMatch(tlsText, *pattern);
+    }
+    case Operator::Matches: {
+      // Case folding is left to the regex (icase), since folding the pattern
+      // would change escapes such as \D; diacritics fold on both sides.
+      FoldOptions fold{false, options.diacriticInsensitive};
+      foldText(right.str(), fold, &tlsNeedle);
+      auto compiled = regexes->get(tlsNeedle, options.caseInsensitive);
+      if (!compiled || text.size() > compiled->maxSubject * 4) return false;
+      foldText(text, fold, &tlsText);
+      if (tlsText.size() > compiled->maxSubject) return false;
+      tlsWide.assign(tlsText.begin(), tlsText.end());
+      return std::regex_match(tlsWide, compiled->regex);
+    }
+    default: return false;
+  }
+}
+
+// ---- Formatting, equality, substitution ------------------------------------
+
+void format(const Node& node, std::string* out) {
+  switch (node.type) {
+    case Node::Type::True: *out += "TRUEPREDICATE"; return;
+    case Node::Type::False: *out += "FALSEPREDICATE"; return;
+    case Node::Type::Not:
+    case Node::Type::And:
+    case Node::Type::Or: {
+      if (node.type == Node::Type::Not) *out += "NOT ";
+      for (size_t i = 0; i < node.children.size(); ++i) {
+        if (i) *out += node.type == Node::Type::And ? " AND " : " OR ";
+        const Node& child = *node.children[i];
+        bool wrap = child.type == Node::Type::And || child.type == Node::Type::Or;
+        if (wrap) out->push_back('(');
+        format(child, out);
+        if (wrap) out->push_back(')');
+      }
+      return;
+    }
+    case Node::Type::Comparison: {
+      switch (node.modifier) {
+        case Modifier::Any: *out += "ANY "; break;
+        case Modifier::All: *out += "ALL "; break;
+        case Modifier::None: *out += "NONE "; break;
+        case Modifier::Direct: break;
+      }
+      formatExpression(node.lhs, out);
+      out->push_back(' ');
+      *out += operatorText(node.op);
+      if (node.options.any()) {
+        *out += "[";
+        if (node.options.caseInsensitive) out->push_back('c');
+        if (node.options.diacriticInsensitive) out->push_back('d');
+        *out += "]";
+      }
+      out->push_back(' ');
+      formatExpression(node.rhs, out);
+      return;
+    }
+  }
+}
+
+bool equal(const Node& a, const Node& b) {
+  if (a.type != b.type) return false;
+  if (a.type == Node::Type::Comparison) {
+    return a.modifier == b.modifier && a.op == b.op &&
+           a.options.caseInsensitive == b.options.caseInsensitive &&
+           a.options.diacriticInsensitive == b.options.diacriticInsensitive && a.lhs == b.lhs &&
+           a.rhs == b.rhs;
+  }
+  if (a.children.size() != b.children.size()) return false;
+  for (size_t i = 0; i < a.children.size(); ++i) {
+    if (!equal(*a.children[i], *b.children[i])) return false;
+  }
+  return true;
+}
+
+NodePtr substitute(const NodePtr& node, const Value& variables) {
+  switch (node->type) {
+    case Node::Type::True:
+    case Node::Type::False: return node;
+    case Node::Type::And:
+    case Node::Type::Or:
+    case Node::Type::Not: {
+      bool changed = false;
+      std::vector<NodePtr> children;
+      children.reserve(node->children.size());
+      for (const auto& child : node->children) {
+        children.push_back(substitute(child, variables));
+        changed |= children.back() != child;
+      }
+      return changed ? makeCompound(node->type, std::move(children)) : node;
+    }
+    case Node::Type::Comparison: {
+      Expression lhs = node->lhs, rhs = node->rhs;
+      bool changed = substituteExpression(node->lhs, variables, &lhs);
+      changed |= substituteExpression(node->rhs, variables, &rhs);
+      if (!changed) return node;
+      return makeComparison(node->modifier, std::move(lhs), node->op, node->options, std::move(rhs));
+    }
+  }
+  return node;
+}
+
+bool isReservedWord(std::string_view word) {
+  static constexpr std::array<std::string_view, 29> kWords = {
+      "AND",      "OR",       "NOT",           "IN",         "BETWEEN", "BEGINSWITH",
+      "ENDSWITH", "CONTAINS", "LIKE",          "MATCHES",    "ANY",     "ALL",
+      "NONE",     "SOME",     "TRUEPREDICATE", "FALSEPREDICATE", "YES", "NO",
+      "TRUE",     "FALSE",    "NIL",           "NULL",       "SELF",    "CAST",
+      "FIRST",    "LAST",     "SIZE",          "SUBQUERY",   "FUNCTION"};
+  for (std::string_view w : kWords) {
+    if (w.size() != word.size()) continue;
+    bool same = true;
+    for (size_t i = 0; i < w.size() && same; ++i) {
+      char c = word[i];
+      if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 32);
+      same = c == w[i];
+    }
+    if (same) return true;
+  }
+  return false;
+}
+
+}  // namespace quillon::predicate_internal

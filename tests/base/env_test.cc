@@ -1,0 +1,211 @@
+#include "quillon/base/env.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "support/fault_env.h"
+#include "support/temp_dir.h"
+
+namespace quillon {
+namespace {
+
+std::vector<std::string> namesIn(Env* env, const std::string& folder) {
+  std::vector<std::string> names;
+  EXPECT_FALSE(env->listDirectory(folder, &names));
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+TEST(EnvTest, AtomicWriteReplacesContentsAndLeavesNoTemporaryFile) {
+  TempDir dir;
+  Env* env = Env::Default();
+  const std::string path = dir.file("Info.plist");
+  ASSERT_FALSE(env->writeFileAtomically(path, "first version, longer"));
+  ASSERT_FALSE(env->writeFileAtomically(path, "second"));
+  EXPECT_EQ(dir.read("Info.plist"), "second");
+  EXPECT_EQ(namesIn(env, dir.path()), std::vector<std::string>{"Info.plist"});
+
+  // A write into a missing folder fails cleanly.
+  Error e = env->writeFileAtomically(dir.file("missing/x"), "x");
+  ASSERT_TRUE(e);
+  EXPECT_EQ(e.domain(), kPosixErrorDomain);
+  EXPECT_EQ(e.code(), ENOENT);
+}
+
+TEST(EnvTest, ReadingAMissingFileIsAnEnoentPosixError) {
+  TempDir dir;
+  std::vector<uint8_t> contents{1, 2, 3};
+  Error e = Env::Default()->readFile(dir.file("nothing.json"), &contents);
+  ASSERT_TRUE(e);
+  EXPECT_EQ(e.domain(), kPosixErrorDomain);
+  EXPECT_EQ(e.code(), ENOENT);
+  EXPECT_TRUE(contents.empty());
+  // Reading a folder is an error too, not an empty file.
+  EXPECT_TRUE(Env::Default()->readFile(dir.path(), &contents));
+}
+
+TEST(EnvTest, MoveRefusesAnExistingDestination) {
+  TempDir dir;
+  Env* env = Env::Default();
+  dir.write("a", "from a");
+  dir.write("b", "from b");
+  Error e = env->moveItem(dir.file("a"), dir.file("b"));
+  ASSERT_TRUE(e);
+  EXPECT_EQ(e.code(), EEXIST);
+  EXPECT_EQ(dir.read("a"), "from a");
+  EXPECT_EQ(dir.read("b"), "from b");
+
+  ASSERT_FALSE(env->moveItem(dir.file("a"), dir.file("c")));
+  EXPECT_FALSE(env->exists(dir.file("a")));
+  EXPECT_EQ(dir.read("c"), "from a");
+}
+
+TEST(EnvTest, ListRecursivelyPutsParentsFirstAndSortsEachFolder) {
+  TempDir dir;
+  dir.write("b/z", "");
+  dir.write("b/a/deep", "");
+  dir.write("a", "");
+  dir.write("c/x", "");
+  std::vector<std::string> paths;
+  ASSERT_FALSE(Env::Default()->listRecursively(dir.path(), &paths));
+  EXPECT_EQ(paths, (std::vector<std::string>{"a", "b", "b/a", "b/a/deep", "b/z", "c", "c/x"}));
+
+  EXPECT_TRUE(Env::Default()->listRecursively(dir.file("missing"), &paths));
+}
+
+TEST(EnvTest, RemoveItemTakesAWholeTree) {
+  TempDir dir;
+  Env* env = Env::Default();
+  dir.write("Package/Entities/Note/1.json", "{}");
+  dir.write("Package/Changes/c", "{}");
+  ASSERT_FALSE(env->createDirectories(dir.file("Package/Empty/Deeper")));
+  EXPECT_TRUE(env->isDirectory(dir.file("Package/Empty/Deeper")));
+  ASSERT_FALSE(env->removeItem(dir.file("Package")));
+  EXPECT_FALSE(env->exists(dir.file("Package")));
+  EXPECT_TRUE(namesIn(env, dir.path()).empty());
+  EXPECT_EQ(env->removeItem(dir.file("Package")).code(), ENOENT);
+}
+
+TEST(EnvTest, CreateDirectoriesOverAFileFails) {
+  TempDir dir;
+  dir.write("file", "x");
+  EXPECT_TRUE(Env::Default()->createDirectories(dir.file("file")));
+  EXPECT_TRUE(Env::Default()->createDirectories(dir.file("file/below")));
+  EXPECT_FALSE(Env::Default()->createDirectories(dir.path()));  // existing folder is fine
+}
+
+TEST(EnvTest, AttributesTellAPlaceholderFromAFile) {
+  TempDir dir;
+  Env* env = Env::Default();
+  const std::string sparse = dir.file("evicted");
+  int fd = ::open(sparse.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(::ftruncate(fd, 1 << 20), 0);
+  ::close(fd);
+  dir.write("present", std::string(10000, 'x'));
+
+  FileAttributes a;
+  ASSERT_FALSE(env->attributes(sparse, &a));
+  EXPECT_TRUE(a.isRegular());
+  EXPECT_EQ(a.size, 1u << 20);
+  EXPECT_EQ(a.allocatedSize, 0u);
+
+  FileAttributes b;
+  ASSERT_FALSE(env->attributes(dir.file("present"), &b));
+  EXPECT_EQ(b.size, 10000u);
+  EXPECT_GE(b.allocatedSize, 10000u);
+  EXPECT_NE(a.fileNumber, b.fileNumber);
+  EXPECT_EQ(a.device, b.device);
+  // Written just now: the date is this century, in reference-date seconds.
+  EXPECT_GT(b.modificationDate, 7e8);
+
+  FileAttributes folder;
+  ASSERT_FALSE(env->attributes(dir.path(), &folder));
+  EXPECT_TRUE(folder.isDirectory());
+}
+
+TEST(TempDirTest, IsUniqueAndRemovedWithItsContents) {
+  std::string kept;
+  {
+    TempDir one;
+    TempDir two;
+    EXPECT_NE(one.path(), two.path());
+    one.write("a/b/c.txt", "hello");
+    EXPECT_EQ(one.read("a/b/c.txt"), "hello");
+    EXPECT_EQ(one.file("/a"), one.path() + "/a");
+    kept = one.path();
+  }
+  EXPECT_FALSE(Env::Default()->exists(kept));
+}
+
+TEST(FaultInjectingEnvTest, CountsByKindAndPath) {
+  TempDir dir;
+  FaultInjectingEnv env;
+  ASSERT_FALSE(env.createDirectories(dir.file("Changes")));
+  ASSERT_FALSE(env.writeFileAtomically(dir.file("Changes/one.json"), "1"));
+  ASSERT_FALSE(env.writeFileAtomically(dir.file("Info.plist"), "2"));
+  ASSERT_FALSE(env.moveItem(dir.file("Info.plist"), dir.file("Changes/moved")));
+  std::vector<std::string> paths;
+  ASSERT_FALSE(env.listRecursively(dir.path(), &paths));
+
+  EXPECT_EQ(env.count(FaultInjectingEnv::Op::Write), 2u);
+  EXPECT_EQ(env.count(FaultInjectingEnv::Op::Write, "/Changes/"), 1u);
+  EXPECT_EQ(env.count(FaultInjectingEnv::Op::Move, "/Changes/"), 1u);   // by destination
+  EXPECT_EQ(env.count(FaultInjectingEnv::Op::Move, "Info.plist"), 1u);  // by source
+  EXPECT_EQ(env.count(FaultInjectingEnv::Op::List), 2u);                // the folder and Changes
+  EXPECT_EQ(env.count(FaultInjectingEnv::Op::Read), 0u);
+  EXPECT_GT(env.totalCount(), 6u);
+  env.resetCounts();
+  EXPECT_EQ(env.totalCount(), 0u);
+}
+
+TEST(FaultInjectingEnvTest, FailsMatchingOperationsAfterNSuccesses) {
+  TempDir dir;
+  FaultInjectingEnv env;
+  env.failAfter(FaultInjectingEnv::Op::Write, "/Entities/", 2, FaultInjectingEnv::Fault::NoSpace);
+  ASSERT_FALSE(env.createDirectories(dir.file("Entities")));
+  EXPECT_FALSE(env.writeFileAtomically(dir.file("Entities/1"), "1"));
+  EXPECT_FALSE(env.writeFileAtomically(dir.file("Other"), "not matching"));
+  EXPECT_FALSE(env.writeFileAtomically(dir.file("Entities/2"), "2"));
+  Error e = env.writeFileAtomically(dir.file("Entities/3"), "3");
+  ASSERT_TRUE(e);
+  EXPECT_EQ(e.domain(), kPosixErrorDomain);
+  EXPECT_EQ(e.code(), ENOSPC);
+  EXPECT_FALSE(Env::Default()->exists(dir.file("Entities/3")));  // nothing reached the disk
+  EXPECT_TRUE(env.writeFileAtomically(dir.file("Entities/4"), "4"));
+  EXPECT_EQ(env.injectedFailures(), 2u);
+
+  env.clearFaults();
+  EXPECT_FALSE(env.writeFileAtomically(dir.file("Entities/5"), "5"));
+
+  // A limited number of failures: the next one goes through again.
+  env.failAfter(FaultInjectingEnv::Op::Move, "", 0, FaultInjectingEnv::Fault::IoError, 1);
+  EXPECT_EQ(env.moveItem(dir.file("Other"), dir.file("Moved")).code(), EIO);
+  EXPECT_TRUE(Env::Default()->exists(dir.file("Other")));
+  EXPECT_FALSE(env.moveItem(dir.file("Other"), dir.file("Moved")));
+}
+
+TEST(FaultInjectingEnvTest, ShortReadAndFailedListing) {
+  TempDir dir;
+  dir.write("record.json", "0123456789");
+  FaultInjectingEnv env;
+  env.failAfter(FaultInjectingEnv::Op::Read, "record", 1, FaultInjectingEnv::Fault::ShortRead);
+  env.failAfter(FaultInjectingEnv::Op::List, dir.path(), 0, FaultInjectingEnv::Fault::IoError);
+  std::vector<uint8_t> bytes;
+  ASSERT_FALSE(env.readFile(dir.file("record.json"), &bytes));
+  EXPECT_EQ(bytes.size(), 10u);
+  ASSERT_FALSE(env.readFile(dir.file("record.json"), &bytes));
+  EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "01234");
+  std::vector<std::string> names{"stale"};
+  EXPECT_EQ(env.listDirectory(dir.path(), &names).code(), EIO);
+  EXPECT_TRUE(names.empty());
+}
+
+}  // namespace
+}  // namespace quillon

@@ -1,0 +1,78 @@
+#include "quillon/graph/sort_descriptor.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
+
+namespace quillon {
+namespace {
+
+Value item(Value title, Value rank, int id) {
+  return Value::object(std::make_shared<GenericObject>(
+      "Item", Value::dictionary({{"title", std::move(title)}, {"rank", std::move(rank)}, {"id", id}})));
+}
+
+std::vector<int64_t> ids(const std::vector<Value>& values) {
+  std::vector<int64_t> out;
+  for (const Value& v : values) out.push_back(v.objectValue()->valueForKey("id").intValue());
+  return out;
+}
+
+TEST(SortDescriptorTest, StableWithTiesAndSeveralKeys) {
+  std::vector<Value> values = {item("b", 2, 0), item("a", 1, 1), item("b", 1, 2),
+                               item("a", 1.0, 3), item("c", 2, 4), item("a", 2, 5)};
+  std::vector<SortDescriptor> byRank = {SortDescriptor("rank")};
+  SortDescriptor::sortValues(values, byRank);
+  EXPECT_EQ(ids(values), (std::vector<int64_t>{1, 2, 3, 0, 4, 5}));  // ties keep their order
+
+  std::vector<SortDescriptor> byTitleThenRankDown = {SortDescriptor("title"),
+                                                     SortDescriptor("rank", false)};
+  SortDescriptor::sortValues(values, byTitleThenRankDown);
+  EXPECT_EQ(ids(values), (std::vector<int64_t>{5, 1, 3, 0, 2, 4}));
+}
+
+TEST(SortDescriptorTest, CaseInsensitiveComparisonAndDescendingTies) {
+  std::vector<Value> values = {item("beta", 0, 0), item("Alpha", 0, 1), item("alpha", 0, 2),
+                               item("Beta", 0, 3)};
+  std::vector<SortDescriptor> plain = {SortDescriptor("title")};
+  SortDescriptor::sortValues(values, plain);
+  EXPECT_EQ(ids(values), (std::vector<int64_t>{1, 3, 2, 0}));  // upper case first in code points
+
+  std::vector<Value> again = {item("beta", 0, 0), item("Alpha", 0, 1), item("alpha", 0, 2),
+                              item("Beta", 0, 3)};
+  std::vector<SortDescriptor> folded = {
+      SortDescriptor("title", false, SortDescriptor::Comparison::CaseInsensitiveCompare)};
+  SortDescriptor::sortValues(again, folded);
+  EXPECT_EQ(ids(again), (std::vector<int64_t>{0, 3, 1, 2}));  // descending, ties stay stable
+  EXPECT_EQ(folded[0].key(), "title");
+  EXPECT_FALSE(folded[0].ascending());
+  EXPECT_TRUE(folded[0].reversed().ascending());
+}
+
+TEST(SortDescriptorTest, MissingValuesSortFirstAndBadPathsKeepOrder) {
+  std::vector<Value> values = {item("x", 3, 0), item(Value(), 1, 1), item("a", Value::null(), 2),
+                               item("b", Value(), 3)};
+  std::vector<SortDescriptor> byRank = {SortDescriptor("rank")};
+  SortDescriptor::sortValues(values, byRank);
+  EXPECT_EQ(ids(values), (std::vector<int64_t>{2, 3, 1, 0}));
+  std::vector<SortDescriptor> nowhere = {SortDescriptor("rank.nothing.here")};
+  SortDescriptor::sortValues(values, nowhere);
+  EXPECT_EQ(ids(values), (std::vector<int64_t>{2, 3, 1, 0}));
+}
+
+TEST(SortDescriptorTest, CompareObjectsFollowsKeyPathsAndDirection) {
+  Value early = Value::dictionary({{"meta", Value::dictionary({{"when", Value::date(5)}})}});
+  Value late = Value::dictionary({{"meta", Value::dictionary({{"when", Value::date(9)}})}});
+  EXPECT_EQ(SortDescriptor("meta.when").compareObjects(early, late), -1);
+  EXPECT_EQ(SortDescriptor("meta.when", false).compareObjects(early, late), 1);
+  EXPECT_EQ(SortDescriptor("meta.when").compareObjects(late, late), 0);
+  // Plain values sort by themselves.
+  std::vector<Value> numbers = {Value(3), Value(1.5), Value::decimal(*Decimal::parse("2")), Value(-1)};
+  std::vector<SortDescriptor> self = {SortDescriptor("self")};
+  SortDescriptor::sortValues(numbers, self);
+  EXPECT_EQ(numbers, (std::vector<Value>{Value(-1), Value(1.5), Value(2), Value(3)}));
+}
+
+}  // namespace
+}  // namespace quillon

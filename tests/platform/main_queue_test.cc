@@ -1,0 +1,199 @@
+#include "quillon/platform/main_queue.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/manual_clock.h"
+
+namespace quillon {
+namespace {
+
+using testing::ManualClock;
+
+class MainQueueTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    MainQueue::setMainThreadToCurrent();
+    MainQueue::drain();
+  }
+  void TearDown() override {
+    MainQueue::cancelPreviousPerformRequests(this);
+    MainQueue::drain();
+  }
+};
+
+TEST_F(MainQueueTest, AsyncBlocksRunInSubmissionOrderOnlyWhenTheLoopRuns) {
+  std::vector<int> order;
+  for (int i = 0; i < 5; ++i) MainQueue::async([&order, i] { order.push_back(i); });
+  EXPECT_TRUE(order.empty());
+  MainQueue::drain();
+  EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4}));
+}
+
+TEST_F(MainQueueTest, AsyncFromAnotherThreadRunsOnTheMainThread) {
+  std::atomic<bool> ran{false};
+  std::atomic<bool> onMain{false};
+  std::atomic<bool> workerSawMain{true};
+  std::thread worker([&] {
+    workerSawMain = MainQueue::isMainThread();
+    MainQueue::async([&] {
+      onMain = MainQueue::isMainThread();
+      ran = true;
+    });
+  });
+  EXPECT_TRUE(MainQueue::runUntil([&] { return ran.load(); }, 5.0));
+  worker.join();
+  EXPECT_TRUE(onMain);
+  EXPECT_FALSE(workerSawMain);
+}
+
+TEST_F(MainQueueTest, SyncRunsInlineOnMainAndWaitsFromElsewhere) {
+  int value = 0;
+  MainQueue::sync([&] { value = 1; });
+  EXPECT_EQ(value, 1);
+
+  std::atomic<bool> returned{false};
+  std::thread worker([&] {
+    MainQueue::sync([&] { value = 2; });
+    returned = true;
+  });
+  EXPECT_TRUE(MainQueue::runUntil([&] { return returned.load(); }, 5.0));
+  worker.join();
+  EXPECT_EQ(value, 2);
+}
+
+TEST_F(MainQueueTest, SyncCarriesExceptionsBackToTheCaller) {
+  std::atomic<bool> caught{false};
+  std::thread worker([&] {
+    try {
+      MainQueue::sync([] { throw std::runtime_error("boom"); });
+    } catch (const std::runtime_error&) {
+      caught = true;
+    }
+  });
+  EXPECT_TRUE(MainQueue::runUntil([&] { return caught.load(); }, 5.0));
+  worker.join();
+}
+
+TEST_F(MainQueueTest, DelayedCallsFireWhenTheManualClockReachesThemInDueOrder) {
+  ManualClock clock;
+  std::vector<std::string> fired;
+  MainQueue::afterDelay(
+      2.0, [&] { fired.push_back("late"); }, this, "late");
+  MainQueue::afterDelay(
+      1.0, [&] { fired.push_back("early"); }, this, "early");
+  MainQueue::afterDelay(
+      1.0, [&] { fired.push_back("early2"); }, this, "early");
+  MainQueue::drain();
+  EXPECT_TRUE(fired.empty());
+
+  clock.advance(0.999);
+  MainQueue::drain();
+  EXPECT_TRUE(fired.empty());
+
+  clock.advance(0.001);
+  MainQueue::drain();
+  EXPECT_EQ(fired, (std::vector<std::string>{"early", "early2"}));
+
+  clock.advance(5.0);
+  MainQueue::drain();
+  EXPECT_EQ(fired, (std::vector<std::string>{"early", "early2", "late"}));
+  EXPECT_EQ(MainQueue::pendingDelayedCallCount(), 0u);
+}
+
+TEST_F(MainQueueTest, RescheduledDebounceFiresOnceAfterTheLastReschedule) {
+  ManualClock clock;
+  int processed = 0;
+  auto invalidate = [&] {
+    MainQueue::cancelPreviousPerformRequests(this, "processChanges");
+    MainQueue::afterDelay(
+        1.0, [&] { ++processed; }, this, "processChanges");
+  };
+  for (int i = 0; i < 10; ++i) {
+    invalidate();
+    clock.advance(0.5);
+    MainQueue::drain();
+  }
+  EXPECT_EQ(processed, 0);
+  clock.advance(0.5);
+  MainQueue::drain();
+  EXPECT_EQ(processed, 1);
+  clock.advance(10.0);
+  MainQueue::drain();
+  EXPECT_EQ(processed, 1);
+}
+
+TEST_F(MainQueueTest, CancelMatchesTargetAndSelectorOnly) {
+  ManualClock clock;
+  int other = 0;
+  int same = 0;
+  int otherSelector = 0;
+  int otherTarget = 0;
+  MainQueue::afterDelay(
+      1.0, [&] { ++same; }, this, "save");
+  MainQueue::afterDelay(
+      1.0, [&] { ++otherSelector; }, this, "retry");
+  MainQueue::afterDelay(
+      1.0, [&] { ++otherTarget; }, &other, "save");
+  MainQueue::cancelPreviousPerformRequests(this, "save");
+  EXPECT_EQ(MainQueue::pendingDelayedCallCount(), 2u);
+  clock.advance(1.0);
+  MainQueue::drain();
+  EXPECT_EQ(same, 0);
+  EXPECT_EQ(otherSelector, 1);
+  EXPECT_EQ(otherTarget, 1);
+
+  // An empty selector cancels every call of the target; a null target nothing.
+  MainQueue::afterDelay(
+      1.0, [&] { ++same; }, this, "save");
+  MainQueue::afterDelay(
+      1.0, [&] { ++same; }, this, "retry");
+  MainQueue::afterDelay(1.0, [&] { ++otherTarget; });
+  MainQueue::cancelPreviousPerformRequests(this);
+  MainQueue::cancelPreviousPerformRequests(nullptr);
+  clock.advance(1.0);
+  MainQueue::drain();
+  EXPECT_EQ(same, 0);
+  EXPECT_EQ(otherTarget, 2);
+}
+
+TEST_F(MainQueueTest, RealClockDelayedCallFiresAfterItsDelay) {
+  bool fired = false;
+  double start = MainQueue::now();
+  MainQueue::afterDelay(
+      0.05, [&] { fired = true; }, this, "real");
+  EXPECT_TRUE(MainQueue::runUntil([&] { return fired; }, 5.0));
+  EXPECT_GE(MainQueue::now() - start, 0.05);
+}
+
+TEST_F(MainQueueTest, CallsScheduledFromACallWaitForTheNextIteration) {
+  ManualClock clock;
+  int runs = 0;
+  std::function<void()> again = [&] {
+    ++runs;
+    if (runs < 3) MainQueue::afterDelay(0, again, this, "again");
+  };
+  MainQueue::afterDelay(0, again, this, "again");
+  MainQueue::drain();
+  EXPECT_EQ(runs, 3);
+}
+
+TEST_F(MainQueueTest, RunUntilAnswersFalseWhenThePredicateNeverHolds) {
+  EXPECT_FALSE(MainQueue::runUntil([] { return false; }, 0.02));
+  EXPECT_TRUE(MainQueue::runUntil([] { return true; }, 0));
+}
+
+TEST_F(MainQueueTest, ABlockThatThrowsDoesNotStopTheQueue) {
+  bool after = false;
+  MainQueue::async([] { throw std::runtime_error("bad block"); });
+  MainQueue::async([&] { after = true; });
+  MainQueue::drain();
+  EXPECT_TRUE(after);
+}
+
+}  // namespace
+}  // namespace quillon
