@@ -10,6 +10,7 @@
 #include "quillon/graph/persistent_store_coordinator.h"
 #include "quillon/graph/undo_manager.h"
 #include "quillon/graph/validation_error.h"
+#include "quillon/platform/main_queue.h"
 #include "support/graph_stack.h"
 
 namespace quillon {
@@ -429,6 +430,22 @@ TEST_F(ContextTest, PrivateQueueContextSerialisesItsBlocks) {
   EXPECT_EQ(step.load(), 3);
   EXPECT_NE(asyncThread, caller);
   EXPECT_EQ(context()->countForFetchRequest(FetchRequest("Note")), 1);
+}
+
+TEST_F(ContextTest, MainQueueContextRunsOtherThreadsBlocksOnTheMainLoop) {
+  std::thread::id mainThread = std::this_thread::get_id(), ran;
+  std::atomic<bool> done{false};
+  std::thread worker([&] {
+    context()->performAndWait([&] {
+      ran = std::this_thread::get_id();
+      note("from worker");
+    });
+    done = true;
+  });
+  EXPECT_TRUE(MainQueue::runUntil([&] { return done.load(); }, 10.0));
+  worker.join();
+  EXPECT_EQ(ran, mainThread);
+  EXPECT_EQ(context()->insertedObjects().size(), 1u);
 }
 
 TEST_F(ContextTest, StoresAreAddedByTypeAndToldWhenRemoved) {

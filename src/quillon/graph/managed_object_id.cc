@@ -43,8 +43,12 @@ std::shared_ptr<ManagedObjectID> ManagedObjectID::temporaryID(const EntityDescri
 std::string ManagedObjectID::uriString() const {
   std::string reference =
       reference_.isString() ? std::string(reference_.str()) : reference_.description();
-  return fmt::format("x-quillon://{}/{}/{}{}", storeIdentifier_, entity_ ? entity_->name() : "",
-                     temporary_ ? "t" : "p", Url::percentEncodePath(reference));
+  // The store's current identifier; the one it had when this identifier was
+  // made once the store is gone.
+  auto store = store_.lock();
+  return fmt::format("x-quillon://{}/{}/{}{}", store ? store->identifier() : storeIdentifier_,
+                     entity_ ? entity_->name() : "", temporary_ ? "t" : "p",
+                     Url::percentEncodePath(reference));
 }
 
 Url ManagedObjectID::uriRepresentation() const {
