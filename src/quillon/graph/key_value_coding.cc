@@ -67,6 +67,7 @@ const Value* lookUp(const Value& container, const std::string& key, Value* stora
   }
   if (container.isObject()) {
     Object* object = container.objectValue().get();
+    if (!object) return &nilValue();
     if (typeid(*object) == typeid(GenericObject)) {
       const Value* v = static_cast<GenericObject*>(object)->properties().find(std::string_view(key));
       return v ? v : &nilValue();
