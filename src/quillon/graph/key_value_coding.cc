@@ -1,5 +1,6 @@
 #include "quillon/graph/key_value_coding.h"
 
+#include <atomic>
 #include <cmath>
 #include <typeinfo>
 
@@ -58,28 +59,52 @@ int compareBytes(std::span<const uint8_t> a, std::span<const uint8_t> b) {
   return a.size() == b.size() ? 0 : (a.size() < b.size() ? -1 : 1);
 }
 
-// The entry for `key` of a dictionary or an object; nullptr when the object
-// answered through valueForKey, which then sits in *storage.
-const Value* lookUp(const Value& container, const std::string& key, Value* storage) {
-  if (container.isDictionary()) {
-    const Value* v = container.find(std::string_view(key));
+// Dictionaries up to this size are scanned rather than hashed.
+constexpr size_t kScanLimit = 8;
+
+// The entry for `key` in a dictionary, nil when absent. Small dictionaries are
+// scanned starting at *hint, the position where the key was found last time:
+// objects of one entity keep their keys in the same order, so the first probe
+// usually hits and no hash is computed.
+const Value* findEntry(const Value& dictionary, std::string_view key,
+                       std::atomic<uint32_t>* hint) {
+  std::span<const Value::Entry> items = dictionary.items();
+  if (items.size() > kScanLimit) {
+    const Value* v = dictionary.find(key);
     return v ? v : &nilValue();
   }
-  if (container.isObject()) {
-    Object* object = container.objectValue().get();
-    if (!object) return &nilValue();
-    if (typeid(*object) == typeid(GenericObject)) {
-      const Value* v = static_cast<GenericObject*>(object)->properties().find(std::string_view(key));
-      return v ? v : &nilValue();
+  uint32_t start = hint->load(std::memory_order_relaxed);
+  for (size_t k = 0; k < items.size(); ++k) {
+    size_t i = (start + k) % items.size();
+    const Value& candidate = items[i].first;
+    if (candidate.isString() && candidate.str() == key) {
+      if (i != start) hint->store(static_cast<uint32_t>(i), std::memory_order_relaxed);
+      return &items[i].second;
     }
-    Value v = object->valueForKey(key);
-    *storage = std::move(v);
-    return storage;
   }
   return &nilValue();
 }
 
 }  // namespace
+
+// The entry for a key of a dictionary or an object. An object that answers
+// through valueForKey leaves its answer in *storage.
+const Value* KeyPath::lookUp(const Value& container, const Component& component,
+                             Value* storage) {
+  if (container.isDictionary()) return findEntry(container, component.key, &component.hint);
+  if (container.isObject()) {
+    Object* object = container.objectValue().get();
+    if (!object) return &nilValue();
+    if (typeid(*object) == typeid(GenericObject)) {
+      return findEntry(static_cast<GenericObject*>(object)->properties(), component.key,
+                       &component.hint);
+    }
+    Value v = object->valueForKey(component.key);
+    *storage = std::move(v);
+    return storage;
+  }
+  return &nilValue();
+}
 
 Value valueForKeyPath(const Value& object, std::string_view keyPath) {
   return KeyPath(keyPath).evaluate(object);
@@ -155,7 +180,7 @@ const Value& KeyPath::resolveFrom(const Value& start, size_t index, Value* stora
           *mapped = true;
           return *storage;
         }
-        current = lookUp(*current, c.key, storage);
+        current = lookUp(*current, c, storage);
         break;
       case Op::Count:
         if (!current->isContainer()) return nilValue();
