@@ -14,8 +14,13 @@ std::string decodeToString(std::string_view text) {
 TEST(Base64Test, KnownVectors) {
   // RFC 4648 test vectors.
   const std::pair<std::string, std::string> vectors[] = {
-      {"", ""},         {"f", "Zg=="},         {"fo", "Zm8="},         {"foo", "Zm9v"},
-      {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"},
+      {"", ""},
+      {"f", "Zg=="},
+      {"fo", "Zm8="},
+      {"foo", "Zm9v"},
+      {"foob", "Zm9vYg=="},
+      {"fooba", "Zm9vYmE="},
+      {"foobar", "Zm9vYmFy"},
   };
   for (const auto& [plain, encoded] : vectors) {
     EXPECT_EQ(base64Encode(plain), encoded);
@@ -36,8 +41,8 @@ TEST(Base64Test, RoundTripsEveryByteAndLength) {
 
 TEST(Base64Test, RejectsInvalidInput) {
   for (std::string_view bad :
-       {"Zg", "Zg=", "Zm9", "Z===", "====", "Zg==Zg==", "Zm9v Yg==", "Zm9v\nYg==", "Zm-v",
-        "Zm_v", "Zh==", "Zm9=", "=Zm9", "Zm=v", "Zm9vY\xC3\xA9=="}) {
+       {"Zg", "Zg=", "Zm9", "Z===", "====", "Zg==Zg==", "Zm9v Yg==", "Zm9v\nYg==", "Zm-v", "Zm_v",
+        "Zh==", "Zm9=", "=Zm9", "Zm=v", "Zm9vY\xC3\xA9=="}) {
     EXPECT_FALSE(base64Decode(bad)) << bad;
   }
 }

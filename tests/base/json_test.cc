@@ -63,12 +63,27 @@ TEST(JSONReadTest, ObjectsKeepDocumentOrderAndLastDuplicate) {
   ASSERT_TRUE(v.isDictionary());
   std::vector<std::string> keys;
   for (const auto& [k, _] : v.items()) keys.emplace_back(k.str());
-  EXPECT_EQ(keys, (std::vector<std::string>{"z", "a", "m", "k1", "k2", "k3", "k4", "k5", "k6",
-                                            "k7"}));
+  EXPECT_EQ(keys,
+            (std::vector<std::string>{"z", "a", "m", "k1", "k2", "k3", "k4", "k5", "k6", "k7"}));
   EXPECT_EQ(v.get("a").intValue(), 3);
   EXPECT_EQ(v.get("k7").intValue(), 0);  // lookups work past the indexing threshold
   EXPECT_EQ(v.get("m").items()[0].first.str(), "y");
   EXPECT_FALSE(v.isMutable());
+}
+
+TEST(JSONReadTest, ManyDistinctAndRepeatedKeys) {
+  // More distinct short keys than the reader shares, repeated across
+  // objects, plus long keys: every key must come back as written.
+  std::string object = "{";
+  for (int i = 0; i < 300; ++i) {
+    object += (i ? ",\"" : "\"") + std::string(i % 3 == 0 ? 30 : 1, 'k') + std::to_string(i) +
+              "\":" + std::to_string(i);
+  }
+  object += "}";
+  Value v = mustRead("[" + object + "," + object + "]");
+  ASSERT_EQ(v.size(), 2u);
+  EXPECT_EQ(writeJSON(v[0]), object);
+  EXPECT_EQ(writeJSON(v[1]), object);
 }
 
 TEST(JSONReadTest, MutableContainersOption) {
@@ -139,9 +154,8 @@ TEST(JSONWriteTest, CompactExactText) {
                                {"f", Value::float32(0.1f)},
                                {"d", Value::decimal(*Decimal::parse("12.50"))},
                                {"i", Value::integer(INT64_MIN)}});
-  EXPECT_EQ(writeJSON(v),
-            R"({"b":[1,-2,2.5,0.1,1e+300,true,null],"a":{},"c":[],"f":0.1,"d":12.50,)"
-            R"("i":-9223372036854775808})");
+  EXPECT_EQ(writeJSON(v), R"({"b":[1,-2,2.5,0.1,1e+300,true,null],"a":{},"c":[],"f":0.1,"d":12.50,)"
+                          R"("i":-9223372036854775808})");
 }
 
 TEST(JSONWriteTest, PrettyExactText) {
@@ -163,8 +177,7 @@ TEST(JSONWriteTest, PrettyExactText) {
 
 TEST(JSONWriteTest, StringEscaping) {
   std::string s = "q\"b\\s/n\nt\tr\rb\bf\f\x01\x1f\x7f é😀";
-  EXPECT_EQ(writeJSON(Value(s)),
-            "\"q\\\"b\\\\s\\/n\\nt\\tr\\rb\\bf\\f\\u0001\\u001f\x7f é😀\"");
+  EXPECT_EQ(writeJSON(Value(s)), "\"q\\\"b\\\\s\\/n\\nt\\tr\\rb\\bf\\f\\u0001\\u001f\x7f é😀\"");
   // The escaped text reads back to the same bytes, including a NUL.
   std::string withNul("a\0b", 3);
   for (const std::string& text : {s, withNul}) {

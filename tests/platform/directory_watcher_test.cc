@@ -8,7 +8,7 @@
 
 #include "quillon/base/env.h"
 #include "quillon/platform/main_queue.h"
-#include "support/scoped_temp_dir.h"
+#include "support/temp_dir.h"
 
 namespace quillon {
 namespace {
@@ -38,7 +38,7 @@ class DirectoryWatcherTest : public ::testing::Test {
   // Long enough for a burst that should not come to have come.
   void settle() { MainQueue::runFor(kLatency + 0.4); }
 
-  testing::ScopedTempDir dir_;
+  TempDir dir_;
   std::unique_ptr<DirectoryWatcher> watcher_;
   std::vector<std::vector<std::string>> bursts_;
 };
@@ -98,7 +98,7 @@ TEST_F(DirectoryWatcherTest, DeletingOrMovingTheWatchedFolderIsReported) {
   ASSERT_TRUE(waitForBursts(1));
   EXPECT_NE(std::find(bursts_[0].begin(), bursts_[0].end(), dir_.path()), bursts_[0].end());
 
-  testing::ScopedTempDir other;
+  TempDir other;
   std::string moved = other.file("Changes");
   ASSERT_FALSE(Env::Default()->createDirectories(moved));
   DirectoryWatcher watcher(moved, kLatency,

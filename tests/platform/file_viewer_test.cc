@@ -12,13 +12,13 @@
 #include <vector>
 
 #include "quillon/platform/main_queue.h"
-#include "support/scoped_temp_dir.h"
+#include "support/temp_dir.h"
 
 namespace quillon {
 namespace {
 
 TEST(FileViewerTest, NearestExistingItemWalksUpToWhatExists) {
-  testing::ScopedTempDir dir;
+  TempDir dir;
   ASSERT_FALSE(Env::Default()->writeFileAtomically(dir.file("file"), std::string_view("x")));
   EXPECT_EQ(FileViewer::nearestExistingItem(dir.file("file")), dir.file("file"));
   EXPECT_EQ(FileViewer::nearestExistingItem(dir.path() + "/"), dir.path());
@@ -174,7 +174,7 @@ TEST(FileViewerTest, RevealAsksTheFileManagerToShowTheNearestItem) {
   {
     FakeFileManager manager(bus.address());
     ASSERT_TRUE(manager.waitUntilOwned());
-    testing::ScopedTempDir dir;
+    TempDir dir;
     ASSERT_FALSE(Env::Default()->writeFileAtomically(dir.file("a b.txt"), std::string_view("x")));
 
     EXPECT_TRUE(FileViewer::reveal(dir.file("a b.txt")));

@@ -7,7 +7,7 @@
 #include <cstdlib>
 
 #include "quillon/base/env.h"
-#include "support/scoped_temp_dir.h"
+#include "support/temp_dir.h"
 
 namespace quillon {
 namespace {
@@ -21,7 +21,7 @@ TEST(LocalizationTest, UnknownKeysAnswerThemselves) {
 // A real catalogue compiled with msgfmt, looked up in a language the process
 // selects through LANGUAGE.
 TEST(LocalizationTest, TranslatesFromABoundCatalogue) {
-  testing::ScopedTempDir dir;
+  TempDir dir;
   std::string po = dir.file("quillon.po");
   ASSERT_FALSE(Env::Default()->writeFileAtomically(
       po, std::string_view("msgid \"\"\nmsgstr \"Content-Type: text/plain; charset=UTF-8\\n\"\n\n"

@@ -161,20 +161,6 @@ TEST_F(MainQueueTest, CancelMatchesTargetAndSelectorOnly) {
   EXPECT_EQ(otherTarget, 2);
 }
 
-TEST_F(MainQueueTest, AdvancingFromAnotherThreadWakesAWaitingLoop) {
-  ManualClock clock;
-  bool fired = false;
-  MainQueue::afterDelay(
-      3.0, [&] { fired = true; }, this, "wake");
-  std::thread mover([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    clock.advance(3.0);
-  });
-  // Nothing else would wake the loop within the timeout.
-  EXPECT_TRUE(MainQueue::runUntil([&] { return fired; }, 5.0));
-  mover.join();
-}
-
 TEST_F(MainQueueTest, RealClockDelayedCallFiresAfterItsDelay) {
   bool fired = false;
   double start = MainQueue::now();

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "quillon/platform/mount_table.h"
-#include "support/scoped_temp_dir.h"
+#include "support/temp_dir.h"
 
 namespace quillon {
 namespace {
@@ -111,7 +111,7 @@ TEST(VolumesTest, RootIsALocalVolume) {
 }
 
 TEST(VolumesTest, PathsResolveToTheirMountAndMissingPathsToNothing) {
-  testing::ScopedTempDir dir;
+  TempDir dir;
   std::optional<VolumeInfo> volume = Volumes::volumeForPath(dir.path());
   ASSERT_TRUE(volume.has_value());
   EXPECT_EQ(dir.path().rfind(volume->mountPoint == "/" ? "/" : volume->mountPoint + "/", 0), 0u);

@@ -3,6 +3,7 @@
 #include <simdjson.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <memory>
@@ -62,25 +63,30 @@ size_t firstInvalidUTF8(std::string_view text) {
 std::string describeParseError(simdjson::error_code code, std::string_view text, size_t depth) {
   using simdjson::error_code;
   switch (code) {
-    case error_code::EMPTY: return "Invalid JSON: the text is empty.";
+    case error_code::EMPTY:
+      return "Invalid JSON: the text is empty.";
     case error_code::UTF8_ERROR:
       return "Invalid JSON: the text is not valid UTF-8 at byte " +
              std::to_string(firstInvalidUTF8(text)) + ".";
     case error_code::DEPTH_ERROR:
       return "Invalid JSON: arrays and objects are nested deeper than " + std::to_string(depth) +
              " levels.";
-    case error_code::CAPACITY: return "Invalid JSON: the text is too large to parse.";
+    case error_code::CAPACITY:
+      return "Invalid JSON: the text is too large to parse.";
     case error_code::NUMBER_ERROR:
-    case error_code::NUMBER_OUT_OF_RANGE: return "Invalid JSON: a number is malformed or out of range.";
+    case error_code::NUMBER_OUT_OF_RANGE:
+      return "Invalid JSON: a number is malformed or out of range.";
     case error_code::STRING_ERROR:
     case error_code::UNESCAPED_CHARS:
       return "Invalid JSON: a string has an invalid escape or an unescaped control character.";
-    case error_code::UNCLOSED_STRING: return "Invalid JSON: a string is not terminated.";
+    case error_code::UNCLOSED_STRING:
+      return "Invalid JSON: a string is not terminated.";
     case error_code::T_ATOM_ERROR:
     case error_code::F_ATOM_ERROR:
     case error_code::N_ATOM_ERROR:
       return "Invalid JSON: a literal is not one of true, false or null.";
-    default: return "Invalid JSON: the text is truncated or not well-formed.";
+    default:
+      return "Invalid JSON: the text is truncated or not well-formed.";
   }
 }
 
@@ -138,11 +144,12 @@ class ValueBuilder {
         std::vector<Value::Entry> entries;
         entries.reserve(o.size());
         for (dom::key_value_pair field : o) {
-          entries.emplace_back(Value::string(field.key), build(field.value));
+          entries.emplace_back(key(field.key), build(field.value));
         }
         return Value::dictionary(std::move(entries), mutable_);
       }
-      default: return buildScalar(e);
+      default:
+        return buildScalar(e);
     }
   }
 
@@ -150,18 +157,40 @@ class ValueBuilder {
   // Kept out of build() so that the recursive frame stays small.
   __attribute__((noinline)) static Value buildScalar(dom::element e) {
     switch (e.type()) {
-      case dom::element_type::INT64: return Value::integer(e.get_int64().value_unsafe());
+      case dom::element_type::INT64:
+        return Value::integer(e.get_int64().value_unsafe());
       case dom::element_type::UINT64:
         return Value::float64(static_cast<double>(e.get_uint64().value_unsafe()));
-      case dom::element_type::DOUBLE: return Value::float64(e.get_double().value_unsafe());
-      case dom::element_type::STRING: return Value::string(e.get_string().value_unsafe());
-      case dom::element_type::BOOL: return Value::boolean(e.get_bool().value_unsafe());
-      case dom::element_type::NULL_VALUE: return Value::null();
-      default: return Value();
+      case dom::element_type::DOUBLE:
+        return Value::float64(e.get_double().value_unsafe());
+      case dom::element_type::STRING:
+        return Value::string(e.get_string().value_unsafe());
+      case dom::element_type::BOOL:
+        return Value::boolean(e.get_bool().value_unsafe());
+      case dom::element_type::NULL_VALUE:
+        return Value::null();
+      default:
+        return Value();
     }
   }
 
+  // Short keys repeat across the objects of a document (every record has a
+  // "name", every note a "title"), so one immutable string per distinct
+  // short key is shared within a parse: it saves an allocation and a free
+  // per repetition. Collisions simply replace the cached key.
+  __attribute__((noinline)) Value key(std::string_view text) {
+    if (text.size() > kInternedKeyLength) return Value::string(text);
+    uint32_t h = 2166136261u;
+    for (char c : text) h = (h ^ static_cast<uint8_t>(c)) * 16777619u;
+    Value& slot = keys_[h & (kInternedKeys - 1)];
+    if (slot.str() != text || !slot.isString()) slot = Value::string(text);
+    return slot;
+  }
+
+  static constexpr size_t kInternedKeys = 64;
+  static constexpr size_t kInternedKeyLength = 24;
   bool mutable_;
+  std::array<Value, kInternedKeys> keys_;
 };
 
 Value parseWith(dom::parser& parser, std::string_view text, Error* error,
@@ -179,7 +208,8 @@ Value parseWith(dom::parser& parser, std::string_view text, Error* error,
     code = parser.parse(widened.data(), widened.size()).get(root);
   }
   if (code != simdjson::SUCCESS) {
-    if (error) *error = jsonError(describeParseError(code, text, depth), simdjson::error_message(code));
+    if (error)
+      *error = jsonError(describeParseError(code, text, depth), simdjson::error_message(code));
     return Value();
   }
   if (error) *error = Error();
@@ -216,7 +246,8 @@ class Writer {
     using K = Value::Kind;
     switch (v.kind()) {
       case K::Array: {
-        if (depth >= kJSONMaximumDepthLimit) return fail("containers nested too deeply (or a cycle)");
+        if (depth >= kJSONMaximumDepthLimit)
+          return fail("containers nested too deeply (or a cycle)");
         auto elements = v.elements();
         out_ += '[';
         for (size_t i = 0; i < elements.size(); ++i) {
@@ -229,7 +260,8 @@ class Writer {
         return true;
       }
       case K::Dictionary: {
-        if (depth >= kJSONMaximumDepthLimit) return fail("containers nested too deeply (or a cycle)");
+        if (depth >= kJSONMaximumDepthLimit)
+          return fail("containers nested too deeply (or a cycle)");
         auto items = v.items();
         out_ += '{';
         for (size_t i = 0; i < items.size(); ++i) {
@@ -247,7 +279,8 @@ class Writer {
         out_ += '}';
         return true;
       }
-      default: return writeScalar(v);
+      default:
+        return writeScalar(v);
     }
   }
 
@@ -258,9 +291,14 @@ class Writer {
   __attribute__((noinline)) bool writeScalar(const Value& v) {
     using K = Value::Kind;
     switch (v.kind()) {
-      case K::Null: out_ += "null"; return true;
-      case K::Boolean: out_ += v.boolValue() ? "true" : "false"; return true;
-      case K::Integer: return appendNumber(v.intValue());
+      case K::Null:
+        out_ += "null";
+        return true;
+      case K::Boolean:
+        out_ += v.boolValue() ? "true" : "false";
+        return true;
+      case K::Integer:
+        return appendNumber(v.intValue());
       case K::Float32: {
         float f = v.floatValue();
         if (!std::isfinite(f)) return fail("a number that is not finite");
@@ -277,8 +315,10 @@ class Writer {
         out_ += d.toString();
         return true;
       }
-      case K::String: return appendString(v.str());
-      default: return fail(std::string("a value of kind ") + Value::kindName(v.kind()));
+      case K::String:
+        return appendString(v.str());
+      default:
+        return fail(std::string("a value of kind ") + Value::kindName(v.kind()));
     }
   }
 
@@ -302,7 +342,8 @@ class Writer {
   }
 
   bool appendString(std::string_view s) {
-    if (!simdjson::validate_utf8(s.data(), s.size())) return fail("a string that is not valid UTF-8");
+    if (!simdjson::validate_utf8(s.data(), s.size()))
+      return fail("a string that is not valid UTF-8");
     static constexpr char kHex[] = "0123456789abcdef";
     out_ += '"';
     size_t run = 0;
@@ -312,14 +353,30 @@ class Writer {
       out_.append(s.data() + run, i - run);
       run = i + 1;
       switch (c) {
-        case '"': out_ += "\\\""; break;
-        case '\\': out_ += "\\\\"; break;
-        case '/': out_ += "\\/"; break;
-        case '\b': out_ += "\\b"; break;
-        case '\f': out_ += "\\f"; break;
-        case '\n': out_ += "\\n"; break;
-        case '\r': out_ += "\\r"; break;
-        case '\t': out_ += "\\t"; break;
+        case '"':
+          out_ += "\\\"";
+          break;
+        case '\\':
+          out_ += "\\\\";
+          break;
+        case '/':
+          out_ += "\\/";
+          break;
+        case '\b':
+          out_ += "\\b";
+          break;
+        case '\f':
+          out_ += "\\f";
+          break;
+        case '\n':
+          out_ += "\\n";
+          break;
+        case '\r':
+          out_ += "\\r";
+          break;
+        case '\t':
+          out_ += "\\t";
+          break;
         default: {
           char esc[6] = {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 15]};
           out_.append(esc, 6);

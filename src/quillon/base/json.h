@@ -17,7 +17,7 @@ inline constexpr int64_t kJSONErrorCode = 3840;
 // Depths above this are treated as this: the reader and the writer recurse
 // once per level, and the limit keeps that recursion well inside a thread's
 // stack.
-inline constexpr size_t kJSONMaximumDepthLimit = 4096;
+inline constexpr size_t kJSONMaximumDepthLimit = 2048;
 
 struct JSONReadOptions {
   // Arrays and dictionaries are created mutable (strings never are).

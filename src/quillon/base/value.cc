@@ -397,8 +397,12 @@ Value Value::dictionary(std::vector<Entry>&& entries, bool isMutable) {
     if (indexed) {
       earlier = n->index.lookup(h, [&](size_t j) { return e[j].first == key; });
     } else {
+      bool stringKey = key.isString();
       for (size_t j = 0; j < kept; ++j) {
-        if (e[j].first == key) {
+        // Parsers build string keys; comparing their bytes skips the
+        // general cross-kind equality.
+        if (stringKey && e[j].first.isString() ? e[j].first.str() == key.str()
+                                              : e[j].first == key) {
           earlier = j;
           break;
         }

@@ -259,6 +259,9 @@ class Value {
 
   // Identity: the same node (or equal scalars of the same kind).
   static bool identical(const Value& a, const Value& b);
+  // The address of the shared node, nullptr for scalars: a key for identity
+  // maps (valid while some handle to the node lives).
+  const void* identity() const noexcept { return node(); }
   // Deep equality; numbers by value across kinds, sets regardless of order.
   bool operator==(const Value& other) const;
   size_t hash() const;

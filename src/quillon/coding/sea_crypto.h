@@ -83,8 +83,9 @@ class SeaCrypto {
   // fails to decrypt.
   Value decryptData(const Value& data) const;
 
-  // The same on raw bytes, appending to `out`; answer false (leaving `out`
-  // as it was) where the Value forms answer nil.
+  // The same on raw bytes, appending to `out` (which must not hold the
+  // input); answer false, leaving `out` as it was, where the Value forms
+  // answer nil.
   bool encryptBytes(std::span<const uint8_t> plain, std::vector<uint8_t>* out) const;
   bool decryptBytes(std::span<const uint8_t> envelope, std::vector<uint8_t>* out) const;
 

@@ -70,6 +70,7 @@ struct DirectoryWatcher::Impl {
 
   std::mutex ignoreMutex;
   std::unordered_map<std::string, double> ignored;  // path → expiry
+  double nextPurge = 0;
   const std::string ownTempPrefix = ".quillon-tmp-" + std::to_string(::getpid()) + "-";
 
   bool isIgnored(const std::string& path) {
@@ -77,11 +78,14 @@ struct DirectoryWatcher::Impl {
     std::lock_guard lock(ignoreMutex);
     if (ignored.empty()) return false;
     double now = monotonicSeconds();
-    for (auto it = ignored.begin(); it != ignored.end();) {
-      it = it->second < now ? ignored.erase(it) : std::next(it);
+    if (now >= nextPurge) {  // at most once a second, so bursts stay linear
+      for (auto it = ignored.begin(); it != ignored.end();) {
+        it = it->second < now ? ignored.erase(it) : std::next(it);
+      }
+      nextPurge = now + 1.0;
     }
     auto found = ignored.find(path);
-    if (found == ignored.end()) return false;
+    if (found == ignored.end() || found->second < now) return false;
     found->second = std::min(found->second, now + kIgnoreAfterSeenSeconds);
     return true;
   }

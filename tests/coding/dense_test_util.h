@@ -1,0 +1,80 @@
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "quillon/base/system_log.h"
+#include "quillon/base/value.h"
+
+namespace quillon {
+// Readable values in test failure messages.
+inline void PrintTo(const Value& v, std::ostream* os) { *os << v.description(); }
+}  // namespace quillon
+
+namespace quillon::testing {
+
+// Builds DenseCoding bytes by hand, with the format's alignment rules.
+class Bytes {
+ public:
+  Bytes& u8(uint8_t v) {
+    b_.push_back(v);
+    return *this;
+  }
+  template <typename T>
+  Bytes& raw(T v) {
+    uint8_t tmp[sizeof(T)];
+    std::memcpy(tmp, &v, sizeof v);
+    b_.insert(b_.end(), tmp, tmp + sizeof v);
+    return *this;
+  }
+  Bytes& align(size_t w) {
+    while (b_.size() % w) b_.push_back(0);
+    return *this;
+  }
+  template <typename T>
+  Bytes& aligned(T v) {
+    align(sizeof(T));
+    return raw(v);
+  }
+  Bytes& cstr(std::string_view s) {
+    b_.insert(b_.end(), s.begin(), s.end());
+    b_.push_back(0);
+    return *this;
+  }
+  // A version 3 header with the given counts.
+  static Bytes header(uint32_t objects, uint32_t classes, uint32_t strings, uint16_t major = 3,
+                      uint16_t minor = 3) {
+    Bytes b;
+    b.raw<uint32_t>(0x46415354).raw(major).raw(minor).raw(objects).raw(classes).raw(strings);
+    return b;
+  }
+  std::vector<uint8_t> vec() const { return b_; }
+  size_t size() const { return b_.size(); }
+
+ private:
+  std::vector<uint8_t> b_;
+};
+
+inline std::vector<uint8_t> bytesOf(const Value& data) {
+  return std::vector<uint8_t>(data.bytes().begin(), data.bytes().end());
+}
+
+// Collects system-log lines while alive.
+class LogCapture {
+ public:
+  LogCapture() {
+    previous_ = setSystemLogSink([this](std::string_view m) { lines_.emplace_back(m); });
+  }
+  ~LogCapture() { setSystemLogSink(previous_); }
+  const std::vector<std::string>& lines() const { return lines_; }
+
+ private:
+  std::vector<std::string> lines_;
+  SystemLogSink previous_;
+};
+
+}  // namespace quillon::testing
