@@ -12,7 +12,8 @@ namespace {
 
 Value item(Value title, Value rank, int id) {
   return Value::object(std::make_shared<GenericObject>(
-      "Item", Value::dictionary({{"title", std::move(title)}, {"rank", std::move(rank)}, {"id", id}})));
+      "Item",
+      Value::dictionary({{"title", std::move(title)}, {"rank", std::move(rank)}, {"id", id}})));
 }
 
 std::vector<int64_t> ids(const std::vector<Value>& values) {
@@ -22,7 +23,7 @@ std::vector<int64_t> ids(const std::vector<Value>& values) {
 }
 
 TEST(SortDescriptorTest, StableWithTiesAndSeveralKeys) {
-  std::vector<Value> values = {item("b", 2, 0), item("a", 1, 1), item("b", 1, 2),
+  std::vector<Value> values = {item("b", 2, 0),   item("a", 1, 1), item("b", 1, 2),
                                item("a", 1.0, 3), item("c", 2, 4), item("a", 2, 5)};
   std::vector<SortDescriptor> byRank = {SortDescriptor("rank")};
   SortDescriptor::sortValues(values, byRank);
@@ -70,7 +71,8 @@ TEST(SortDescriptorTest, CompareObjectsFollowsKeyPathsAndDirection) {
   EXPECT_EQ(SortDescriptor("meta.when", false).compareObjects(early, late), 1);
   EXPECT_EQ(SortDescriptor("meta.when").compareObjects(late, late), 0);
   // Plain values sort by themselves.
-  std::vector<Value> numbers = {Value(3), Value(1.5), Value::decimal(*Decimal::parse("2")), Value(-1)};
+  std::vector<Value> numbers = {Value(3), Value(1.5), Value::decimal(*Decimal::parse("2")),
+                                Value(-1)};
   std::vector<SortDescriptor> self = {SortDescriptor("self")};
   SortDescriptor::sortValues(numbers, self);
   EXPECT_EQ(numbers, (std::vector<Value>{Value(-1), Value(1.5), Value(2), Value(3)}));
@@ -81,11 +83,19 @@ TEST(SortDescriptorTest, CompareObjectsFollowsKeyPathsAndDirection) {
 // compareObjects, whatever mix of kinds a column holds.
 TEST(SortDescriptorTest, PreparedKeysOrderLikeCompareObjects) {
   std::mt19937 random(7);
-  const std::vector<Value> titles = {"alphabetical", "Alphabetically", "alphabet", "alpha",
-                                     "ÀLPHABETICAL", "zeta", "Zeta", "", "alphabetic\xFF",
-                                     "alphabetical order", "ALPHABETICAL ORDER"};
-  const std::vector<Value> ranks = {Value(-5), Value(3), Value(INT64_MIN), Value(INT64_MAX),
-                                    Value(0), Value(-1)};
+  const std::vector<Value> titles = {"alphabetical",
+                                     "Alphabetically",
+                                     "alphabet",
+                                     "alpha",
+                                     "ÀLPHABETICAL",
+                                     "zeta",
+                                     "Zeta",
+                                     "",
+                                     "alphabetic\xFF",
+                                     "alphabetical order",
+                                     "ALPHABETICAL ORDER"};
+  const std::vector<Value> ranks = {Value(-5),        Value(3), Value(INT64_MIN),
+                                    Value(INT64_MAX), Value(0), Value(-1)};
   const std::vector<Value> mixedRanks = {Value(2.5), Value(-0.5), Value(3.0), Value()};
   auto build = [&](bool mixed) {
     std::vector<Value> values;

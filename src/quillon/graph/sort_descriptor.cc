@@ -46,11 +46,16 @@ int threeWay(auto a, auto b) { return a < b ? -1 : (a > b ? 1 : 0); }
 int compareSortKeys(const SortKey& a, const SortKey& b, bool caseInsensitive) {
   if (a.cls == b.cls) {
     switch (a.cls) {
-      case SortKey::Class::None: return 0;
-      case SortKey::Class::Integer: return threeWay(a.integer, b.integer);
-      case SortKey::Class::Double: return threeWay(a.real, b.real);
-      case SortKey::Class::String: return threeWay(a.text.compare(b.text), 0);
-      case SortKey::Class::Other: break;
+      case SortKey::Class::None:
+        return 0;
+      case SortKey::Class::Integer:
+        return threeWay(a.integer, b.integer);
+      case SortKey::Class::Double:
+        return threeWay(a.real, b.real);
+      case SortKey::Class::String:
+        return threeWay(a.text.compare(b.text), 0);
+      case SortKey::Class::Other:
+        break;
     }
   }
   return compareValues(a.value, b.value, caseInsensitive);

@@ -9,7 +9,8 @@
 namespace quillon {
 
 UndoManager::UndoManager()
-    : endOfTurnHook_([](std::function<void()> endOfTurn) { MainQueue::async(std::move(endOfTurn)); }),
+    : endOfTurnHook_(
+          [](std::function<void()> endOfTurn) { MainQueue::async(std::move(endOfTurn)); }),
       self_(std::make_shared<UndoManager*>(this)) {}
 
 UndoManager::~UndoManager() = default;
