@@ -19,9 +19,14 @@ using namespace dense;  // NOLINT: the type codes
 
 namespace {
 
-inline uint64_t hashPointer(const void* p) {
-  auto v = reinterpret_cast<uintptr_t>(p);
-  return (static_cast<uint64_t>(v) >> 4) * 0x9e3779b97f4a7c15ULL;
+// The finaliser of splitmix64: pointers and date bits have long runs of
+// equal low bits, which linear probing on a mask would pile up.
+inline uint64_t mix64(uint64_t x) {
+  x ^= x >> 30;
+  x *= 0xbf58476d1ce4e5b9ULL;
+  x ^= x >> 27;
+  x *= 0x94d049bb133111ebULL;
+  return x ^ (x >> 31);
 }
 
 // Objects are identified by the instance, not by the handle's node: two
@@ -131,43 +136,51 @@ inline void DCNSCoder::putCString(std::string_view s) {
 
 // ---- Tables ----------------------------------------------------------------
 
-uint32_t DCNSCoder::findObject(const void* key) const {
-  if (objectCache_.empty()) return 0;
-  size_t mask = objectCache_.size() - 1;
-  for (size_t s = hashPointer(key) & mask;; s = (s + 1) & mask) {
-    const ObjectSlot& slot = objectCache_[s];
+uint32_t DCNSCoder::findSlot(const std::vector<ObjectSlot>& slots, uint64_t key) {
+  if (slots.empty()) return 0;
+  size_t mask = slots.size() - 1;
+  for (size_t s = mix64(key) & mask;; s = (s + 1) & mask) {
+    const ObjectSlot& slot = slots[s];
     if (slot.index == 0) return 0;
     if (slot.key == key) return slot.index;
   }
 }
 
-void DCNSCoder::growObjects() {
-  std::vector<ObjectSlot> old = std::move(objectCache_);
-  objectCache_.assign(old.empty() ? 64 : old.size() * 2, ObjectSlot{nullptr, 0});
-  size_t mask = objectCache_.size() - 1;
-  for (const ObjectSlot& o : old) {
-    if (o.index == 0) continue;
-    size_t s = hashPointer(o.key) & mask;
-    while (objectCache_[s].index != 0) s = (s + 1) & mask;
-    objectCache_[s] = o;
+// Sets the index of a key, adding it when absent; keeps the load under half.
+void DCNSCoder::insertSlot(std::vector<ObjectSlot>& slots, uint32_t& used, uint64_t key,
+                           uint32_t index) {
+  if ((used + 1) * 2 > slots.size()) {
+    std::vector<ObjectSlot> old = std::move(slots);
+    slots.assign(old.empty() ? 64 : old.size() * 2, ObjectSlot{0, 0});
+    size_t mask = slots.size() - 1;
+    for (const ObjectSlot& o : old) {
+      if (o.index == 0) continue;
+      size_t s = mix64(o.key) & mask;
+      while (slots[s].index != 0) s = (s + 1) & mask;
+      slots[s] = o;
+    }
   }
+  size_t mask = slots.size() - 1;
+  size_t s = mix64(key) & mask;
+  while (slots[s].index != 0) {
+    if (slots[s].key == key) {
+      slots[s].index = index;
+      return;
+    }
+    s = (s + 1) & mask;
+  }
+  slots[s] = ObjectSlot{key, index};
+  ++used;
+}
+
+uint32_t DCNSCoder::findObject(const void* key) const {
+  return findSlot(objectCache_, reinterpret_cast<uintptr_t>(key));
 }
 
 // Enters the value with this identity as the next object-table entry.
 uint32_t DCNSCoder::enterObject(const void* key) {
   uint32_t index = objectCount_++;
-  if ((objectSlotsUsed_ + 1) * 2 > objectCache_.size()) growObjects();
-  size_t mask = objectCache_.size() - 1;
-  size_t s = hashPointer(key) & mask;
-  while (objectCache_[s].index != 0) {
-    if (objectCache_[s].key == key) {
-      objectCache_[s].index = index + 1;
-      return index;
-    }
-    s = (s + 1) & mask;
-  }
-  objectCache_[s] = ObjectSlot{key, index + 1};
-  ++objectSlotsUsed_;
+  insertSlot(objectCache_, objectSlotsUsed_, reinterpret_cast<uintptr_t>(key), index + 1);
   return index;
 }
 
@@ -354,12 +367,11 @@ void DCNSCoder::writeData(const Value& v) {
 // Dates have no identity of their own here: equal dates share one entry.
 void DCNSCoder::writeDate(double seconds) {
   uint64_t bits = std::bit_cast<uint64_t>(seconds);
-  auto [it, inserted] = dateCache_.try_emplace(bits, objectCount_ + 1);
-  if (!inserted) {
-    writeAlias(kAlias8, it->second - 1);
+  if (uint32_t found = findSlot(dateCache_, bits)) {
+    writeAlias(kAlias8, found - 1);
     return;
   }
-  ++objectCount_;
+  insertSlot(dateCache_, dateSlotsUsed_, bits, ++objectCount_);
   put8(kDate);
   putAligned<double>(seconds);
 }
