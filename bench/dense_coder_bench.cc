@@ -241,7 +241,8 @@ BENCHMARK(BM_MsgpackDecode)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
 #endif  // QUILLON_HAVE_MSGPACK_CXX
 
 // Prints the usual table, then one line per tree and direction with the time
-// and size ratios of DenseCoding to msgpack (below 1 means DenseCoding wins).
+// (CPU, so that a busy machine skews both alike) and size ratios of
+// DenseCoding to msgpack (below 1 means DenseCoding wins).
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
@@ -249,7 +250,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
     for (const Run& run : runs) {
       if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
       auto bytes = run.counters.find("bytes");
-      results_[run.benchmark_name()] = {run.GetAdjustedRealTime(),
+      results_[run.benchmark_name()] = {run.GetAdjustedCPUTime(),
                                         bytes == run.counters.end() ? 0.0 : double(bytes->second)};
     }
   }

@@ -35,7 +35,25 @@ inline const void* identityOf(const Value& v) {
   return v.isObject() ? static_cast<const void*>(v.objectValue().get()) : v.identity();
 }
 
-inline uint64_t hashText(std::string_view s) { return std::hash<std::string_view>{}(s); }
+// A fast hash for the short texts (keys, identifiers, titles) that fill the
+// string table: eight bytes per multiply.
+inline uint64_t hashText(std::string_view s) {
+  const auto* p = reinterpret_cast<const uint8_t*>(s.data());
+  size_t n = s.size();
+  uint64_t h = 0x9e3779b97f4a7c15ULL ^ (n * 0xff51afd7ed558ccdULL);
+  while (n >= 8) {
+    uint64_t w;
+    std::memcpy(&w, p, 8);
+    h = (h ^ w) * 0xbf58476d1ce4e5b9ULL;
+    h ^= h >> 31;
+    p += 8;
+    n -= 8;
+  }
+  uint64_t tail = 0;
+  std::memcpy(&tail, p, n);
+  h = (h ^ tail) * 0x94d049bb133111ebULL;
+  return h ^ (h >> 29);
+}
 
 [[noreturn]] void raise(std::string reason) {
   throw Exception(std::string(kDenseCodingException), std::move(reason));
@@ -151,7 +169,7 @@ void DCNSCoder::insertSlot(std::vector<ObjectSlot>& slots, uint32_t& used, uint6
                            uint32_t index) {
   if ((used + 1) * 2 > slots.size()) {
     std::vector<ObjectSlot> old = std::move(slots);
-    slots.assign(old.empty() ? 64 : old.size() * 2, ObjectSlot{0, 0});
+    slots.assign(old.empty() ? 256 : old.size() * 2, ObjectSlot{0, 0});
     size_t mask = slots.size() - 1;
     for (const ObjectSlot& o : old) {
       if (o.index == 0) continue;
@@ -199,7 +217,7 @@ uint32_t DCNSCoder::findString(std::string_view text, uint64_t hash) const {
 
 void DCNSCoder::growStrings() {
   std::vector<StringSlot> old = std::move(stringCache_);
-  stringCache_.assign(old.empty() ? 64 : old.size() * 2, StringSlot{0, 0, 0, 0});
+  stringCache_.assign(old.empty() ? 1024 : old.size() * 2, StringSlot{0, 0, 0, 0});
   size_t mask = stringCache_.size() - 1;
   for (const StringSlot& o : old) {
     if (o.index == 0) continue;
@@ -228,6 +246,7 @@ std::vector<uint8_t> DCNSCoder::encodeRootObject() {
   if (used_) raise("A DCNSCoder writes one root object");
   used_ = true;
   output_.assign(4096, 0);
+  arena_.reserve(16384);
   store<uint32_t>(output_.data(), kIdentifier);
   store<uint16_t>(output_.data() + 4, kMajorVersion);
   store<uint16_t>(output_.data() + 6, kMinorVersion);
