@@ -45,8 +45,8 @@ TEST(KeyValueCodingTest, WalksDictionariesObjectsAndSelf) {
 
 TEST(KeyValueCodingTest, UnanswerablePathsAreNil) {
   Value note = Value::dictionary({{"title", "Plan"}, {"count", 3}});
-  for (const char* path : {"missing", "title.length", "count.x", "title.@count", "@bogus",
-                           "a..b", ".", "count.@sum.x", "@count.more"}) {
+  for (const char* path : {"missing", "title.length", "count.x", "title.@count", "@bogus", "a..b",
+                           ".", "count.@sum.x", "@count.more"}) {
     EXPECT_TRUE(valueForKeyPath(note, path).isNil()) << path;
   }
   EXPECT_TRUE(valueForKeyPath(Value(5), "anything").isNil());

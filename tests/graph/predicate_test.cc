@@ -36,20 +36,18 @@ class PredicateTest : public ::testing::Test {
  protected:
   Value work = object("Tag", Value::dictionary({{"name", "Work"}, {"weight", 3}}));
   Value home = object("Tag", Value::dictionary({{"name", "home"}, {"weight", 1}}));
-  Value note = object(
-      "Note",
-      Value::dictionary({
-          {"title", "Café Crème"},
-          {"priority", 4},
-          {"ratio", 0.25},
-          {"done", false},
-          {"created", Value::date(1000)},
-          {"empty", Value::null()},
-          {"folder", Value::dictionary({{"name", "Inbox"}, {"depth", 2}})},
-          {"tags", Value::set({work, home})},
-          {"scores", Value::array({1, 5, 9})},
-          {"words", Value::array({"alpha", "beta"})},
-      }));
+  Value note = object("Note", Value::dictionary({
+                                  {"title", "Café Crème"},
+                                  {"priority", 4},
+                                  {"ratio", 0.25},
+                                  {"done", false},
+                                  {"created", Value::date(1000)},
+                                  {"empty", Value::null()},
+                                  {"folder", Value::dictionary({{"name", "Inbox"}, {"depth", 2}})},
+                                  {"tags", Value::set({work, home})},
+                                  {"scores", Value::array({1, 5, 9})},
+                                  {"words", Value::array({"alpha", "beta"})},
+                              }));
 };
 
 TEST_F(PredicateTest, ComparisonOperatorsInEverySpelling) {
@@ -58,15 +56,31 @@ TEST_F(PredicateTest, ComparisonOperatorsInEverySpelling) {
     bool expected;
   };
   for (Case c : std::vector<Case>{
-           {"priority = 4", true},       {"priority == 4.0", true},   {"priority != 4", false},
-           {"priority <> 3", true},      {"priority < 5", true},      {"priority <= 4", true},
-           {"priority =< 3", false},     {"priority > 3.5", true},    {"priority >= 4", true},
-           {"priority => 5", false},     {"ratio == 0.25", true},     {"ratio < 1", true},
-           {"done == NO", true},         {"done == FALSE", true},     {"done = 0", true},
-           {"done == YES", false},       {"priority BETWEEN {4, 10}", true},
-           {"priority BETWEEN {1, 3}", false}, {"ratio BETWEEN {0, 0.3}", true},
-           {"priority == 0x4", true},    {"priority > -1", true},     {"priority < 1e1", true},
-           {"title == \"Café Crème\"", true}, {"title < 'D'", true}, {"title > 'd'", false},
+           {"priority = 4", true},
+           {"priority == 4.0", true},
+           {"priority != 4", false},
+           {"priority <> 3", true},
+           {"priority < 5", true},
+           {"priority <= 4", true},
+           {"priority =< 3", false},
+           {"priority > 3.5", true},
+           {"priority >= 4", true},
+           {"priority => 5", false},
+           {"ratio == 0.25", true},
+           {"ratio < 1", true},
+           {"done == NO", true},
+           {"done == FALSE", true},
+           {"done = 0", true},
+           {"done == YES", false},
+           {"priority BETWEEN {4, 10}", true},
+           {"priority BETWEEN {1, 3}", false},
+           {"ratio BETWEEN {0, 0.3}", true},
+           {"priority == 0x4", true},
+           {"priority > -1", true},
+           {"priority < 1e1", true},
+           {"title == \"Café Crème\"", true},
+           {"title < 'D'", true},
+           {"title > 'd'", false},
        }) {
     EXPECT_EQ(matches(c.format, note), c.expected) << c.format;
   }
@@ -78,20 +92,34 @@ TEST_F(PredicateTest, StringOperatorsWithCaseAndDiacriticOptions) {
     bool expected;
   };
   for (Case c : std::vector<Case>{
-           {"title BEGINSWITH 'Caf'", true},      {"title BEGINSWITH 'caf'", false},
-           {"title BEGINSWITH[c] 'CAFÉ'", true},  {"title BEGINSWITH[c] 'CAFE'", false},
-           {"title BEGINSWITH[cd] 'CAFE'", true}, {"title ENDSWITH 'rème'", true},
-           {"title ENDSWITH[d] 'reme'", true},    {"title ENDSWITH[c] 'CRÈME'", true},
-           {"title CONTAINS 'é C'", true},        {"title CONTAINS[cd] 'E CR'", true},
-           {"title CONTAINS 'e c'", false},       {"title ==[cd] 'cafe creme'", true},
-           {"title !=[c] 'CAFÉ CRÈME'", false},   {"title LIKE 'Caf? *'", true},
-           {"title LIKE 'caf*'", false},          {"title LIKE[c] 'caf*'", true},
-           {"title LIKE[cd] '*CREME'", true},     {"title LIKE 'Café'", false},
-           {"title LIKE '*'", true},              {"title MATCHES 'Caf. Cr.me'", true},
-           {"title MATCHES 'Caf'", false},        {"title MATCHES[c] 'CAF.*'", true},
-           {"title MATCHES[cd] 'cafe cr[e]me'", true}, {"title MATCHES '(unclosed'", false},
-           {"title IN 'Un Café Crème noir'", true}, {"'Crème' IN title", true},
-           {"title <[c] 'CAFÉ D'", true},        {"title < 'CAFÉ D'", false},
+           {"title BEGINSWITH 'Caf'", true},
+           {"title BEGINSWITH 'caf'", false},
+           {"title BEGINSWITH[c] 'CAFÉ'", true},
+           {"title BEGINSWITH[c] 'CAFE'", false},
+           {"title BEGINSWITH[cd] 'CAFE'", true},
+           {"title ENDSWITH 'rème'", true},
+           {"title ENDSWITH[d] 'reme'", true},
+           {"title ENDSWITH[c] 'CRÈME'", true},
+           {"title CONTAINS 'é C'", true},
+           {"title CONTAINS[cd] 'E CR'", true},
+           {"title CONTAINS 'e c'", false},
+           {"title ==[cd] 'cafe creme'", true},
+           {"title !=[c] 'CAFÉ CRÈME'", false},
+           {"title LIKE 'Caf? *'", true},
+           {"title LIKE 'caf*'", false},
+           {"title LIKE[c] 'caf*'", true},
+           {"title LIKE[cd] '*CREME'", true},
+           {"title LIKE 'Café'", false},
+           {"title LIKE '*'", true},
+           {"title MATCHES 'Caf. Cr.me'", true},
+           {"title MATCHES 'Caf'", false},
+           {"title MATCHES[c] 'CAF.*'", true},
+           {"title MATCHES[cd] 'cafe cr[e]me'", true},
+           {"title MATCHES '(unclosed'", false},
+           {"title IN 'Un Café Crème noir'", true},
+           {"'Crème' IN title", true},
+           {"title <[c] 'CAFÉ D'", true},
+           {"title < 'CAFÉ D'", false},
            {"title MATCHES '\\\\S+ \\\\S+'", true},
        }) {
     EXPECT_EQ(matches(c.format, note), c.expected) << c.format;
@@ -133,19 +161,31 @@ TEST_F(PredicateTest, CollectionsAndMembership) {
     bool expected;
   };
   for (Case c : std::vector<Case>{
-           {"priority IN {1, 4, 7}", true},   {"priority IN {1, 2}", false},
-           {"'home' IN tags.name", true},     {"tags.name CONTAINS 'Work'", true},
-           {"tags.name CONTAINS[c] 'WORK'", true}, {"words CONTAINS 'beta'", true},
-           {"words CONTAINS 'gamma'", false}, {"ANY tags.name == 'home'", true},
-           {"SOME tags.weight > 2", true},    {"ALL tags.weight > 0", true},
-           {"ALL tags.weight > 1", false},    {"NONE tags.weight > 5", true},
-           {"NONE scores == 5", false},       {"ANY scores BETWEEN {6, 8}", false},
-           {"ANY scores BETWEEN {6, 9}", true}, {"ALL missing == 1", true},
-           {"ANY missing == 1", false},       {"tags.@count == 2", true},
-           {"scores.@sum == 15", true},       {"scores.@avg == 5", true},
+           {"priority IN {1, 4, 7}", true},
+           {"priority IN {1, 2}", false},
+           {"'home' IN tags.name", true},
+           {"tags.name CONTAINS 'Work'", true},
+           {"tags.name CONTAINS[c] 'WORK'", true},
+           {"words CONTAINS 'beta'", true},
+           {"words CONTAINS 'gamma'", false},
+           {"ANY tags.name == 'home'", true},
+           {"SOME tags.weight > 2", true},
+           {"ALL tags.weight > 0", true},
+           {"ALL tags.weight > 1", false},
+           {"NONE tags.weight > 5", true},
+           {"NONE scores == 5", false},
+           {"ANY scores BETWEEN {6, 8}", false},
+           {"ANY scores BETWEEN {6, 9}", true},
+           {"ALL missing == 1", true},
+           {"ANY missing == 1", false},
+           {"tags.@count == 2", true},
+           {"scores.@sum == 15", true},
+           {"scores.@avg == 5", true},
            {"scores.@min == 1 AND scores.@max == 9", true},
-           {"tags.@sum.weight == 4", true},   {"tags.@max.name == 'home'", true},
-           {"ANY words IN {'beta', 'gamma'}", true}, {"{1, 2} CONTAINS 2", true},
+           {"tags.@sum.weight == 4", true},
+           {"tags.@max.name == 'home'", true},
+           {"ANY words IN {'beta', 'gamma'}", true},
+           {"{1, 2} CONTAINS 2", true},
        }) {
     EXPECT_EQ(matches(c.format, note), c.expected) << c.format;
   }
@@ -174,8 +214,8 @@ TEST_F(PredicateTest, NilNullSelfAndNestedKeyPaths) {
   EXPECT_TRUE(matches("SELF.folder.name == 'Inbox'", note));
   EXPECT_TRUE(matches("SELF == 3", Value(3)));
   EXPECT_TRUE(matches("SELF IN {'a', 'b'}", Value("b")));
-  EXPECT_TRUE(matches("created < %@ AND created > CAST(999, \"NSDate\")", note,
-                      {Value::date(2000)}));
+  EXPECT_TRUE(
+      matches("created < %@ AND created > CAST(999, \"NSDate\")", note, {Value::date(2000)}));
 }
 
 TEST_F(PredicateTest, BadKeyPathsAndIncompatibleKindsAnswerFalse) {
@@ -222,8 +262,8 @@ TEST_F(PredicateTest, ObjectsOnTheRightCompareAsValues) {
   EXPECT_TRUE(matches("folder == %@", item, {Value::object(folder)}));
   auto other = std::make_shared<GenericObject>("Folder", Value::dictionary({{"name", "B"}}));
   EXPECT_FALSE(matches("folder == %@", item, {Value::object(other)}));
-  EXPECT_TRUE(matches("folder IN %@", item,
-                      {Value::array({Value::object(other), Value::object(folder)})}));
+  EXPECT_TRUE(
+      matches("folder IN %@", item, {Value::array({Value::object(other), Value::object(folder)})}));
   EXPECT_TRUE(matches("ANY tags == %@", note, {work}));
 }
 
@@ -242,8 +282,9 @@ TEST_F(PredicateTest, VariablesEvaluateAndSubstitute) {
   EXPECT_TRUE(full->evaluate(note));
   auto between = Predicate::parse("priority BETWEEN $RANGE");
   ASSERT_TRUE(between);
-  EXPECT_TRUE(between->withSubstitutionVariables(Value::dictionary({{"RANGE", Value::array({1, 5})}}))
-                  ->evaluate(note));
+  EXPECT_TRUE(
+      between->withSubstitutionVariables(Value::dictionary({{"RANGE", Value::array({1, 5})}}))
+          ->evaluate(note));
 }
 
 TEST_F(PredicateTest, SyntaxErrorsNameTheirPosition) {

@@ -2,11 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "quillon/base/error.h"
+#include "quillon/base/notification_center.h"
+#include "quillon/platform/main_queue.h"
 
 namespace quillon {
 namespace {
@@ -160,6 +163,28 @@ TEST(UndoManagerTest, GroupsByEventCloseAtTheEndOfTheTurn) {
   // Without groupsByEvent a registration outside a group is misuse.
   undo.setGroupsByEvent(false);
   EXPECT_EQ(exceptionName([&] { c.set(9); }), "NSInternalInconsistencyException");
+}
+
+TEST(UndoManagerTest, TheMainQueueClosesTheAutomaticGroup) {
+  MainQueue::setMainThreadToCurrent();
+  MainQueue::drain();
+  UndoManager undo;
+  std::vector<std::string> names;
+  ScopedObserver observer(NotificationCenter::defaultCenter(), "", &undo,
+                          [&](const Notification& n) { names.push_back(n.name); });
+  Counter c{&undo};
+  c.set(1);
+  c.set(2);
+  EXPECT_EQ(undo.groupingLevel(), 1);
+  MainQueue::drain();
+  EXPECT_EQ(undo.groupingLevel(), 0);
+  c.set(3);
+  MainQueue::drain();
+  undo.undo();
+  EXPECT_EQ(c.value, 2);
+  EXPECT_EQ(std::count(names.begin(), names.end(), "NSUndoManagerDidCloseUndoGroupNotification"),
+            3);
+  EXPECT_EQ(names.back(), "NSUndoManagerDidUndoChangeNotification");
 }
 
 TEST(UndoManagerTest, EndOfTurnAfterDestructionIsHarmless) {

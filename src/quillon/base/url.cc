@@ -157,10 +157,6 @@ std::string Url::absoluteString() const {
     path = (slash == std::string::npos ? "/" : b.path.substr(0, slash + 1)) + r.path;
   }
   path = normalise(path);
-  if (!r.path.empty() && !r.path.ends_with('/') && !r.path.ends_with("/.") &&
-      !r.path.ends_with("/..") && r.path != "." && r.path != ".." && path.size() > 1) {
-    path.pop_back();
-  }
   std::string out = b.scheme + "://" + b.host + path;
   return out + (r.path.empty() && r.rest.empty() ? b.rest : r.rest);
 }

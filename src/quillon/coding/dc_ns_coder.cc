@@ -19,9 +19,14 @@ using namespace dense;  // NOLINT: the type codes
 
 namespace {
 
-inline uint64_t hashPointer(const void* p) {
-  auto v = reinterpret_cast<uintptr_t>(p);
-  return (static_cast<uint64_t>(v) >> 4) * 0x9e3779b97f4a7c15ULL;
+// The finaliser of splitmix64: pointers and date bits have long runs of
+// equal low bits, which linear probing on a mask would pile up.
+inline uint64_t mix64(uint64_t x) {
+  x ^= x >> 30;
+  x *= 0xbf58476d1ce4e5b9ULL;
+  x ^= x >> 27;
+  x *= 0x94d049bb133111ebULL;
+  return x ^ (x >> 31);
 }
 
 // Objects are identified by the instance, not by the handle's node: two
@@ -30,7 +35,25 @@ inline const void* identityOf(const Value& v) {
   return v.isObject() ? static_cast<const void*>(v.objectValue().get()) : v.identity();
 }
 
-inline uint64_t hashText(std::string_view s) { return std::hash<std::string_view>{}(s); }
+// A fast hash for the short texts (keys, identifiers, titles) that fill the
+// string table: eight bytes per multiply.
+inline uint64_t hashText(std::string_view s) {
+  const auto* p = reinterpret_cast<const uint8_t*>(s.data());
+  size_t n = s.size();
+  uint64_t h = 0x9e3779b97f4a7c15ULL ^ (n * 0xff51afd7ed558ccdULL);
+  while (n >= 8) {
+    uint64_t w;
+    std::memcpy(&w, p, 8);
+    h = (h ^ w) * 0xbf58476d1ce4e5b9ULL;
+    h ^= h >> 31;
+    p += 8;
+    n -= 8;
+  }
+  uint64_t tail = 0;
+  std::memcpy(&tail, p, n);
+  h = (h ^ tail) * 0x94d049bb133111ebULL;
+  return h ^ (h >> 29);
+}
 
 [[noreturn]] void raise(std::string reason) {
   throw Exception(std::string(kDenseCodingException), std::move(reason));
@@ -131,43 +154,51 @@ inline void DCNSCoder::putCString(std::string_view s) {
 
 // ---- Tables ----------------------------------------------------------------
 
-uint32_t DCNSCoder::findObject(const void* key) const {
-  if (objectCache_.empty()) return 0;
-  size_t mask = objectCache_.size() - 1;
-  for (size_t s = hashPointer(key) & mask;; s = (s + 1) & mask) {
-    const ObjectSlot& slot = objectCache_[s];
+uint32_t DCNSCoder::findSlot(const std::vector<ObjectSlot>& slots, uint64_t key) {
+  if (slots.empty()) return 0;
+  size_t mask = slots.size() - 1;
+  for (size_t s = mix64(key) & mask;; s = (s + 1) & mask) {
+    const ObjectSlot& slot = slots[s];
     if (slot.index == 0) return 0;
     if (slot.key == key) return slot.index;
   }
 }
 
-void DCNSCoder::growObjects() {
-  std::vector<ObjectSlot> old = std::move(objectCache_);
-  objectCache_.assign(old.empty() ? 64 : old.size() * 2, ObjectSlot{nullptr, 0});
-  size_t mask = objectCache_.size() - 1;
-  for (const ObjectSlot& o : old) {
-    if (o.index == 0) continue;
-    size_t s = hashPointer(o.key) & mask;
-    while (objectCache_[s].index != 0) s = (s + 1) & mask;
-    objectCache_[s] = o;
+// Sets the index of a key, adding it when absent; keeps the load under half.
+void DCNSCoder::insertSlot(std::vector<ObjectSlot>& slots, uint32_t& used, uint64_t key,
+                           uint32_t index) {
+  if ((used + 1) * 2 > slots.size()) {
+    std::vector<ObjectSlot> old = std::move(slots);
+    slots.assign(old.empty() ? 256 : old.size() * 2, ObjectSlot{0, 0});
+    size_t mask = slots.size() - 1;
+    for (const ObjectSlot& o : old) {
+      if (o.index == 0) continue;
+      size_t s = mix64(o.key) & mask;
+      while (slots[s].index != 0) s = (s + 1) & mask;
+      slots[s] = o;
+    }
   }
+  size_t mask = slots.size() - 1;
+  size_t s = mix64(key) & mask;
+  while (slots[s].index != 0) {
+    if (slots[s].key == key) {
+      slots[s].index = index;
+      return;
+    }
+    s = (s + 1) & mask;
+  }
+  slots[s] = ObjectSlot{key, index};
+  ++used;
+}
+
+uint32_t DCNSCoder::findObject(const void* key) const {
+  return findSlot(objectCache_, reinterpret_cast<uintptr_t>(key));
 }
 
 // Enters the value with this identity as the next object-table entry.
 uint32_t DCNSCoder::enterObject(const void* key) {
   uint32_t index = objectCount_++;
-  if ((objectSlotsUsed_ + 1) * 2 > objectCache_.size()) growObjects();
-  size_t mask = objectCache_.size() - 1;
-  size_t s = hashPointer(key) & mask;
-  while (objectCache_[s].index != 0) {
-    if (objectCache_[s].key == key) {
-      objectCache_[s].index = index + 1;
-      return index;
-    }
-    s = (s + 1) & mask;
-  }
-  objectCache_[s] = ObjectSlot{key, index + 1};
-  ++objectSlotsUsed_;
+  insertSlot(objectCache_, objectSlotsUsed_, reinterpret_cast<uintptr_t>(key), index + 1);
   return index;
 }
 
@@ -186,7 +217,7 @@ uint32_t DCNSCoder::findString(std::string_view text, uint64_t hash) const {
 
 void DCNSCoder::growStrings() {
   std::vector<StringSlot> old = std::move(stringCache_);
-  stringCache_.assign(old.empty() ? 64 : old.size() * 2, StringSlot{0, 0, 0, 0});
+  stringCache_.assign(old.empty() ? 1024 : old.size() * 2, StringSlot{0, 0, 0, 0});
   size_t mask = stringCache_.size() - 1;
   for (const StringSlot& o : old) {
     if (o.index == 0) continue;
@@ -215,6 +246,7 @@ std::vector<uint8_t> DCNSCoder::encodeRootObject() {
   if (used_) raise("A DCNSCoder writes one root object");
   used_ = true;
   output_.assign(4096, 0);
+  arena_.reserve(16384);
   store<uint32_t>(output_.data(), kIdentifier);
   store<uint16_t>(output_.data() + 4, kMajorVersion);
   store<uint16_t>(output_.data() + 6, kMinorVersion);
@@ -354,12 +386,11 @@ void DCNSCoder::writeData(const Value& v) {
 // Dates have no identity of their own here: equal dates share one entry.
 void DCNSCoder::writeDate(double seconds) {
   uint64_t bits = std::bit_cast<uint64_t>(seconds);
-  auto [it, inserted] = dateCache_.try_emplace(bits, objectCount_ + 1);
-  if (!inserted) {
-    writeAlias(kAlias8, it->second - 1);
+  if (uint32_t found = findSlot(dateCache_, bits)) {
+    writeAlias(kAlias8, found - 1);
     return;
   }
-  ++objectCount_;
+  insertSlot(dateCache_, dateSlotsUsed_, bits, ++objectCount_);
   put8(kDate);
   putAligned<double>(seconds);
 }

@@ -50,7 +50,7 @@ class DCNSCoder {
   // Open-addressing slots of the identity map (object table) and of the
   // string-equality map (string table); index is table index + 1, 0 = free.
   struct ObjectSlot {
-    const void* key;
+    uint64_t key;
     uint32_t index;
   };
   struct StringSlot {
@@ -92,7 +92,9 @@ class DCNSCoder {
   // Object table by identity; answers index + 1, 0 when absent.
   uint32_t findObject(const void* key) const;
   uint32_t enterObject(const void* key);
-  void growObjects();
+  static uint32_t findSlot(const std::vector<ObjectSlot>& slots, uint64_t key);
+  static void insertSlot(std::vector<ObjectSlot>& slots, uint32_t& used, uint64_t key,
+                         uint32_t index);
   // String table by string equality.
   uint32_t findString(std::string_view s, uint64_t hash) const;
   uint32_t enterString(std::string_view s, uint64_t hash);
@@ -108,7 +110,8 @@ class DCNSCoder {
   std::string arena_;
   uint32_t stringCount_ = 0;
   uint32_t stringSlotsUsed_ = 0;
-  std::unordered_map<uint64_t, uint32_t> dateCache_;
+  std::vector<ObjectSlot> dateCache_;  // by the date's bits
+  uint32_t dateSlotsUsed_ = 0;
   std::unordered_map<std::string, uint32_t> urlCache_;
   std::unordered_map<std::string, uint32_t> classCache_;
   std::unordered_map<std::string, ClassEntry> classesByName_;

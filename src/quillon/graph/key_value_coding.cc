@@ -1,5 +1,6 @@
 #include "quillon/graph/key_value_coding.h"
 
+#include <atomic>
 #include <cmath>
 #include <typeinfo>
 
@@ -58,27 +59,50 @@ int compareBytes(std::span<const uint8_t> a, std::span<const uint8_t> b) {
   return a.size() == b.size() ? 0 : (a.size() < b.size() ? -1 : 1);
 }
 
-// The entry for `key` of a dictionary or an object; nullptr when the object
-// answered through valueForKey, which then sits in *storage.
-const Value* lookUp(const Value& container, const std::string& key, Value* storage) {
-  if (container.isDictionary()) {
-    const Value* v = container.find(std::string_view(key));
+// Dictionaries up to this size are scanned rather than hashed.
+constexpr size_t kScanLimit = 8;
+
+// The entry for `key` in a dictionary, nil when absent. Small dictionaries are
+// scanned starting at *hint, the position where the key was found last time:
+// objects of one entity keep their keys in the same order, so the first probe
+// usually hits and no hash is computed.
+const Value* findEntry(const Value& dictionary, std::string_view key, std::atomic<uint32_t>* hint) {
+  std::span<const Value::Entry> items = dictionary.items();
+  if (items.size() > kScanLimit) {
+    const Value* v = dictionary.find(key);
     return v ? v : &nilValue();
   }
-  if (container.isObject()) {
-    Object* object = container.objectValue().get();
-    if (typeid(*object) == typeid(GenericObject)) {
-      const Value* v = static_cast<GenericObject*>(object)->properties().find(std::string_view(key));
-      return v ? v : &nilValue();
+  uint32_t start = hint->load(std::memory_order_relaxed);
+  for (size_t k = 0; k < items.size(); ++k) {
+    size_t i = (start + k) % items.size();
+    const Value& candidate = items[i].first;
+    if (candidate.isString() && candidate.str() == key) {
+      if (i != start) hint->store(static_cast<uint32_t>(i), std::memory_order_relaxed);
+      return &items[i].second;
     }
-    Value v = object->valueForKey(key);
-    *storage = std::move(v);
-    return storage;
   }
   return &nilValue();
 }
 
 }  // namespace
+
+// The entry for a key of a dictionary or an object. An object that answers
+// through valueForKey leaves its answer in *storage.
+const Value* KeyPath::lookUp(const Value& container, const Component& component, Value* storage) {
+  if (container.isDictionary()) return findEntry(container, component.key, &component.hint);
+  if (container.isObject()) {
+    Object* object = container.objectValue().get();
+    if (!object) return &nilValue();
+    if (typeid(*object) == typeid(GenericObject)) {
+      return findEntry(static_cast<GenericObject*>(object)->properties(), component.key,
+                       &component.hint);
+    }
+    Value v = object->valueForKey(component.key);
+    *storage = std::move(v);
+    return storage;
+  }
+  return &nilValue();
+}
 
 Value valueForKeyPath(const Value& object, std::string_view keyPath) {
   return KeyPath(keyPath).evaluate(object);
@@ -93,11 +117,14 @@ int compareValues(const Value& a, const Value& b, bool caseInsensitive) {
   if (a.isNumber() && b.isNumber()) return compareNumbers(a, b);
   if (a.kind() != b.kind()) return a.kind() < b.kind() ? -1 : 1;
   switch (a.kind()) {
-    case Value::Kind::Date: return sign(a.dateValue() - b.dateValue());
-    case Value::Kind::Data: return compareBytes(a.bytes(), b.bytes());
+    case Value::Kind::Date:
+      return sign(a.dateValue() - b.dateValue());
+    case Value::Kind::Data:
+      return compareBytes(a.bytes(), b.bytes());
     case Value::Kind::Url:
       return compareFolded(a.urlValue().absoluteString(), b.urlValue().absoluteString(), {});
-    default: return 0;
+    default:
+      return 0;
   }
 }
 
@@ -106,17 +133,24 @@ KeyPath::KeyPath(std::string_view path) : path_(path) {
   size_t start = 0;
   for (;;) {
     size_t dot = path.find('.', start);
-    std::string_view part = path.substr(start, dot == std::string_view::npos ? path.npos : dot - start);
+    std::string_view part =
+        path.substr(start, dot == std::string_view::npos ? path.npos : dot - start);
     Component c{Op::Key, std::string(part)};
     if (part == "self" || part == "SELF") {
       c.op = Op::Self;
     } else if (!part.empty() && part[0] == '@') {
-      if (part == "@count") c.op = Op::Count;
-      else if (part == "@sum") c.op = Op::Sum;
-      else if (part == "@avg") c.op = Op::Avg;
-      else if (part == "@min") c.op = Op::Min;
-      else if (part == "@max") c.op = Op::Max;
-      else c.op = Op::Unknown;
+      if (part == "@count")
+        c.op = Op::Count;
+      else if (part == "@sum")
+        c.op = Op::Sum;
+      else if (part == "@avg")
+        c.op = Op::Avg;
+      else if (part == "@min")
+        c.op = Op::Min;
+      else if (part == "@max")
+        c.op = Op::Max;
+      else
+        c.op = Op::Unknown;
     }
     components_.push_back(std::move(c));
     if (dot == std::string_view::npos) break;
@@ -147,14 +181,15 @@ const Value& KeyPath::resolveFrom(const Value& start, size_t index, Value* stora
   for (size_t i = index; i < components_.size(); ++i) {
     const Component& c = components_[i];
     switch (c.op) {
-      case Op::Self: break;
+      case Op::Self:
+        break;
       case Op::Key:
         if (current->isSequence()) {
           *storage = mapSequence(*current, i);
           *mapped = true;
           return *storage;
         }
-        current = lookUp(*current, c.key, storage);
+        current = lookUp(*current, c, storage);
         break;
       case Op::Count:
         if (!current->isContainer()) return nilValue();
@@ -167,7 +202,8 @@ const Value& KeyPath::resolveFrom(const Value& start, size_t index, Value* stora
       case Op::Max:
         *storage = aggregate(c.op, *current, i + 1);
         return *storage;
-      case Op::Unknown: return nilValue();
+      case Op::Unknown:
+        return nilValue();
     }
   }
   return *current;
@@ -224,16 +260,18 @@ Value KeyPath::aggregate(Op op, const Value& collection, size_t restIndex) const
     if (!v.isNumber()) continue;
     ++count;
     doubleSum += v.doubleValue();
-    if (integral && isIntegral(v) &&
-        !__builtin_add_overflow(intSum, v.intValue(), &intSum)) {
+    if (integral && isIntegral(v) && !__builtin_add_overflow(intSum, v.intValue(), &intSum)) {
       continue;
     }
     integral = false;
   }
   switch (op) {
-    case Op::Sum: return integral ? Value::integer(intSum) : Value::float64(doubleSum);
-    case Op::Avg: return count == 0 ? Value() : Value::float64(doubleSum / static_cast<double>(count));
-    default: return best;
+    case Op::Sum:
+      return integral ? Value::integer(intSum) : Value::float64(doubleSum);
+    case Op::Avg:
+      return count == 0 ? Value() : Value::float64(doubleSum / static_cast<double>(count));
+    default:
+      return best;
   }
 }
 

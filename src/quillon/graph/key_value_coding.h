@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -45,9 +46,23 @@ class KeyPath {
  private:
   enum class Op : uint8_t { Key, Self, Count, Sum, Avg, Min, Max, Unknown };
   struct Component {
+    Component(Op o, std::string k) : op(o), key(std::move(k)) {}
+    Component(const Component& other)
+        : op(other.op), key(other.key), hint(other.hint.load(std::memory_order_relaxed)) {}
+    Component& operator=(const Component& other) {
+      op = other.op;
+      key = other.key;
+      hint.store(other.hint.load(std::memory_order_relaxed), std::memory_order_relaxed);
+      return *this;
+    }
     Op op;
     std::string key;
+    // Where the key was last found in a small dictionary; only a hint, so
+    // relaxed updates from several threads are fine.
+    mutable std::atomic<uint32_t> hint{0};
   };
+
+  static const Value* lookUp(const Value& container, const Component& component, Value* storage);
 
   const Value& resolveFrom(const Value& start, size_t index, Value* storage, bool* mapped) const;
   Value mapSequence(const Value& sequence, size_t index) const;

@@ -17,16 +17,14 @@ std::shared_ptr<const Predicate> Predicate::parse(std::string_view format,
 }
 
 std::shared_ptr<const Predicate> Predicate::truePredicate() {
-  static const auto* truePredicate =
-      new std::shared_ptr<const Predicate>(std::make_shared<const Predicate>(
-          predicate_internal::makeConstantNode(true)));
+  static const auto* truePredicate = new std::shared_ptr<const Predicate>(
+      std::make_shared<const Predicate>(predicate_internal::makeConstantNode(true)));
   return *truePredicate;
 }
 
 std::shared_ptr<const Predicate> Predicate::falsePredicate() {
-  static const auto* falsePredicate =
-      new std::shared_ptr<const Predicate>(std::make_shared<const Predicate>(
-          predicate_internal::makeConstantNode(false)));
+  static const auto* falsePredicate = new std::shared_ptr<const Predicate>(
+      std::make_shared<const Predicate>(predicate_internal::makeConstantNode(false)));
   return *falsePredicate;
 }
 

@@ -98,11 +98,21 @@ void appendQuoted(std::string_view s, std::string* out) {
   out->push_back('"');
   for (char c : s) {
     switch (c) {
-      case '"': *out += "\\\""; break;
-      case '\\': *out += "\\\\"; break;
-      case '\n': *out += "\\n"; break;
-      case '\r': *out += "\\r"; break;
-      case '\t': *out += "\\t"; break;
+      case '"':
+        *out += "\\\"";
+        break;
+      case '\\':
+        *out += "\\\\";
+        break;
+      case '\n':
+        *out += "\\n";
+        break;
+      case '\r':
+        *out += "\\r";
+        break;
+      case '\t':
+        *out += "\\t";
+        break;
       default:
         if (static_cast<unsigned char>(c) < 0x20) {
           char buf[8];
@@ -125,13 +135,25 @@ void appendDouble(double d, std::string* out) {
 void formatValue(const Value& v, std::string* out) {
   switch (v.kind()) {
     case Value::Kind::Nil:
-    case Value::Kind::Null: *out += "nil"; return;
-    case Value::Kind::Boolean: *out += v.boolValue() ? "YES" : "NO"; return;
-    case Value::Kind::Integer: *out += std::to_string(v.intValue()); return;
+    case Value::Kind::Null:
+      *out += "nil";
+      return;
+    case Value::Kind::Boolean:
+      *out += v.boolValue() ? "YES" : "NO";
+      return;
+    case Value::Kind::Integer:
+      *out += std::to_string(v.intValue());
+      return;
     case Value::Kind::Float32:
-    case Value::Kind::Float64: appendDouble(v.doubleValue(), out); return;
-    case Value::Kind::Decimal: *out += v.decimalValue().toString(); return;
-    case Value::Kind::String: appendQuoted(v.str(), out); return;
+    case Value::Kind::Float64:
+      appendDouble(v.doubleValue(), out);
+      return;
+    case Value::Kind::Decimal:
+      *out += v.decimalValue().toString();
+      return;
+    case Value::Kind::String:
+      appendQuoted(v.str(), out);
+      return;
     case Value::Kind::Date:
       *out += "CAST(";
       appendDouble(v.dateValue(), out);
@@ -150,7 +172,9 @@ void formatValue(const Value& v, std::string* out) {
       *out += "}";
       return;
     }
-    default: *out += v.description(); return;
+    default:
+      *out += v.description();
+      return;
   }
 }
 
@@ -178,9 +202,15 @@ void formatKeyPath(const quillon::KeyPath& path, std::string* out) {
 
 void formatExpression(const Expression& e, std::string* out) {
   switch (e.type) {
-    case Expression::Type::Constant: formatValue(e.constant, out); return;
-    case Expression::Type::KeyPath: formatKeyPath(e.keyPath, out); return;
-    case Expression::Type::Variable: *out += "$" + e.variable; return;
+    case Expression::Type::Constant:
+      formatValue(e.constant, out);
+      return;
+    case Expression::Type::KeyPath:
+      formatKeyPath(e.keyPath, out);
+      return;
+    case Expression::Type::Variable:
+      *out += "$" + e.variable;
+      return;
     case Expression::Type::Aggregate: {
       *out += "{";
       for (size_t i = 0; i < e.elements.size(); ++i) {
@@ -195,19 +225,32 @@ void formatExpression(const Expression& e, std::string* out) {
 
 const char* operatorText(Operator op) {
   switch (op) {
-    case Operator::Equal: return "==";
-    case Operator::NotEqual: return "!=";
-    case Operator::Less: return "<";
-    case Operator::LessOrEqual: return "<=";
-    case Operator::Greater: return ">";
-    case Operator::GreaterOrEqual: return ">=";
-    case Operator::Between: return "BETWEEN";
-    case Operator::BeginsWith: return "BEGINSWITH";
-    case Operator::EndsWith: return "ENDSWITH";
-    case Operator::Contains: return "CONTAINS";
-    case Operator::Like: return "LIKE";
-    case Operator::Matches: return "MATCHES";
-    case Operator::In: return "IN";
+    case Operator::Equal:
+      return "==";
+    case Operator::NotEqual:
+      return "!=";
+    case Operator::Less:
+      return "<";
+    case Operator::LessOrEqual:
+      return "<=";
+    case Operator::Greater:
+      return ">";
+    case Operator::GreaterOrEqual:
+      return ">=";
+    case Operator::Between:
+      return "BETWEEN";
+    case Operator::BeginsWith:
+      return "BEGINSWITH";
+    case Operator::EndsWith:
+      return "ENDSWITH";
+    case Operator::Contains:
+      return "CONTAINS";
+    case Operator::Like:
+      return "LIKE";
+    case Operator::Matches:
+      return "MATCHES";
+    case Operator::In:
+      return "IN";
   }
   return "?";
 }
@@ -263,9 +306,12 @@ Expression Expression::makeVariable(std::string_view name) {
 const Value& Expression::evaluate(const Value& object, const Value& variables,
                                   Value* storage) const {
   switch (type) {
-    case Type::Constant: return constant;
-    case Type::KeyPath: return keyPath.resolve(object, storage);
-    case Type::Variable: return variables.get(std::string_view(variable));
+    case Type::Constant:
+      return constant;
+    case Type::KeyPath:
+      return keyPath.resolve(object, storage);
+    case Type::Variable:
+      return variables.get(std::string_view(variable));
     case Type::Aggregate: {
       Value array = Value::array();
       array.reserve(elements.size());
@@ -284,10 +330,14 @@ const Value& Expression::evaluate(const Value& object, const Value& variables,
 bool Expression::operator==(const Expression& other) const {
   if (type != other.type) return false;
   switch (type) {
-    case Type::Constant: return constant == other.constant;
-    case Type::KeyPath: return keyPath.string() == other.keyPath.string();
-    case Type::Variable: return variable == other.variable;
-    case Type::Aggregate: return elements == other.elements;
+    case Type::Constant:
+      return constant == other.constant;
+    case Type::KeyPath:
+      return keyPath.string() == other.keyPath.string();
+    case Type::Variable:
+      return variable == other.variable;
+    case Type::Aggregate:
+      return elements == other.elements;
   }
   return false;
 }
@@ -356,8 +406,10 @@ NodePtr makeComparison(Modifier modifier, Expression lhs, Operator op, FoldOptio
 
 bool Node::evaluate(const Value& object, const Value& variables) const {
   switch (type) {
-    case Type::True: return true;
-    case Type::False: return false;
+    case Type::True:
+      return true;
+    case Type::False:
+      return false;
     case Type::And:
       for (const auto& child : children) {
         if (!child->evaluate(object, variables)) return false;
@@ -368,8 +420,10 @@ bool Node::evaluate(const Value& object, const Value& variables) const {
         if (child->evaluate(object, variables)) return true;
       }
       return false;
-    case Type::Not: return !children[0]->evaluate(object, variables);
-    case Type::Comparison: return evaluateComparison(object, variables);
+    case Type::Not:
+      return !children[0]->evaluate(object, variables);
+    case Type::Comparison:
+      return evaluateComparison(object, variables);
   }
   return false;
 }
@@ -395,9 +449,12 @@ bool Node::evaluateComparison(const Value& object, const Value& variables) const
     }
   }
   switch (modifier) {
-    case Modifier::Any: return any;
-    case Modifier::None: return !any;
-    default: return true;  // All: no element failed
+    case Modifier::Any:
+      return any;
+    case Modifier::None:
+      return !any;
+    default:
+      return true;  // All: no element failed
   }
 }
 
@@ -453,12 +510,18 @@ bool containsElement(const Value& collection, const Value& element, FoldOptions 
 bool Node::compare(const Value& left, const Value& right, bool rhsIsConstant) const {
   int order = 0;
   switch (op) {
-    case Operator::Equal: return equalValues(left, right, options);
-    case Operator::NotEqual: return !equalValues(left, right, options);
-    case Operator::Less: return ordered(left, right, options, &order) && order < 0;
-    case Operator::LessOrEqual: return ordered(left, right, options, &order) && order <= 0;
-    case Operator::Greater: return ordered(left, right, options, &order) && order > 0;
-    case Operator::GreaterOrEqual: return ordered(left, right, options, &order) && order >= 0;
+    case Operator::Equal:
+      return equalValues(left, right, options);
+    case Operator::NotEqual:
+      return !equalValues(left, right, options);
+    case Operator::Less:
+      return ordered(left, right, options, &order) && order < 0;
+    case Operator::LessOrEqual:
+      return ordered(left, right, options, &order) && order <= 0;
+    case Operator::Greater:
+      return ordered(left, right, options, &order) && order > 0;
+    case Operator::GreaterOrEqual:
+      return ordered(left, right, options, &order) && order >= 0;
     case Operator::Between: {
       if (!right.isSequence() || right.size() != 2) return false;
       int low = 0, high = 0;
@@ -477,7 +540,8 @@ bool Node::compare(const Value& left, const Value& right, bool rhsIsConstant) co
         return containsText(left.str(), right.str(), options, rhsIsConstant ? &foldedRhs : nullptr);
       }
       return false;
-    default: break;
+    default:
+      break;
   }
   if (!left.isString() || !right.isString()) return false;
   std::string_view text = left.str();
@@ -527,7 +591,8 @@ bool Node::compare(const Value& left, const Value& right, bool rhsIsConstant) co
       tlsWide.assign(tlsText.begin(), tlsText.end());
       return std::regex_match(tlsWide, compiled->regex);
     }
-    default: return false;
+    default:
+      return false;
   }
 }
 
@@ -535,8 +600,12 @@ bool Node::compare(const Value& left, const Value& right, bool rhsIsConstant) co
 
 void format(const Node& node, std::string* out) {
   switch (node.type) {
-    case Node::Type::True: *out += "TRUEPREDICATE"; return;
-    case Node::Type::False: *out += "FALSEPREDICATE"; return;
+    case Node::Type::True:
+      *out += "TRUEPREDICATE";
+      return;
+    case Node::Type::False:
+      *out += "FALSEPREDICATE";
+      return;
     case Node::Type::Not:
     case Node::Type::And:
     case Node::Type::Or: {
@@ -553,10 +622,17 @@ void format(const Node& node, std::string* out) {
     }
     case Node::Type::Comparison: {
       switch (node.modifier) {
-        case Modifier::Any: *out += "ANY "; break;
-        case Modifier::All: *out += "ALL "; break;
-        case Modifier::None: *out += "NONE "; break;
-        case Modifier::Direct: break;
+        case Modifier::Any:
+          *out += "ANY ";
+          break;
+        case Modifier::All:
+          *out += "ALL ";
+          break;
+        case Modifier::None:
+          *out += "NONE ";
+          break;
+        case Modifier::Direct:
+          break;
       }
       formatExpression(node.lhs, out);
       out->push_back(' ');
@@ -592,7 +668,8 @@ bool equal(const Node& a, const Node& b) {
 NodePtr substitute(const NodePtr& node, const Value& variables) {
   switch (node->type) {
     case Node::Type::True:
-    case Node::Type::False: return node;
+    case Node::Type::False:
+      return node;
     case Node::Type::And:
     case Node::Type::Or:
     case Node::Type::Not: {
@@ -610,7 +687,8 @@ NodePtr substitute(const NodePtr& node, const Value& variables) {
       bool changed = substituteExpression(node->lhs, variables, &lhs);
       changed |= substituteExpression(node->rhs, variables, &rhs);
       if (!changed) return node;
-      return makeComparison(node->modifier, std::move(lhs), node->op, node->options, std::move(rhs));
+      return makeComparison(node->modifier, std::move(lhs), node->op, node->options,
+                            std::move(rhs));
     }
   }
   return node;
@@ -618,11 +696,14 @@ NodePtr substitute(const NodePtr& node, const Value& variables) {
 
 bool isReservedWord(std::string_view word) {
   static constexpr std::array<std::string_view, 29> kWords = {
-      "AND",      "OR",       "NOT",           "IN",         "BETWEEN", "BEGINSWITH",
-      "ENDSWITH", "CONTAINS", "LIKE",          "MATCHES",    "ANY",     "ALL",
-      "NONE",     "SOME",     "TRUEPREDICATE", "FALSEPREDICATE", "YES", "NO",
-      "TRUE",     "FALSE",    "NIL",           "NULL",       "SELF",    "CAST",
-      "FIRST",    "LAST",     "SIZE",          "SUBQUERY",   "FUNCTION"};
+      "AND",     "OR",         "NOT",           "IN",
+      "BETWEEN", "BEGINSWITH", "ENDSWITH",      "CONTAINS",
+      "LIKE",    "MATCHES",    "ANY",           "ALL",
+      "NONE",    "SOME",       "TRUEPREDICATE", "FALSEPREDICATE",
+      "YES",     "NO",         "TRUE",          "FALSE",
+      "NIL",     "NULL",       "SELF",          "CAST",
+      "FIRST",   "LAST",       "SIZE",          "SUBQUERY",
+      "FUNCTION"};
   for (std::string_view w : kWords) {
     if (w.size() != word.size()) continue;
     bool same = true;

@@ -84,7 +84,8 @@ class Lexer {
     if (c >= '0' && c <= '9') return number(t);
     switch (c) {
       case '\'':
-      case '"': return quoted(t);
+      case '"':
+        return quoted(t);
       case '@':
         ++i_;
         t.kind = Token::Kind::AtIdentifier;
@@ -97,16 +98,26 @@ class Lexer {
         t.text = readIdentifierChars();
         if (t.text.empty()) fail(t.position, "expected a variable name after '$'");
         return t;
-      case '%': return directive(t);
-      case '(': return single(t, Token::Kind::LParen);
-      case ')': return single(t, Token::Kind::RParen);
-      case '{': return single(t, Token::Kind::LBrace);
-      case '}': return single(t, Token::Kind::RBrace);
-      case '[': return single(t, Token::Kind::LBracket);
-      case ']': return single(t, Token::Kind::RBracket);
-      case ',': return single(t, Token::Kind::Comma);
-      case '.': return single(t, Token::Kind::Dot);
-      default: return op(t);
+      case '%':
+        return directive(t);
+      case '(':
+        return single(t, Token::Kind::LParen);
+      case ')':
+        return single(t, Token::Kind::RParen);
+      case '{':
+        return single(t, Token::Kind::LBrace);
+      case '}':
+        return single(t, Token::Kind::RBrace);
+      case '[':
+        return single(t, Token::Kind::LBracket);
+      case ']':
+        return single(t, Token::Kind::RBracket);
+      case ',':
+        return single(t, Token::Kind::Comma);
+      case '.':
+        return single(t, Token::Kind::Dot);
+      default:
+        return op(t);
     }
   }
 
@@ -167,7 +178,7 @@ class Lexer {
       if (digits == 0) fail(start, "expected digits after the radix prefix");
       if (i_ < text_.size() && isIdentifierChar(text_[i_])) fail(i_, "malformed number");
       t.value = v > static_cast<uint64_t>(INT64_MAX) ? Value::float64(static_cast<double>(v))
-                                                      : Value::integer(static_cast<int64_t>(v));
+                                                     : Value::integer(static_cast<int64_t>(v));
       return t;
     }
     bool isFloat = false;
@@ -220,10 +231,18 @@ class Lexer {
       if (i_ >= text_.size()) fail(t.position, "unterminated string");
       char e = text_[i_++];
       switch (e) {
-        case 'n': s.push_back('\n'); break;
-        case 't': s.push_back('\t'); break;
-        case 'r': s.push_back('\r'); break;
-        case '0': s.push_back('\0'); break;
+        case 'n':
+          s.push_back('\n');
+          break;
+        case 't':
+          s.push_back('\t');
+          break;
+        case 'r':
+          s.push_back('\r');
+          break;
+        case '0':
+          s.push_back('\0');
+          break;
         case 'u': {
           char32_t code = 0;
           for (int k = 0; k < 4; ++k) {
@@ -235,7 +254,9 @@ class Lexer {
           appendUtf8(code, &s);
           break;
         }
-        default: s.push_back(e); break;  // \\, \", \' and any other character as itself
+        default:
+          s.push_back(e);
+          break;  // \\, \", \' and any other character as itself
       }
     }
     t.value = Value::string(s);
@@ -290,20 +311,24 @@ class Lexer {
         if (d == '<') return take(2, "<=");
         if (d == '>') return take(2, ">=");
         return take(1, "==");
-      case '!': return d == '=' ? take(2, "!=") : take(1, "!");
+      case '!':
+        return d == '=' ? take(2, "!=") : take(1, "!");
       case '<':
         if (d == '=') return take(2, "<=");
         if (d == '>') return take(2, "!=");
         return take(1, "<");
-      case '>': return d == '=' ? take(2, ">=") : take(1, ">");
+      case '>':
+        return d == '=' ? take(2, ">=") : take(1, ">");
       case '&':
         if (d == '&') return take(2, "&&");
         break;
       case '|':
         if (d == '|') return take(2, "||");
         break;
-      case '-': return take(1, "-");
-      default: break;
+      case '-':
+        return take(1, "-");
+      default:
+        break;
     }
     fail(t.position, std::string("unexpected character '") + c + "'");
   }
@@ -418,11 +443,10 @@ class Parser {
     size_t rhsPosition = current_.position;
     Expression rhs = parseExpression(depth);
     if (op == Operator::Between) {
-      bool twoElements =
-          (rhs.type == Expression::Type::Aggregate && rhs.elements.size() == 2) ||
-          (rhs.type == Expression::Type::Constant && rhs.constant.isSequence() &&
-           rhs.constant.size() == 2) ||
-          rhs.type == Expression::Type::Variable;
+      bool twoElements = (rhs.type == Expression::Type::Aggregate && rhs.elements.size() == 2) ||
+                         (rhs.type == Expression::Type::Constant && rhs.constant.isSequence() &&
+                          rhs.constant.size() == 2) ||
+                         rhs.type == Expression::Type::Variable;
       if (!twoElements) fail(rhsPosition, "BETWEEN needs a collection of two bounds");
     }
     (void)opPosition;
@@ -432,8 +456,9 @@ class Parser {
   Operator parseOperator() {
     if (current_.kind == Kind::Operator) {
       static constexpr std::pair<std::string_view, Operator> kSymbols[] = {
-          {"==", Operator::Equal},      {"!=", Operator::NotEqual}, {"<", Operator::Less},
-          {"<=", Operator::LessOrEqual}, {">", Operator::Greater},  {">=", Operator::GreaterOrEqual}};
+          {"==", Operator::Equal},  {"!=", Operator::NotEqual},
+          {"<", Operator::Less},    {"<=", Operator::LessOrEqual},
+          {">", Operator::Greater}, {">=", Operator::GreaterOrEqual}};
       for (const auto& [text, op] : kSymbols) {
         if (current_.text == text) {
           advance();
@@ -442,9 +467,12 @@ class Parser {
       }
     } else if (current_.kind == Kind::Identifier && !current_.escaped) {
       static constexpr std::pair<std::string_view, Operator> kWords[] = {
-          {"BETWEEN", Operator::Between}, {"BEGINSWITH", Operator::BeginsWith},
-          {"ENDSWITH", Operator::EndsWith}, {"CONTAINS", Operator::Contains},
-          {"LIKE", Operator::Like},         {"MATCHES", Operator::Matches},
+          {"BETWEEN", Operator::Between},
+          {"BEGINSWITH", Operator::BeginsWith},
+          {"ENDSWITH", Operator::EndsWith},
+          {"CONTAINS", Operator::Contains},
+          {"LIKE", Operator::Like},
+          {"MATCHES", Operator::Matches},
           {"IN", Operator::In}};
       for (const auto& [text, op] : kWords) {
         if (equalsIgnoringCase(current_.text, text)) {
@@ -478,7 +506,8 @@ class Parser {
   }
 
   const Value& takeArgument(size_t position) {
-    if (nextArgument_ >= arguments_.size()) fail(position, "missing argument for a format directive");
+    if (nextArgument_ >= arguments_.size())
+      fail(position, "missing argument for a format directive");
     return arguments_[nextArgument_++];
   }
 
@@ -486,7 +515,8 @@ class Parser {
     Token t = advance();
     switch (t.kind) {
       case Kind::String:
-      case Kind::Number: return Expression::makeConstant(t.value);
+      case Kind::Number:
+        return Expression::makeConstant(t.value);
       case Kind::Operator:
         if (t.text == "-" && current_.kind == Kind::Number) {
           Value n = advance().value;
@@ -494,10 +524,14 @@ class Parser {
           return Expression::makeConstant(Value::float64(-n.doubleValue()));
         }
         break;
-      case Kind::Argument: return argumentExpression(t);
-      case Kind::Variable: return Expression::makeVariable(t.text);
-      case Kind::LBrace: return aggregate(t, depth);
-      case Kind::AtIdentifier: return keyPathFrom(t.text);
+      case Kind::Argument:
+        return argumentExpression(t);
+      case Kind::Variable:
+        return Expression::makeVariable(t.text);
+      case Kind::LBrace:
+        return aggregate(t, depth);
+      case Kind::AtIdentifier:
+        return keyPathFrom(t.text);
       case Kind::Identifier: {
         if (t.escaped) return keyPathFrom(t.text);
         if (equalsIgnoringCase(t.text, "YES") || equalsIgnoringCase(t.text, "TRUE")) {
@@ -516,10 +550,11 @@ class Parser {
         }
         return keyPathFrom(t.text);
       }
-      default: break;
+      default:
+        break;
     }
-    fail(t.position, t.kind == Kind::End ? "unexpected end, expected an expression"
-                                         : "expected an expression");
+    fail(t.position,
+         t.kind == Kind::End ? "unexpected end, expected an expression" : "expected an expression");
   }
 
   Expression keyPathFrom(std::string path) {
@@ -617,8 +652,8 @@ NodePtr parse(std::string_view format, std::span<const Value> arguments, Error* 
   } catch (const ParseFailure& failure) {
     if (error) {
       std::string description = "Unable to parse the format string at position " +
-                                std::to_string(characterPosition(format, failure.position)) +
-                                ": " + failure.reason;
+                                std::to_string(characterPosition(format, failure.position)) + ": " +
+                                failure.reason;
       *error = Error::withDescription(std::string(kCocoaErrorDomain), kParseErrorCode, description);
     }
     return nullptr;

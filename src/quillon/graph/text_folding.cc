@@ -131,6 +131,23 @@ char32_t nextFolded(std::string_view s, size_t* i, FoldOptions options) {
   return kEndOfText;
 }
 
+void foldTextToUtf8(std::string_view s, FoldOptions options, std::string* out) {
+  out->clear();
+  out->reserve(s.size());
+  size_t i = 0;
+  for (char32_t c; (c = nextFolded(s, &i, options)) != kEndOfText;) {
+    if (c < 0x80) {
+      out->push_back(static_cast<char>(c));
+    } else if (c >= 0xDC80 && c <= 0xDCFF) {  // keep the stand-in, not the raw byte
+      out->push_back(static_cast<char>(0xED));
+      out->push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+      out->push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    } else {
+      appendUtf8(c, out);
+    }
+  }
+}
+
 int compareFolded(std::string_view a, std::string_view b, FoldOptions options) {
   if (!options.any()) {
     int r = a.compare(b);

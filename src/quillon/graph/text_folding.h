@@ -39,6 +39,11 @@ char32_t nextFolded(std::string_view s, size_t* i, FoldOptions options);
 // buffer reused across calls stops allocating).
 void foldText(std::string_view s, FoldOptions options, std::u32string* out);
 
+// Replaces *out with the folded text as UTF-8, whose byte order is the order
+// of compareFolded(): malformed bytes become their U+DC80..U+DCFF stand-ins.
+// Used to fold sort keys once instead of once per comparison.
+void foldTextToUtf8(std::string_view s, FoldOptions options, std::string* out);
+
 // Three-way comparison of two strings by folded code points; with no options
 // this is plain code-point (byte) order.
 int compareFolded(std::string_view a, std::string_view b, FoldOptions options);

@@ -3,10 +3,15 @@
 #include <algorithm>
 
 #include "quillon/base/error.h"
+#include "quillon/base/notification_center.h"
+#include "quillon/platform/main_queue.h"
 
 namespace quillon {
 
-UndoManager::UndoManager() : self_(std::make_shared<UndoManager*>(this)) {}
+UndoManager::UndoManager()
+    : endOfTurnHook_(
+          [](std::function<void()> endOfTurn) { MainQueue::async(std::move(endOfTurn)); }),
+      self_(std::make_shared<UndoManager*>(this)) {}
 
 UndoManager::~UndoManager() = default;
 
@@ -15,7 +20,7 @@ void UndoManager::raise(std::string reason) const {
 }
 
 void UndoManager::postNotification(std::string_view name) {
-  (void)name;  // delivered once the notification center is in place
+  NotificationCenter::defaultCenter().post(name, this);
 }
 
 void UndoManager::trim(Stack& stack) const {

@@ -32,10 +32,12 @@ inline constexpr std::string_view kInternalInconsistencyException =
 // undo and redo alternate without limit (up to levelsOfUndo groups each).
 //
 // With groupsByEvent (the default) the first registration outside a group
-// opens one that closes at the end of the current main-queue turn; the turn's
-// end is reported through the end-of-turn hook, which the main queue provides
-// in an application and tests drive by hand. Without a hook the automatic
-// group stays open until undo() closes it.
+// opens one that closes at the end of the current main-queue turn: the
+// end-of-turn hook (by default MainQueue::async) is handed the closing call.
+// Tests may install a hook they drive by hand; with an empty hook the
+// automatic group stays open until undo() closes it.
+//
+// Notifications go to NotificationCenter::defaultCenter().
 //
 // Main operations are virtual so that a document's undo manager can make them
 // more forgiving. Misuse raises quillon::Exception named
@@ -59,6 +61,7 @@ class UndoManager {
   bool groupsByEvent() const { return groupsByEvent_; }
   void setGroupsByEvent(bool groupsByEvent) { groupsByEvent_ = groupsByEvent; }
   void setEndOfTurnHook(EndOfTurnHook hook) { endOfTurnHook_ = std::move(hook); }
+  const EndOfTurnHook& endOfTurnHook() const { return endOfTurnHook_; }
 
   // The most groups kept on each stack, oldest dropped first; 0 is no limit.
   size_t levelsOfUndo() const { return levelsOfUndo_; }

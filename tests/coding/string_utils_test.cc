@@ -1,0 +1,104 @@
+#include "quillon/coding/string_utils.h"
+
+#include <gtest/gtest.h>
+
+#include "quillon/coding/url_utils.h"
+#include "support/temp_dir.h"
+
+namespace quillon {
+namespace {
+
+TEST(StringUtilsTest, StoreUidTakesTheLastComponentWithoutItsPrefix) {
+  EXPECT_EQ(storeUID("/Entity/p12"), "12");
+  EXPECT_EQ(storeUID("t1A2B"), "1A2B");
+  EXPECT_EQ(storeUID("abc"), "abc");
+  EXPECT_EQ(storeUID("x-quillon://DOC-ID/Note/p0F3A"), "0F3A");
+  EXPECT_EQ(storeUID("Note/ptA"), "tA");  // only one prefix character goes
+  EXPECT_EQ(storeUID("Note/"), "");
+  EXPECT_EQ(storeUID("p"), "");
+  EXPECT_EQ(storeUID(""), "");
+  EXPECT_EQ(storeUIDOff("/Entity/p12"), "12");
+  EXPECT_EQ(storeUIDOff("t1A2B"), "1A2B");
+}
+
+TEST(StringUtilsTest, StoreEntityNameTakesTheFirstNonEmptyComponent) {
+  EXPECT_EQ(storeEntityName("/Entity/p12"), "Entity");
+  EXPECT_EQ(storeEntityName("Note/ABC"), "Note");
+  EXPECT_EQ(storeEntityName("///Tag//x"), "Tag");
+  EXPECT_EQ(storeEntityName("Folder"), "Folder");
+  EXPECT_EQ(storeEntityName("///"), "");
+  EXPECT_EQ(storeEntityName(""), "");
+}
+
+TEST(StringUtilsTest, DigestsAreUpperCaseOverUtf8Bytes) {
+  EXPECT_EQ(storeSHA256String("Note"),
+            "D8DA2C49DF39D91DF7ECD199B92DA7BF264F026242CCC69B08DAEADFE587C45B");
+  EXPECT_EQ(storeMD5String(""), "D41D8CD98F00B204E9800998ECF8427E");
+  EXPECT_EQ(storeMD5String("abc"), "900150983CD24FB0D6963F7D28E17F72");
+  EXPECT_EQ(storeMD5String("\u00e9"), "66DDCD97CFDEABB2F6FB8A999B4BC76F");
+}
+
+TEST(StringUtilsTest, AnonymizeKeepsFirstAndLastCodePoints) {
+  EXPECT_EQ(anonymize("Hello"), "H\u2026o");
+  EXPECT_EQ(anonymize("abc"), "a\u2026c");
+  EXPECT_EQ(anonymize("Hi"), "\u2026");
+  EXPECT_EQ(anonymize(""), "\u2026");
+  // Characters, not bytes: two accented letters are three bytes but two characters.
+  EXPECT_EQ(anonymize("\u00e9x"), "\u2026");
+  EXPECT_EQ(anonymize("\u00dcn\u00efc\u00f6d\u00e9"), "\u00dc\u2026\u00e9");
+  EXPECT_EQ(anonymize("\U0001F600ab\U0001F603"), "\U0001F600\u2026\U0001F603");
+  // Bytes that are not UTF-8 count one each and are kept as they are.
+  EXPECT_EQ(anonymize("\xff\xfe\xfd"), "\xff\u2026\xfd");
+  EXPECT_EQ(anonymize("a\xe2\x80"), "a\u2026\x80");  // a cut-off sequence
+
+  EXPECT_EQ(anonymize(Value("Hello")), Value("H\u2026o"));
+  EXPECT_TRUE(anonymize(Value(42)).isNil());
+  EXPECT_TRUE(anonymize(Value::null()).isNil());
+  EXPECT_TRUE(anonymize(Value::array({"Hello"})).isNil());
+}
+
+TEST(StringUtilsTest, LocalizedStringFallsBackToTheKey) {
+  EXPECT_EQ(QuillonLocalizedString("No translation for this key"), "No translation for this key");
+  EXPECT_EQ(QuillonLocalizedString(""), "");
+}
+
+class BackupPathTest : public ::testing::Test {
+ protected:
+  void TearDown() override { setBackupProvider({}); }
+};
+
+TEST_F(BackupPathTest, FindsExistingCopiesNewestFirstOnlyWithAProvider) {
+  TempDir backups("quillon-backups");
+  TempDir documents("quillon-documents");
+  documents.write("Notes.quillon/Info.plist", "x");
+  const std::string package = documents.file("Notes.quillon");
+  const std::string volumeName(QuillonVolumeInformation(Url::fileURL(package)).get("Name").str());
+  ASSERT_FALSE(volumeName.empty());
+
+  const std::string database = backups.file("Backups.backupdb");
+  for (const char* snapshot : {"2024-01-05-101010", "2024-03-01-090000", "2024-02-11-235959"}) {
+    backups.write(std::string("Backups.backupdb/Laptop/") + snapshot + "/" + volumeName + package +
+                      "/Info.plist",
+                  snapshot);
+  }
+  // A snapshot without the package, and one without the volume.
+  backups.write("Backups.backupdb/Laptop/2024-04-01-000000/" + volumeName + "/other", "");
+  backups.write("Backups.backupdb/Laptop/2024-05-01-000000/Other Volume" + package, "");
+
+  EXPECT_TRUE(timeMachineBackupPath(package).empty());  // no provider installed
+
+  setBackupProvider([database] { return std::vector<std::string>{database}; });
+  const std::string prefix = database + "/Laptop/";
+  EXPECT_EQ(timeMachineBackupPath(package),
+            (std::vector<std::string>{prefix + "2024-03-01-090000/" + volumeName + package,
+                                      prefix + "2024-02-11-235959/" + volumeName + package,
+                                      prefix + "2024-01-05-101010/" + volumeName + package}));
+  EXPECT_TRUE(timeMachineBackupPath(documents.file("Never backed up")).empty());
+
+  // A database that has gone away is no error.
+  setBackupProvider([&] { return std::vector<std::string>{backups.file("gone.backupdb")}; });
+  EXPECT_TRUE(timeMachineBackupPath(package).empty());
+}
+
+}  // namespace
+}  // namespace quillon

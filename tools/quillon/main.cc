@@ -1,0 +1,49 @@
+// The `quillon` command-line tool: inspects, scripts and repairs packages.
+// Every command prints one "error: …" line and exits non-zero on bad input.
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <exception>
+
+#include "quillon/base/env.h"
+#include "quillon/base/error.h"
+#include "tool.h"
+
+namespace quillon::tool {
+
+std::vector<uint8_t> readWholeFile(const std::string& path) {
+  std::vector<uint8_t> contents;
+  if (Error error = Env::Default()->readFile(path, &contents)) {
+    throw ToolError("cannot read " + path + ": " + error.localizedDescription());
+  }
+  return contents;
+}
+
+}  // namespace quillon::tool
+
+int main(int argc, char** argv) {
+  CLI::App app{"quillon: inspect and edit Quillon document packages", "quillon"};
+  app.require_subcommand(1);
+  quillon::tool::addDecodeCacheCommand(app);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForAllHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    std::fprintf(stderr, "error: %s\n", e.what());
+    return e.get_exit_code() ? e.get_exit_code() : 2;
+  } catch (const quillon::tool::ToolError& e) {
+    std::fprintf(stderr, "error: %s\n", e.what());
+    return 1;
+  } catch (const quillon::Exception& e) {
+    std::fprintf(stderr, "error: %s\n", e.reason().c_str());
+    return 1;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "error: %s\n", e.what());
+    return 1;
+  }
+  return 0;
+}

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <stdexcept>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+}
+
+namespace quillon::tool {
+
+// A failure that ends a command: main prints "error: " and the message on
+// one line and exits with status 1.
+class ToolError : public std::runtime_error {
+ public:
+  explicit ToolError(const std::string& message) : std::runtime_error(message) {}
+};
+
+// Reads a whole file through the framework's Env; raises ToolError.
+std::vector<uint8_t> readWholeFile(const std::string& path);
+
+// Decrypts a file of an encrypted package with the key that the password
+// and the "Encryption" entry of PKG/Info.plist give; raises ToolError when
+// the package has no such entry or the password does not open the file.
+std::vector<uint8_t> decryptPackageFile(const std::vector<uint8_t>& bytes,
+                                        const std::string& packagePath,
+                                        const std::string& password,
+                                        const std::string& displayName);
+
+// Each command adds itself (its options and its action) to the tool.
+void addDecodeCacheCommand(CLI::App& app);
+
+}  // namespace quillon::tool
