@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "quillon/graph/predicate.h"
 #include "quillon/graph/validation_error.h"
 #include "support/graph_stack.h"
 
@@ -159,9 +160,14 @@ TEST_F(ManagedObjectTest, ChangedAndCommittedValuesFollowSaves) {
   EXPECT_EQ(note->changedValues().size(), 1u);
   EXPECT_EQ(note->changedValues().get("title").str(), "second");
   EXPECT_EQ(note->committedValuesForKeys({"title"}).get("title").str(), "first");
+  auto changed = Predicate::parse("changedValues.@count > 0 AND isUpdated == YES");
+  ASSERT_TRUE(changed);
+  EXPECT_TRUE(changed->evaluate(Value::object(note)));
   // Changing back leaves the object touched but without changes.
   ASSERT_TRUE(note->setValue("title", "first"));
   EXPECT_TRUE(note->changedValues().empty());
+  EXPECT_FALSE(changed->evaluate(Value::object(note)));
+  EXPECT_TRUE(objectIDFromValue(note->valueForKey("objectID"))->isEqual(*note->objectID()));
 }
 
 class ValidationTest : public ManagedObjectTest {

@@ -67,7 +67,17 @@ std::string ManagedObject::description() const {
 
 Value ManagedObject::valueForKey(std::string_view key) const {
   // Reading may fill the fault; the object's identity and contract stay const.
-  return const_cast<ManagedObject*>(this)->value(key);
+  auto* self = const_cast<ManagedObject*>(this);
+  if (entity_->indexOfProperty(key) >= 0) return self->value(key);
+  if (key == "objectID") return objectID_ ? Value::object(objectID_) : Value();
+  if (key == "entity") return Value(entity_->name());
+  if (key == "changedValues") return self->changedValues();
+  if (key == "isInserted") return Value(isInserted());
+  if (key == "isUpdated") return Value(isUpdated());
+  if (key == "isDeleted") return Value(isDeleted());
+  if (key == "isFault") return Value(isFault());
+  if (key == "hasChanges") return Value(hasChanges());
+  return Value();
 }
 
 void ManagedObject::fireFault() {

@@ -103,7 +103,10 @@ class ManagedObject : public Object, public std::enable_shared_from_this<Managed
   virtual void didTurnIntoFault() {}
 
   // Object: key-value access for predicates and sort descriptors (fires the
-  // fault); the class name is the entity name.
+  // fault). Keys that are not properties answer the object's state:
+  // "objectID", "entity" (its name), "changedValues", "isInserted",
+  // "isUpdated", "isDeleted", "isFault", "hasChanges". The class name is the
+  // entity name.
   std::string className() const override;
   Value valueForKey(std::string_view key) const override;
   std::string description() const override;

@@ -121,7 +121,7 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
   // change to the store in one save request (or to the parent context). On
   // failure nothing is reset and *error says why (validation errors with
   // their codes).
-  bool save(Error* error = nullptr);
+  virtual bool save(Error* error = nullptr);
   // Throws away every unsaved change.
   void rollback();
   // Forgets every object; objects handed out before become detached faults.
