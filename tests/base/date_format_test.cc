@@ -8,31 +8,14 @@
 #include <ctime>
 #include <string>
 
+#include "support/scoped_time_zone.h"
+
 namespace quillon {
 namespace {
 
 constexpr double kSample = 816929039.123;  // 2026-11-21 04:43:59.123 UTC
 
-// Sets the process's zone for one test; POSIX zone texts need no tz database.
-class ScopedTimeZone {
- public:
-  explicit ScopedTimeZone(const char* tz) {
-    if (const char* old = std::getenv("TZ")) old_ = old;
-    setenv("TZ", tz, 1);
-    tzset();
-  }
-  ~ScopedTimeZone() {
-    if (old_) {
-      setenv("TZ", old_->c_str(), 1);
-    } else {
-      unsetenv("TZ");
-    }
-    tzset();
-  }
-
- private:
-  std::optional<std::string> old_;
-};
+using testing::ScopedTimeZone;
 
 TEST(DateFormatTest, ChangeDateTexts) {
   EXPECT_EQ(formatChangeDate(0), "2001-01-01-00-00-00.000");

@@ -11,6 +11,7 @@
 
 #include "quillon/base/error.h"
 #include "quillon/base/uuid.h"
+#include "support/scoped_time_zone.h"
 
 namespace quillon {
 namespace {
@@ -19,26 +20,7 @@ std::string chosen(std::string_view valueClass, int64_t type, const Value& versi
   return QuillonValueTransformerForAttribute(valueClass, type, version)->className();
 }
 
-// Sets TZ for the life of a test and restores it afterwards.
-class ScopedTimeZone {
- public:
-  explicit ScopedTimeZone(const char* zone) {
-    if (const char* old = std::getenv("TZ")) old_ = old;
-    setenv("TZ", zone, 1);
-    tzset();
-  }
-  ~ScopedTimeZone() {
-    if (old_) {
-      setenv("TZ", old_->c_str(), 1);
-    } else {
-      unsetenv("TZ");
-    }
-    tzset();
-  }
-
- private:
-  std::optional<std::string> old_;
-};
+using testing::ScopedTimeZone;
 
 // A transformer that only says who it is, for lookup-order tests.
 class NamedTransformer : public ValueTransformer {
