@@ -1,11 +1,8 @@
 #include "quillon/base/date_format.h"
 
 #include <gtest/gtest.h>
-#include <time.h>
 
 #include <cmath>
-#include <cstdlib>
-#include <ctime>
 #include <string>
 
 #include "support/scoped_time_zone.h"
@@ -126,15 +123,6 @@ TEST(DateFormatTest, MediumDateTimeInLocalZone) {
   EXPECT_EQ(formatMediumDateTime(-0.5), "Dec 31, 2000 at 11:59:59 PM");
   ScopedTimeZone east("IST-5:30");
   EXPECT_EQ(formatMediumDateTime(kSample), "Nov 21, 2026 at 10:13:59 AM");
-}
-
-TEST(DateFormatTest, NowIsTheSystemClock) {
-  double before = static_cast<double>(std::time(nullptr) - 978307200);
-  double now = dateNow();
-  double after = static_cast<double>(std::time(nullptr) - 978307200);
-  EXPECT_GE(now, before);
-  EXPECT_LT(now, after + 1);
-  EXPECT_LE(now, dateNow());
 }
 
 }  // namespace
