@@ -7,6 +7,7 @@
 #include <map>
 #include <string>
 
+#include "bench_support.h"
 #include "quillon/coding/dense_coder.h"
 
 #ifdef QUILLON_HAVE_MSGPACK_CXX
@@ -240,48 +241,29 @@ BENCHMARK(BM_MsgpackDecode)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
 
 #endif  // QUILLON_HAVE_MSGPACK_CXX
 
-// Prints the usual table, then one line per tree and direction with the time
-// (CPU, so that a busy machine skews both alike) and size ratios of
+// One line per tree and direction with the time and size ratios of
 // DenseCoding to msgpack (below 1 means DenseCoding wins).
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      auto bytes = run.counters.find("bytes");
-      results_[run.benchmark_name()] = {run.GetAdjustedCPUTime(),
-                                        bytes == run.counters.end() ? 0.0 : double(bytes->second)};
+void printRatios(const bench::RatioReporter& reporter) {
+  for (const char* direction : {"Encode", "Decode"}) {
+    for (int which = 0; which < 2; ++which) {
+      std::string suffix = "/" + std::to_string(which);
+      std::string dense = std::string("BM_Dense") + direction + suffix;
+      std::string peer = std::string("BM_Msgpack") + direction + suffix;
+      double denseTime = reporter.cpuTime(dense), peerTime = reporter.cpuTime(peer);
+      if (denseTime <= 0 || peerTime <= 0) continue;
+      double denseBytes = reporter.counter(dense, "bytes");
+      double peerBytes = reporter.counter(peer, "bytes");
+      std::printf(
+          "dense/msgpack %s %-7s time %.2f (%.0f us vs %.0f us)  size %.2f (%.0f vs %.0f bytes)\n",
+          direction, treeName(which), denseTime / peerTime, denseTime, peerTime,
+          denseBytes / peerBytes, denseBytes, peerBytes);
     }
   }
-  void Finalize() override {
-    ConsoleReporter::Finalize();
-    for (const char* direction : {"Encode", "Decode"}) {
-      for (int which = 0; which < 2; ++which) {
-        std::string suffix = "/" + std::to_string(which);
-        auto dense = results_.find(std::string("BM_Dense") + direction + suffix);
-        auto peer = results_.find(std::string("BM_Msgpack") + direction + suffix);
-        if (dense == results_.end() || peer == results_.end()) continue;
-        std::printf(
-            "dense/msgpack %s %-7s time %.2f (%.0f us vs %.0f us)  size %.2f (%.0f vs %.0f bytes)\n",
-            direction, treeName(which), dense->second.first / peer->second.first,
-            dense->second.first, peer->second.first, dense->second.second / peer->second.second,
-            dense->second.second, peer->second.second);
-      }
-    }
-  }
-
- private:
-  std::map<std::string, std::pair<double, double>> results_;
-};
+}
 
 }  // namespace
 }  // namespace quillon
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  quillon::RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-  return 0;
+  return quillon::bench::runBenchmarks(argc, argv, quillon::printRatios);
 }

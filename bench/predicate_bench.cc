@@ -20,6 +20,7 @@
 
 #include "quillon/graph/predicate.h"
 #include "quillon/graph/sort_descriptor.h"
+#include "bench_support.h"
 
 namespace {
 
@@ -172,67 +173,33 @@ void BM_HandFetch(benchmark::State& state) {
 }
 BENCHMARK(BM_HandFetch)->Unit(benchmark::kMillisecond);
 
-// Prints as usual and remembers each benchmark's CPU time per iteration (the
-// median with repetitions), so the ratios can be printed at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      if (run.error_occurred) continue;
-      std::string name = run.run_name.str();
-      if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
-        medians_[name] = run.GetAdjustedCPUTime();
-      } else if (run.run_type == Run::RT_Iteration) {
-        times_[name] = run.GetAdjustedCPUTime();
-      }
-    }
+void printRatios(const quillon::bench::RatioReporter& reporter) {
+  auto time = [&](const char* name) { return reporter.cpuTime(name); };
+  static const struct {
+    const char* what;
+    const char* ours;
+    const char* peer;
+  } kPairs[] = {
+      {"filter", "BM_PredicateFilter", "BM_HandFilter"},
+      {"sort", "BM_SortDescriptorSort", "BM_HandSort"},
+      {"fetch (filter + sort)", "BM_PredicateFetch", "BM_HandFetch"},
+  };
+  for (const auto& pair : kPairs) {
+    double ours = time(pair.ours), peer = time(pair.peer);
+    if (ours <= 0 || peer <= 0) continue;
+    std::printf("CPU time %s / hand-written loop, %s over %zu objects: %.2fx\n", pair.ours + 3,
+                pair.what, kObjects, ours / peer);
   }
-
-  void printRatios() const {
-    static const struct {
-      const char* what;
-      const char* ours;
-      const char* peer;
-    } kPairs[] = {
-        {"filter", "BM_PredicateFilter", "BM_HandFilter"},
-        {"sort", "BM_SortDescriptorSort", "BM_HandSort"},
-        {"fetch (filter + sort)", "BM_PredicateFetch", "BM_HandFetch"},
-    };
-    for (const auto& pair : kPairs) {
-      double ours = time(pair.ours), peer = time(pair.peer);
-      if (ours <= 0 || peer <= 0) continue;
-      std::printf("CPU time %s / hand-written loop, %s over %zu objects: %.2fx\n", pair.ours + 3,
-                  pair.what, kObjects, ours / peer);
-    }
-    double ours = time("BM_PredicateFilter") + time("BM_SortDescriptorSort");
-    double peer = time("BM_HandFilter") + time("BM_HandSort");
-    if (ours > 0 && peer > 0) {
-      std::printf("CPU time filter and full sort / hand-written loop: %.2fx\n", ours / peer);
-    }
+  double ours = time("BM_PredicateFilter") + time("BM_SortDescriptorSort");
+  double peer = time("BM_HandFilter") + time("BM_HandSort");
+  if (ours > 0 && peer > 0) {
+    std::printf("CPU time filter and full sort / hand-written loop: %.2fx\n", ours / peer);
   }
-
- private:
-  double time(const std::string& name) const {
-    auto median = medians_.find(name);
-    if (median != medians_.end()) return median->second;
-    auto single = times_.find(name);
-    return single == times_.end() ? 0 : single->second;
-  }
-
-  std::map<std::string, double> times_;
-  std::map<std::string, double> medians_;
-};
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  data();  // build the objects before any timing starts
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.printRatios();
-  benchmark::Shutdown();
-  return 0;
+  // Builds the objects before any timing starts.
+  return quillon::bench::runBenchmarks(argc, argv, printRatios, [] { data(); });
 }

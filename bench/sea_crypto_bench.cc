@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_support.h"
 #include "quillon/coding/sea_crypto.h"
 
 namespace {
@@ -136,66 +137,29 @@ void BM_RawOpenSSLFreshBuffersRoundTrip(benchmark::State& state) {
 }
 BENCHMARK(BM_RawOpenSSLFreshBuffersRoundTrip)->Arg(1024)->Arg(1 << 20);
 
-// Prints as usual and remembers each benchmark's time per iteration, so the
-// ratios can be printed at the end. CPU time, not wall time: the machines
-// this runs on are shared, and waiting for a core is not our cost.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    // With repetitions, the median stands for the benchmark.
-    for (const Run& run : runs) {
-      if (run.error_occurred) continue;
-      std::string name = run.run_name.str();
-      if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
-        medians_[name] = run.GetAdjustedCPUTime();
-      } else if (run.run_type == Run::RT_Iteration) {
-        times_[name] = run.GetAdjustedCPUTime();
-      }
+void printRatios(const quillon::bench::RatioReporter& reporter) {
+  static const struct {
+    const char* ours;
+    const char* peer;
+  } kPairs[] = {
+      {"BM_SeaCryptoRoundTrip", "BM_RawOpenSSLFreshBuffersRoundTrip"},
+      {"BM_SeaCryptoBytesRoundTrip", "BM_RawOpenSSLRoundTrip"},
+      {"BM_SeaCryptoRoundTrip", "BM_RawOpenSSLRoundTrip"},
+  };
+  for (const char* size : {"1024", "1048576"}) {
+    for (const auto& pair : kPairs) {
+      double ours = reporter.cpuTime(std::string(pair.ours) + "/" + size);
+      double peer = reporter.cpuTime(std::string(pair.peer) + "/" + size);
+      if (ours <= 0 || peer <= 0) continue;
+      std::printf("CPU time %s / %s at %s bytes: %.3f\n", pair.ours + 3, pair.peer + 3, size,
+                  ours / peer);
     }
   }
-
-  void printRatios() const {
-    static const struct {
-      const char* ours;
-      const char* peer;
-    } kPairs[] = {
-        {"BM_SeaCryptoRoundTrip", "BM_RawOpenSSLFreshBuffersRoundTrip"},
-        {"BM_SeaCryptoBytesRoundTrip", "BM_RawOpenSSLRoundTrip"},
-        {"BM_SeaCryptoRoundTrip", "BM_RawOpenSSLRoundTrip"},
-    };
-    for (const char* size : {"1024", "1048576"}) {
-      for (const auto& pair : kPairs) {
-        double ours = time(std::string(pair.ours) + "/" + size);
-        double peer = time(std::string(pair.peer) + "/" + size);
-        if (ours <= 0 || peer <= 0) continue;
-        std::printf("CPU time %s / %s at %s bytes: %.3f\n", pair.ours + 3, pair.peer + 3, size,
-                    ours / peer);
-      }
-    }
-  }
-
- private:
-  double time(const std::string& name) const {
-    auto median = medians_.find(name);
-    if (median != medians_.end()) return median->second;
-    auto single = times_.find(name);
-    return single == times_.end() ? 0 : single->second;
-  }
-
-  std::map<std::string, double> times_;
-  std::map<std::string, double> medians_;
-};
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  sharedCrypto();  // derive before any timing starts
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.printRatios();
-  benchmark::Shutdown();
-  return 0;
+  // Derives the keys before any timing starts.
+  return quillon::bench::runBenchmarks(argc, argv, printRatios, [] { sharedCrypto(); });
 }

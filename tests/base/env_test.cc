@@ -90,14 +90,11 @@ TEST(EnvTest, RemoveItemTakesAWholeTree) {
   EXPECT_FALSE(env->exists(dir.file("Package")));
   EXPECT_TRUE(namesIn(env, dir.path()).empty());
   EXPECT_EQ(env->removeItem(dir.file("Package")).code(), ENOENT);
-}
 
-TEST(EnvTest, CreateDirectoriesOverAFileFails) {
-  TempDir dir;
   dir.write("file", "x");
-  EXPECT_TRUE(Env::Default()->createDirectories(dir.file("file")));
-  EXPECT_TRUE(Env::Default()->createDirectories(dir.file("file/below")));
-  EXPECT_FALSE(Env::Default()->createDirectories(dir.path()));  // existing folder is fine
+  EXPECT_TRUE(env->createDirectories(dir.file("file")));
+  EXPECT_TRUE(env->createDirectories(dir.file("file/below")));
+  EXPECT_FALSE(env->createDirectories(dir.path()));  // an existing folder is fine
 }
 
 TEST(EnvTest, AttributesTellAPlaceholderFromAFile) {
@@ -128,41 +125,6 @@ TEST(EnvTest, AttributesTellAPlaceholderFromAFile) {
   FileAttributes folder;
   ASSERT_FALSE(env->attributes(dir.path(), &folder));
   EXPECT_TRUE(folder.isDirectory());
-}
-
-TEST(TempDirTest, IsUniqueAndRemovedWithItsContents) {
-  std::string kept;
-  {
-    TempDir one;
-    TempDir two;
-    EXPECT_NE(one.path(), two.path());
-    one.write("a/b/c.txt", "hello");
-    EXPECT_EQ(one.read("a/b/c.txt"), "hello");
-    EXPECT_EQ(one.file("/a"), one.path() + "/a");
-    kept = one.path();
-  }
-  EXPECT_FALSE(Env::Default()->exists(kept));
-}
-
-TEST(FaultInjectingEnvTest, CountsByKindAndPath) {
-  TempDir dir;
-  FaultInjectingEnv env;
-  ASSERT_FALSE(env.createDirectories(dir.file("Changes")));
-  ASSERT_FALSE(env.writeFileAtomically(dir.file("Changes/one.json"), "1"));
-  ASSERT_FALSE(env.writeFileAtomically(dir.file("Info.plist"), "2"));
-  ASSERT_FALSE(env.moveItem(dir.file("Info.plist"), dir.file("Changes/moved")));
-  std::vector<std::string> paths;
-  ASSERT_FALSE(env.listRecursively(dir.path(), &paths));
-
-  EXPECT_EQ(env.count(FaultInjectingEnv::Op::Write), 2u);
-  EXPECT_EQ(env.count(FaultInjectingEnv::Op::Write, "/Changes/"), 1u);
-  EXPECT_EQ(env.count(FaultInjectingEnv::Op::Move, "/Changes/"), 1u);   // by destination
-  EXPECT_EQ(env.count(FaultInjectingEnv::Op::Move, "Info.plist"), 1u);  // by source
-  EXPECT_EQ(env.count(FaultInjectingEnv::Op::List), 2u);                // the folder and Changes
-  EXPECT_EQ(env.count(FaultInjectingEnv::Op::Read), 0u);
-  EXPECT_GT(env.totalCount(), 6u);
-  env.resetCounts();
-  EXPECT_EQ(env.totalCount(), 0u);
 }
 
 TEST(FaultInjectingEnvTest, FailsMatchingOperationsAfterNSuccesses) {

@@ -62,23 +62,6 @@ TEST(OperationQueueTest, DependenciesAreRespectedAcrossQueues) {
   for (auto& w : writes) EXPECT_TRUE(w->isFinished());
 }
 
-TEST(OperationQueueTest, ChainOfDependenciesRunsInOrder) {
-  OperationQueue queue;
-  queue.setMaxConcurrentOperationCount(4);
-  Journal journal;
-  std::vector<std::shared_ptr<Operation>> ops;
-  for (int i = 0; i < 30; ++i) {
-    ops.push_back(Operation::withBlock([&journal, i] { journal.add(i); }));
-    if (i > 0) ops[i]->addDependency(ops[i - 1]);
-  }
-  // Added newest first, so FIFO alone would run them backwards.
-  for (int i = 29; i >= 0; --i) queue.addOperation(ops[i]);
-  queue.waitUntilAllOperationsAreFinished();
-  std::vector<int> expected;
-  for (int i = 0; i < 30; ++i) expected.push_back(i);
-  EXPECT_EQ(journal.entries(), expected);
-}
-
 TEST(OperationQueueTest, PrioritiesThenFifoWithOneAtATime) {
   OperationQueue queue("index");
   queue.setMaxConcurrentOperationCount(1);

@@ -54,23 +54,22 @@ constexpr std::string_view kXML = R"(<?xml version="1.0" encoding="UTF-8"?>
 TEST(PropertyListTest, ReadsXMLKindsInOrder) {
   Value v = mustRead(kXML);
   ASSERT_TRUE(v.isDictionary());
-  std::vector<std::string> keys;
-  for (const auto& [k, _] : v.items()) keys.emplace_back(k.str());
-  EXPECT_EQ(keys, (std::vector<std::string>{"zeta", "alpha", "real", "yes", "no", "when", "before",
-                                            "blob", "list"}));
-  EXPECT_EQ(v.get("zeta").str(), "Z & é");
+  EXPECT_EQ(v.keys()[0], Value("zeta"));  // insertion order, not sorted
+  EXPECT_EQ(v,
+            Value::dictionary({{"zeta", "Z & é"},
+                               {"alpha", -42},
+                               {"real", 2.5},
+                               {"yes", true},
+                               {"no", false},
+                               {"when", Value::date(816929039)},
+                               {"before", Value::date(-1)},
+                               {"blob", Value::data(std::string_view("\x00\x01\x02\xFF", 4))},
+                               {"list", Value::array({1, Value::dictionary(), Value::array()})}}));
+  // Numbers compare across kinds, so the kinds are checked on their own.
   EXPECT_EQ(v.get("alpha").kind(), Value::Kind::Integer);
-  EXPECT_EQ(v.get("alpha").intValue(), -42);
   EXPECT_EQ(v.get("real").kind(), Value::Kind::Float64);
-  EXPECT_EQ(v.get("real").doubleValue(), 2.5);
   EXPECT_EQ(v.get("yes").kind(), Value::Kind::Boolean);
-  EXPECT_TRUE(v.get("yes").boolValue());
-  EXPECT_FALSE(v.get("no").boolValue());
   EXPECT_EQ(v.get("when").kind(), Value::Kind::Date);
-  EXPECT_EQ(v.get("when").dateValue(), 816929039.0);
-  EXPECT_EQ(v.get("before").dateValue(), -1.0);
-  EXPECT_EQ(v.get("blob"), Value::data(std::string_view("\x00\x01\x02\xFF", 4)));
-  EXPECT_EQ(v.get("list"), Value::array({1, Value::dictionary(), Value::array()}));
 }
 
 TEST(PropertyListTest, WritesXMLThatReadsBack) {
@@ -88,7 +87,6 @@ TEST(PropertyListTest, WritesXMLThatReadsBack) {
   std::string xml = writePropertyListXML(v, &error);
   ASSERT_FALSE(error) << error.description();
   EXPECT_TRUE(xml.starts_with("<?xml version=\"1.0\" encoding=\"UTF-8\"?>")) << xml;
-  EXPECT_NE(xml.find("<key>b</key>"), std::string::npos);
   EXPECT_NE(xml.find("&lt;tag&gt; &amp;"), std::string::npos) << xml;
   EXPECT_NE(xml.find("<date>2026-11-21T04:43:59Z</date>"), std::string::npos) << xml;
   EXPECT_NE(xml.find("<data>"), std::string::npos) << xml;

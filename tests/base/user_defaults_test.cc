@@ -1,7 +1,6 @@
 #include "quillon/base/user_defaults.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <string>
 #include <thread>
@@ -9,33 +8,25 @@
 
 #include "quillon/base/env.h"
 #include "quillon/base/plist.h"
-#include "quillon/base/system_log.h"
+#include "support/log_capture.h"
+#include "support/private_home.h"
+#include "support/temp_dir.h"
 
 namespace quillon {
 namespace {
 
 class UserDefaultsTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/quillon_defaults_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    folder_ = pattern;
-    previousSink_ = setSystemLogSink([this](std::string_view m) { logged_.emplace_back(m); });
-  }
-  void TearDown() override {
-    setSystemLogSink(previousSink_);
-    Env::Default()->removeItem(folder_);
-  }
-
   std::string fileContents(const std::string& path) {
     std::vector<uint8_t> bytes;
     Error error = Env::Default()->readFile(path, &bytes);
     return error ? std::string() : std::string(bytes.begin(), bytes.end());
   }
 
-  std::string folder_;
-  std::vector<std::string> logged_;
-  SystemLogSink previousSink_;
+  TempDir dir_;
+  const std::string folder_ = dir_.path();
+  testing::LogCapture log_;
+  const std::vector<std::string>& logged_ = log_.lines();
 };
 
 TEST_F(UserDefaultsTest, StoresEveryKindAndPersistsInOrder) {
@@ -144,20 +135,12 @@ TEST_F(UserDefaultsTest, ConcurrentSettersLoseNothing) {
 }
 
 TEST_F(UserDefaultsTest, DefaultFolderAndStandardInstance) {
-  const char* old = getenv("XDG_CONFIG_HOME");
-  std::string saved = old ? old : "";
-  setenv("XDG_CONFIG_HOME", folder_.c_str(), 1);
-  UserDefaults defaults("org.example.app");
-  EXPECT_EQ(defaults.path(), folder_ + "/org.example.app.plist");
+  const std::string config = testing::privateHome() + "/.config";
+  EXPECT_EQ(UserDefaults("org.example.app").path(), config + "/org.example.app.plist");
   UserDefaults::setStandardApplicationIdentifier("org.example.standard-test");
   UserDefaults& standard = UserDefaults::standard();
-  EXPECT_EQ(standard.path(), folder_ + "/org.example.standard-test.plist");
+  EXPECT_EQ(standard.path(), config + "/org.example.standard-test.plist");
   EXPECT_EQ(&UserDefaults::standard(), &standard);
-  if (old) {
-    setenv("XDG_CONFIG_HOME", saved.c_str(), 1);
-  } else {
-    unsetenv("XDG_CONFIG_HOME");
-  }
   UserDefaults::setStandardApplicationIdentifier("org.quillon.cli");
   EXPECT_NE(&UserDefaults::standard(), &standard);
 }

@@ -193,12 +193,6 @@ TEST_F(DCNSCoderTest, AFactoryThatThrowsFailsTheRead) {
   EXPECT_EQ(DenseCoder::lastLoggedReason(), "broken factory");
 }
 
-}  // namespace
-}  // namespace quillon
-
-namespace quillon {
-namespace {
-
 TEST_F(DCNSCoderTest, StoredFormReadingBypassesTheFactories) {
   auto note = std::make_shared<Note>();
   note->title = "kept";

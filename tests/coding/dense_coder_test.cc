@@ -11,9 +11,9 @@
 namespace quillon {
 namespace {
 
-using ::testing::HasSubstr;
 using testing::Bytes;
 using testing::bytesOf;
+using ::testing::HasSubstr;
 using testing::LogCapture;
 
 std::vector<uint8_t> encode(const Value& v) { return bytesOf(DenseCoder::dataWithRootObject(v)); }
@@ -41,8 +41,6 @@ TEST(DenseCoderTest, NilHasNoDataAndAnEmptyArrayIs28Bytes) {
   auto bytes = encode(Value::array());
   EXPECT_EQ(bytes.size(), 28u);
   EXPECT_EQ(bytes, expected);
-  EXPECT_EQ(bytes[0], 'T');
-  EXPECT_EQ(bytes[3], 'F');
   Value back = decode(bytes);
   EXPECT_TRUE(back.isArray());
   EXPECT_TRUE(back.empty());
@@ -59,8 +57,8 @@ TEST(DenseCoderTest, IntegersAreNarrowedAndAligned) {
   EXPECT_EQ(encode(Value(big)), Bytes::header(0, 0, 0).u8(18).aligned<int64_t>(big).vec());
   // The int16 sits on an even offset: one byte of padding after the code.
   EXPECT_EQ(encode(Value(300)).size(), 24u);
-  for (int64_t v : {int64_t{0}, int64_t{1}, int64_t{-1}, int64_t{127}, int64_t{128},
-                    int64_t{-129}, int64_t{32768}, int64_t{INT32_MIN}, INT64_MAX, INT64_MIN}) {
+  for (int64_t v : {int64_t{0}, int64_t{1}, int64_t{-1}, int64_t{127}, int64_t{128}, int64_t{-129},
+                    int64_t{32768}, int64_t{INT32_MIN}, INT64_MAX, INT64_MIN}) {
     Value back = decode(encode(Value(v)));
     EXPECT_TRUE(back.isInteger()) << v;
     EXPECT_EQ(back.intValue(), v);
@@ -81,26 +79,14 @@ TEST(DenseCoderTest, BooleansAndFloatsKeepTheirKinds) {
 
 TEST(DenseCoderTest, RepeatedStringsBecomeAliases) {
   Value a = Value::array({Value("ab"), Value("ab")});
-  auto expected = Bytes::header(1, 0, 1)
-                      .u8(10)
-                      .aligned<uint32_t>(2)
-                      .u8(8)
-                      .cstr("ab")
-                      .u8(5)
-                      .u8(0)
-                      .vec();
+  auto expected =
+      Bytes::header(1, 0, 1).u8(10).aligned<uint32_t>(2).u8(8).cstr("ab").u8(5).u8(0).vec();
   EXPECT_EQ(encode(a), expected);
 
   Value m = Value::mutableString("x");
   auto mutableBytes = encode(Value::array({m, m}));
-  auto mutableExpected = Bytes::header(2, 0, 0)
-                             .u8(10)
-                             .aligned<uint32_t>(2)
-                             .u8(23)
-                             .cstr("x")
-                             .u8(2)
-                             .u8(0)
-                             .vec();
+  auto mutableExpected =
+      Bytes::header(2, 0, 0).u8(10).aligned<uint32_t>(2).u8(23).cstr("x").u8(2).u8(0).vec();
   EXPECT_EQ(mutableBytes, mutableExpected);
   Value back = decode(mutableBytes);
   EXPECT_TRUE(back[0].isMutable());
@@ -211,8 +197,8 @@ TEST(DenseCoderTest, DecimalsAlignToTwentyAndRoundTrip) {
   uint32_t word;
   std::memcpy(&word, bytes.data() + 40, 4);
   EXPECT_EQ(static_cast<int8_t>(word & 0xff), -2);
-  EXPECT_EQ((word >> 8) & 0xf, 1u);   // one mantissa word
-  EXPECT_EQ((word >> 12) & 1, 1u);    // negative
+  EXPECT_EQ((word >> 8) & 0xf, 1u);  // one mantissa word
+  EXPECT_EQ((word >> 12) & 1, 1u);   // negative
   EXPECT_EQ(bytes[44] | (bytes[45] << 8), 1250);
   for (const char* text : {"0", "1e5", "0.001", "123456789012345678901234567890", "-7"}) {
     Value v = Value::decimal(*Decimal::parse(text));
@@ -241,11 +227,11 @@ TEST(DenseCoderTest, UrlsGoToTheStringTable) {
 }
 
 TEST(DenseCoderTest, GeometryValuesAndIndexSetsRoundTrip) {
-  Value root = Value::array({
-      DCGeometryValue::point(1, 2), DCGeometryValue::size(3, 4), DCGeometryValue::rect(1, 2, 3, 4),
-      DCGeometryValue::range(uint64_t{1} << 40, 5), DCGeometryValue::vector(-1, 0.5),
-      DCGeometryValue::affine(1, 0, 0, 1, 10, 20),
-      DCIndexSet::make({{1, 3}, {10, 2}}), DCIndexSet::make({{4, 1}}, true)});
+  Value root =
+      Value::array({DCGeometryValue::point(1, 2), DCGeometryValue::size(3, 4),
+                    DCGeometryValue::rect(1, 2, 3, 4), DCGeometryValue::range(uint64_t{1} << 40, 5),
+                    DCGeometryValue::vector(-1, 0.5), DCGeometryValue::affine(1, 0, 0, 1, 10, 20),
+                    DCIndexSet::make({{1, 3}, {10, 2}}), DCIndexSet::make({{4, 1}}, true)});
   Value back = decode(encode(root));
   ASSERT_EQ(back.size(), root.size());
   for (size_t i = 0; i < root.size(); ++i) EXPECT_EQ(back[i], root[i]) << i;
@@ -261,13 +247,16 @@ TEST(DenseCoderTest, ThreeDTransformsReadBackUnderTheirArrayType) {
   ASSERT_NE(g, nullptr);
   EXPECT_EQ(g->typeEncoding(), "[16d]");
   EXPECT_EQ(g->numbers(), m);
-  // The writer knows only the struct type text, so the read form does not go back.
-  try {
-    DenseCoder::dataWithRootObject(back);
-    FAIL() << "expected an exception";
-  } catch (const Exception& e) {
-    EXPECT_EQ(e.name(), "DenseCodingException");
-    EXPECT_EQ(e.reason(), "Unable to encode NSValue data of type [16d]");
+  // The writer knows only struct type texts, so the read form does not go back.
+  for (const auto& [value, type] :
+       {std::pair{back, "[16d]"}, std::pair{DCGeometryValue::other("{Foo=i}"), "{Foo=i}"}}) {
+    try {
+      DenseCoder::dataWithRootObject(Value::array({value}));
+      ADD_FAILURE() << "expected an exception for " << type;
+    } catch (const Exception& e) {
+      EXPECT_EQ(e.name(), "DenseCodingException");
+      EXPECT_EQ(e.reason(), std::string("Unable to encode NSValue data of type ") + type);
+    }
   }
 }
 
@@ -346,11 +335,11 @@ TEST(DenseCoderTest, VersionsAndIdentifiers) {
   EXPECT_EQ(decode(Bytes::header(0, 0, 0, 3, 0).u8(45).vec()), Value(1));
   EXPECT_TRUE(decode(Bytes::header(0, 0, 0, 4, 0).u8(45).vec()).isNil());
   EXPECT_TRUE(decode(Bytes::header(0, 0, 0, 1, 7).u8(45).vec()).isNil());
-  EXPECT_THAT(log.lines(), ::testing::ElementsAre(
-                               "This version of the DenseCoding library doesn't support "
-                               "DenseCoding version 4.0 files",
-                               "This version of the DenseCoding library doesn't support "
-                               "DenseCoding version 1.7 files"));
+  EXPECT_THAT(log.lines(),
+              ::testing::ElementsAre("This version of the DenseCoding library doesn't support "
+                                     "DenseCoding version 4.0 files",
+                                     "This version of the DenseCoding library doesn't support "
+                                     "DenseCoding version 1.7 files"));
 }
 
 TEST(DenseCoderTest, TruncatedDataGivesNilAndLogsWhereTheReadBegan) {
@@ -379,7 +368,8 @@ TEST(DenseCoderTest, HostileInputFailsWithAClearReason) {
                 "Attempted to read cache object at index 0, but cache object count is 0");
   expectFailure(Bytes::header(0, 0, 0).u8(10).aligned<uint32_t>(1).u8(7).aligned<uint32_t>(9).vec(),
                 "Attempted to read cache object at index 9, but cache object count is 0");
-  expectFailure(Bytes::header(0, 0, 0).u8(49).vec(), "DenseCoding cannot decode object of type: 49");
+  expectFailure(Bytes::header(0, 0, 0).u8(49).vec(),
+                "DenseCoding cannot decode object of type: 49");
   expectFailure(Bytes::header(0, 0, 0).u8(255).vec(),
                 "DenseCoding cannot decode object of type: 255");
   expectFailure(Bytes::header(0, 0, 0).u8(47).aligned<uint32_t>(0).vec(),
@@ -471,16 +461,6 @@ TEST(DenseCoderTest, PropertyListReadingAcceptsOnlyPlainValues) {
   EXPECT_TRUE(DenseCoder::propertyListWithData(Bytes::header(0, 0, 0).u8(0).vec()).isNil());
   EXPECT_EQ(DenseCoder::lastLoggedReason(), "DenseCoding cannot decode object of type: 0");
   EXPECT_TRUE(decode(Bytes::header(0, 0, 0).u8(0).vec()).isNil());  // nil itself, no failure
-}
-
-TEST(DenseCoderTest, UnknownStructTypesAreNotWritten) {
-  try {
-    DenseCoder::dataWithRootObject(Value::array({DCGeometryValue::other("{Foo=i}")}));
-    FAIL() << "expected an exception";
-  } catch (const Exception& e) {
-    EXPECT_EQ(e.name(), "DenseCodingException");
-    EXPECT_EQ(e.reason(), "Unable to encode NSValue data of type {Foo=i}");
-  }
 }
 
 }  // namespace

@@ -75,7 +75,7 @@ TEST(DenseLegacyTest, OneTableHoldsStringsNumbersAndContainers) {
 
 TEST(DenseLegacyTest, DictionariesDatesDataAndGeometry) {
   Bytes b = v2(6);
-  word(b, 3), word(b, 4);  // dictionary of 4 pairs: value, then key
+  word(b, 3), word(b, 4);                     // dictionary of 4 pairs: value, then key
   word(b, 14).raw<double>(978307200.0 + 60);  // 1970-based date
   str(b, "when");
   word(b, 13), word(b, 5);
@@ -99,7 +99,7 @@ TEST(DenseLegacyTest, ClassDefinitionsLiveInTheObjectTable) {
   word(b, 21);
   b.cstr("Widget").u8(0).raw<uint32_t>(1);  // class name, padded; one key
   b.cstr("id").u8(0);                       // the key, padded
-  word(b, 22), word(b, 0);            // instance of definition 0, entered as 1
+  word(b, 22), word(b, 0);                  // instance of definition 0, entered as 1
   word(b, 9), word(b, 42);
   word(b, 22), word(b, 0);
   word(b, 23);  // nil property
@@ -154,9 +154,6 @@ TEST(DenseLegacyTest, ErrorsReachTheCallerUnlogged) {
   Bytes huge = v2(0xffffffff);
   word(huge, 4), word(huge, 0x7fffffff);
   EXPECT_EQ(reasonOf(huge.vec()), "Unexpected EOF when parsing object starting at 16");
-  Bytes notAClass = v2(1);
-  word(notAClass, 9), word(notAClass, 0);
-  (void)notAClass;
   Bytes instance = v2(1);
   word(instance, 4), word(instance, 2), word(instance, 9), word(instance, 1);
   word(instance, 22), word(instance, 0);  // index 0 holds a number, not a definition

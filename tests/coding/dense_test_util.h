@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "quillon/base/system_log.h"
 #include "quillon/base/value.h"
+#include "support/log_capture.h"
 
 namespace quillon {
 // Readable values in test failure messages.
@@ -62,19 +62,5 @@ class Bytes {
 inline std::vector<uint8_t> bytesOf(const Value& data) {
   return std::vector<uint8_t>(data.bytes().begin(), data.bytes().end());
 }
-
-// Collects system-log lines while alive.
-class LogCapture {
- public:
-  LogCapture() {
-    previous_ = setSystemLogSink([this](std::string_view m) { lines_.emplace_back(m); });
-  }
-  ~LogCapture() { setSystemLogSink(previous_); }
-  const std::vector<std::string>& lines() const { return lines_; }
-
- private:
-  std::vector<std::string> lines_;
-  SystemLogSink previous_;
-};
 
 }  // namespace quillon::testing

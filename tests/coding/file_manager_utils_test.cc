@@ -6,26 +6,14 @@
 #include <string>
 #include <vector>
 
-#include "quillon/base/system_log.h"
 #include "support/fault_env.h"
+#include "support/log_capture.h"
 #include "support/temp_dir.h"
 
 namespace quillon {
 namespace {
 
-// Collects what goes to the system log during a test.
-class LogCapture {
- public:
-  LogCapture() {
-    previous_ = setSystemLogSink([this](std::string_view line) { lines_.emplace_back(line); });
-  }
-  ~LogCapture() { setSystemLogSink(std::move(previous_)); }
-  const std::vector<std::string>& lines() const { return lines_; }
-
- private:
-  SystemLogSink previous_;
-  std::vector<std::string> lines_;
-};
+using testing::LogCapture;
 
 std::vector<std::string> tree(const std::string& path) {
   std::vector<std::string> paths;

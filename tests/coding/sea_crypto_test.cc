@@ -65,14 +65,13 @@ TEST(SeaCryptoKeyDerivationTest, MatchesAnIndependentlyComputedVector) {
 }
 
 TEST(SeaCryptoKeyDerivationTest, OnlyStringsArePasswordsAndOnlyTheFirst64SaltBytesCount) {
+  // Anything but a string derives the keys of the empty password.
   auto empty = makeCrypto(Value(""));
-  auto data = makeCrypto(Value::data(std::string_view("secret")));
-  auto nil = makeCrypto(Value());
-  auto number = makeCrypto(Value(42));
-  EXPECT_EQ(data->key(), empty->key());
-  EXPECT_EQ(data->keyHMAC(), empty->keyHMAC());
-  EXPECT_EQ(nil->key(), empty->key());
-  EXPECT_EQ(number->keyHMAC(), empty->keyHMAC());
+  for (const Value& password : {Value::data(std::string_view("secret")), Value(), Value(42)}) {
+    auto crypto = makeCrypto(password);
+    EXPECT_EQ(crypto->key(), empty->key()) << password.description();
+    EXPECT_EQ(crypto->keyHMAC(), empty->keyHMAC()) << password.description();
+  }
   EXPECT_NE(makeCrypto(Value("secret"))->key(), empty->key());
 
   std::vector<uint8_t> longSalt = toVector(countingSalt());
@@ -161,7 +160,6 @@ TEST(SeaCryptoEnvelopeTest, LayoutIsIVCipherTextAndMACOverBoth) {
   EXPECT_EQ(std::string(out.begin(), out.begin() + a + b), plain);
 
   // A fixed IV is deterministic; a short one is refused.
-  EXPECT_EQ(crypto->encryptData(Value::data(plain)).bytes().size(), sealed.size());
   EXPECT_EQ(toVector(crypto->encryptData(Value::data(plain))), sealed);
   crypto->setIv(Value::data(std::span<const uint8_t>(iv.data(), 15)));
   EXPECT_TRUE(crypto->encryptData(Value::data(plain)).isNil());

@@ -662,25 +662,15 @@ void DCNSCoder::encodeBool(bool value, std::string_view key) {
   writeKey(key);
 }
 
-void DCNSCoder::encodeInt(int value, std::string_view key) {
-  writeInteger(value);
-  writeKey(key);
-}
-
 void DCNSCoder::encodeInteger(int64_t value, std::string_view key) {
   writeInteger(value);
   writeKey(key);
 }
 
-void DCNSCoder::encodeInt32(int32_t value, std::string_view key) {
-  writeInteger(value);
-  writeKey(key);
-}
-
-void DCNSCoder::encodeInt64(int64_t value, std::string_view key) {
-  writeInteger(value);
-  writeKey(key);
-}
+// The integer widths share one encoding: the narrowest code that holds the value.
+void DCNSCoder::encodeInt(int value, std::string_view key) { encodeInteger(value, key); }
+void DCNSCoder::encodeInt32(int32_t value, std::string_view key) { encodeInteger(value, key); }
+void DCNSCoder::encodeInt64(int64_t value, std::string_view key) { encodeInteger(value, key); }
 
 void DCNSCoder::encodeFloat(float value, std::string_view key) {
   put8(kFloat32);

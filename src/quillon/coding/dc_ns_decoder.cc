@@ -398,12 +398,24 @@ Value DCNSDecoder::readSequence(uint8_t code) {
   Value container = base == kArray ? Value::array(isMutable)
                     : base == kSet ? Value::set(isMutable)
                                    : Value::orderedSet(isMutable);
+  return fillSequence(std::move(container), isMutable, count, &DCNSDecoder::readValue);
+}
+
+Value DCNSDecoder::readDictionary(bool isMutable) {
+  return fillDictionary(isMutable, readCount(2), &DCNSDecoder::readValue);
+}
+
+// A mutable container enters the object table before its contents, so that
+// it may contain itself; an immutable one after them, as the writer numbers
+// them.
+Value DCNSDecoder::fillSequence(Value container, bool isMutable, uint32_t count,
+                                ValueReader read) {
   container.reserve(count);
   if (isMutable) {
     objectCache_.push_back(container);
     openContainers_.push_back(container.identity());
   }
-  for (uint32_t i = 0; i < count; ++i) addMember(container, readValue());
+  for (uint32_t i = 0; i < count; ++i) addMember(container, (this->*read)());
   if (isMutable) {
     openContainers_.pop_back();
   } else {
@@ -412,8 +424,8 @@ Value DCNSDecoder::readSequence(uint8_t code) {
   return container;
 }
 
-Value DCNSDecoder::readDictionary(bool isMutable) {
-  uint32_t count = readCount(2);
+// Entries stand value first, then key; an entry whose value is nil is dropped.
+Value DCNSDecoder::fillDictionary(bool isMutable, uint32_t count, ValueReader read) {
   Value dictionary = Value::dictionary(isMutable);
   dictionary.reserve(count);
   if (isMutable) {
@@ -421,8 +433,8 @@ Value DCNSDecoder::readDictionary(bool isMutable) {
     openContainers_.push_back(dictionary.identity());
   }
   for (uint32_t i = 0; i < count; ++i) {
-    Value value = readValue();
-    Value key = readValue();
+    Value value = (this->*read)();
+    Value key = (this->*read)();
     if (value.isNil()) continue;
     setEntry(dictionary, std::move(key), std::move(value));
   }
@@ -436,21 +448,28 @@ Value DCNSDecoder::readDictionary(bool isMutable) {
 
 // A class definition, then at once the value that uses it.
 Value DCNSDecoder::readClassDefinition() {
+  classCache_.push_back(readClassRecord(&DCNSDecoder::readCString, &DCNSDecoder::readCount, 1));
+  return readValue();
+}
+
+// A class name, a key count and the property keys.
+DCNSDecoder::ClassRecord DCNSDecoder::readClassRecord(StringReader readString,
+                                                      CountReader readKeyCount,
+                                                      size_t minimumBytesPerKey) {
   ClassRecord record;
-  std::string_view name = readCString();
+  std::string_view name = (this->*readString)();
   record.definition.className = std::string(name);
   record.className = makeString(name, false);
   record.factory = factoryFor(name);
-  uint32_t count = readCount(1);
+  uint32_t count = (this->*readKeyCount)(minimumBytesPerKey);
   record.definition.propertyKeys.reserve(count);
   record.keys.reserve(count);
   for (uint32_t i = 0; i < count; ++i) {
-    std::string_view key = readCString();
+    std::string_view key = (this->*readString)();
     record.definition.propertyKeys.emplace_back(key);
     record.keys.push_back(makeString(key, false));
   }
-  classCache_.push_back(std::move(record));
-  return readValue();
+  return record;
 }
 
 // An instance of a class definition: a registered class is made by its

@@ -119,6 +119,15 @@ class DCNSDecoder {
   Value readDecimal();
   Value makeObject(ClassRecord& record, Value properties);
 
+  using ValueReader = Value (DCNSDecoder::*)();
+  using StringReader = std::string_view (DCNSDecoder::*)();
+  using CountReader = uint32_t (DCNSDecoder::*)(size_t);
+  // The parts both versions share, given that version's readers.
+  Value fillSequence(Value container, bool isMutable, uint32_t count, ValueReader read);
+  Value fillDictionary(bool isMutable, uint32_t count, ValueReader read);
+  ClassRecord readClassRecord(StringReader readString, CountReader readKeyCount,
+                              size_t minimumBytesPerKey);
+
   Value readLegacyValue();
   uint32_t readLegacyCount(size_t minimumBytesEach);
   std::string_view readLegacyCString();

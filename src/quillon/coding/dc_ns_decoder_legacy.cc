@@ -137,17 +137,8 @@ Value DCNSDecoder::readLegacyValue() {
     }
     case kDate: return entered(Value::date(readUnaligned<double>() - kReferenceDateOffset));
     case kClassDefinition: {
-      ClassRecord record;
-      std::string_view name = readLegacyCString();
-      record.definition.className = std::string(name);
-      record.className = makeString(name, false);
-      record.factory = factoryFor(name);
-      uint32_t count = readLegacyCount(4);
-      for (uint32_t i = 0; i < count; ++i) {
-        std::string_view key = readLegacyCString();
-        record.definition.propertyKeys.emplace_back(key);
-        record.keys.push_back(makeString(key, false));
-      }
+      ClassRecord record =
+          readClassRecord(&DCNSDecoder::readLegacyCString, &DCNSDecoder::readLegacyCount, 4);
       legacyClasses_[objectCache_.size()] = classCache_.size();
       classCache_.push_back(std::move(record));
       objectCache_.push_back(Value());  // the definition's slot
@@ -245,40 +236,11 @@ Value DCNSDecoder::readLegacySequence(uint32_t code) {
   Value container = base == kArray ? Value::array(isMutable)
                     : base == kSet ? Value::set(isMutable)
                                    : Value::orderedSet(isMutable);
-  container.reserve(count);
-  if (isMutable) {
-    objectCache_.push_back(container);
-    openContainers_.push_back(container.identity());
-  }
-  for (uint32_t i = 0; i < count; ++i) addMember(container, readLegacyValue());
-  if (isMutable) {
-    openContainers_.pop_back();
-  } else {
-    objectCache_.push_back(container);
-  }
-  return container;
+  return fillSequence(std::move(container), isMutable, count, &DCNSDecoder::readLegacyValue);
 }
 
 Value DCNSDecoder::readLegacyDictionary(bool isMutable) {
-  uint32_t count = readLegacyCount(8);
-  Value dictionary = Value::dictionary(isMutable);
-  dictionary.reserve(count);
-  if (isMutable) {
-    objectCache_.push_back(dictionary);
-    openContainers_.push_back(dictionary.identity());
-  }
-  for (uint32_t i = 0; i < count; ++i) {
-    Value value = readLegacyValue();
-    Value key = readLegacyValue();
-    if (value.isNil()) continue;
-    setEntry(dictionary, std::move(key), std::move(value));
-  }
-  if (isMutable) {
-    openContainers_.pop_back();
-  } else {
-    objectCache_.push_back(dictionary);
-  }
-  return dictionary;
+  return fillDictionary(isMutable, readLegacyCount(8), &DCNSDecoder::readLegacyValue);
 }
 
 }  // namespace quillon
