@@ -594,10 +594,7 @@ void ManagedObjectContext::processPendingChanges() {
   if (!pendingRefreshed_.empty()) {
     info.set(std::string(kRefreshedObjectsKey), pendingRefreshed_.valueSet());
   }
-  pendingInserted_.clear();
-  pendingUpdated_.clear();
-  pendingDeleted_.clear();
-  pendingRefreshed_.clear();
+  clearPendingChanges();
   NotificationCenter::defaultCenter().post(kManagedObjectContextObjectsDidChangeNotification, this,
                                            info);
 }
@@ -799,12 +796,7 @@ void ManagedObjectContext::rollback() {
     object->values_ = object->committed_;
     object->pendingChanges_.clear();
   }
-  inserted_.clear();
-  updated_.clear();
-  deleted_.clear();
-  pendingInserted_.clear();
-  pendingUpdated_.clear();
-  pendingDeleted_.clear();
+  clearChangeTracking();
   for (const auto& object : gone) {
     unregisterObject(object.get());
     object->detach();
@@ -814,6 +806,22 @@ void ManagedObjectContext::rollback() {
   processPendingChanges();
 }
 
+void ManagedObjectContext::clearPendingChanges() {
+  pendingInserted_.clear();
+  pendingUpdated_.clear();
+  pendingDeleted_.clear();
+  pendingRefreshed_.clear();
+}
+
+void ManagedObjectContext::clearChangeTracking() {
+  inserted_.clear();
+  updated_.clear();
+  deleted_.clear();
+  pendingInserted_.clear();
+  pendingUpdated_.clear();
+  pendingDeleted_.clear();
+}
+
 void ManagedObjectContext::clearAll() {
   std::vector<ManagedObjectPtr> objects = registeredObjects();
   for (const auto& object : objects) {
@@ -821,12 +829,7 @@ void ManagedObjectContext::clearAll() {
     object->deleted_ = false;
   }
   registry_.clear();
-  inserted_.clear();
-  updated_.clear();
-  deleted_.clear();
-  pendingInserted_.clear();
-  pendingUpdated_.clear();
-  pendingDeleted_.clear();
+  clearChangeTracking();
   pendingRefreshed_.clear();
 }
 

@@ -195,6 +195,11 @@ class ManagedObjectContext : public std::enable_shared_from_this<ManagedObjectCo
                       const EntityDescription* entity) const;
   Value executeFetchFromParent(const FetchRequest& request, Error* error);
   void clearAll();
+  // Empties the pending sets reported by processPendingChanges (refreshed too).
+  void clearPendingChanges();
+  // Empties the saved-state sets and the pending inserted/updated/deleted sets;
+  // pending refreshes survive so a rollback can still report them.
+  void clearChangeTracking();
 
   ConcurrencyType type_;
   std::shared_ptr<PersistentStoreCoordinator> coordinator_;
