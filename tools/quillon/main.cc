@@ -25,7 +25,15 @@ std::vector<uint8_t> readWholeFile(const std::string& path) {
 int main(int argc, char** argv) {
   CLI::App app{"quillon: inspect and edit Quillon document packages", "quillon"};
   app.require_subcommand(1);
+  quillon::tool::addNewCommand(app);
+  quillon::tool::addEditCommands(app);
+  quillon::tool::addFetchCommand(app);
+  quillon::tool::addChangesCommand(app);
+  quillon::tool::addLogCommand(app);
+  quillon::tool::addCatCommand(app);
   quillon::tool::addDecodeCacheCommand(app);
+  quillon::tool::addInfoCommand(app);
+  quillon::tool::addDemoCommand(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {

@@ -31,5 +31,13 @@ std::vector<uint8_t> decryptPackageFile(const std::vector<uint8_t>& bytes,
 
 // Each command adds itself (its options and its action) to the tool.
 void addDecodeCacheCommand(CLI::App& app);
+void addNewCommand(CLI::App& app);      // new_command.cc
+void addEditCommands(CLI::App& app);    // edit_commands.cc: insert, update, delete
+void addCatCommand(CLI::App& app);      // cat_command.cc
+void addChangesCommand(CLI::App& app);  // changes_command.cc
+void addFetchCommand(CLI::App& app);    // fetch_command.cc
+void addInfoCommand(CLI::App& app);     // info_command.cc
+void addLogCommand(CLI::App& app);      // log_command.cc
+void addDemoCommand(CLI::App& app);     // demo_command.cc
 
 }  // namespace quillon::tool

@@ -2,6 +2,8 @@
 
 #include <glib.h>
 
+#include <mutex>
+
 namespace quillon {
 namespace {
 
@@ -11,9 +13,30 @@ std::string clean(const char* path) {
   return p;
 }
 
+std::mutex& overrideMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+std::string& cacheOverride() {
+  static std::string path;
+  return path;
+}
+
 }  // namespace
 
-std::string StandardPaths::userCacheDirectory() { return clean(g_get_user_cache_dir()); }
+void StandardPaths::setUserCacheDirectory(std::string path) {
+  std::lock_guard<std::mutex> lock(overrideMutex());
+  cacheOverride() = std::move(path);
+}
+
+std::string StandardPaths::userCacheDirectory() {
+  {
+    std::lock_guard<std::mutex> lock(overrideMutex());
+    if (!cacheOverride().empty()) return clean(cacheOverride().c_str());
+  }
+  return clean(g_get_user_cache_dir());
+}
 
 std::string StandardPaths::userConfigDirectory() { return clean(g_get_user_config_dir()); }
 

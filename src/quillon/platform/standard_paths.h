@@ -11,6 +11,9 @@ class StandardPaths {
  public:
   // $XDG_CACHE_HOME, else ~/.cache: where local caches go.
   static std::string userCacheDirectory();
+  // Replaces the cache folder for this process (empty restores the XDG one):
+  // lets one process hold two stores with separate local caches.
+  static void setUserCacheDirectory(std::string path);
   // $XDG_CONFIG_HOME, else ~/.config: user defaults.
   static std::string userConfigDirectory();
   // $XDG_DATA_HOME, else ~/.local/share: the home trash lives here.

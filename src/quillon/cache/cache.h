@@ -1,0 +1,160 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "quillon/base/notification_center.h"
+#include "quillon/base/url.h"
+#include "quillon/base/value.h"
+#include "quillon/graph/managed_object_id.h"
+
+namespace quillon {
+
+class DispatchQueue;
+class EntityDescription;
+class ManagedObjectContext;
+class OperationQueue;
+class QuillonCacheArray;
+class QuillonCacheDictionary;
+class QuillonCacheItem;
+class QuillonCacheSet;
+class QuillonStore;
+
+// The local database cache of one open store: per entity the set of known
+// uids ("<Entity>_uids") and the cached values of its objects in sixteen
+// shards by the uid's first character ("<Entity>_<c>"), plus the change log
+// ("Changes": the change dictionaries applied, in order). Files live in
+// <user cache folder>/<application identifier>/LocalDatabaseCache/<MD5 of
+// the package URL>/<key>.fast, outside the package; deleting them loses
+// nothing.
+//
+// Owned by its QuillonStore (shared_ptr); holds the store without owning it.
+// Thread-safe: the shard and uid tables, the change log and each collection
+// carry their own locks; change notices ("changes") are posted on the main
+// queue. Indexing runs on indexQueue, collection saves on saveQueue,
+// checkAllFiles on queue().
+class QuillonCache {
+ public:
+  static std::shared_ptr<QuillonCache> cacheForStore(QuillonStore* store);
+  // Nullopt when the user has no cache folder.
+  static std::optional<Url> cacheURLForStoreURL(const Url& storeURL);
+  static void resetCacheForURL(const Url& storeURL);
+  static void resetAllCaches();
+  static bool checkWritePermissionsForStoreURL(const Url& storeURL);
+
+  explicit QuillonCache(QuillonStore* store);
+  ~QuillonCache();
+  QuillonCache(const QuillonCache&) = delete;
+  QuillonCache& operator=(const QuillonCache&) = delete;
+
+  QuillonStore* store() const { return store_; }
+  void setStoreURL(const Url& storeURL);
+  const Url& storeURL() const { return storeURL_; }
+  // The cache folder (empty while unbound).
+  const Url& URL() const { return url_; }
+  std::optional<Url> URLForKey(std::string_view key) const;
+
+  // ---- The change log ----
+  void loadChangeLogIfNeeded();
+  // Nullptr until loaded: fetches answer nothing before that.
+  std::shared_ptr<QuillonCacheArray> changeLog() const;
+  void addChange(const Value& change, bool isExternal);
+  void removeChange(const Value& change, bool isExternal);
+  // The log's content (an array of change dictionaries); empty while unloaded.
+  Value changes();
+  Value changesChain();
+  Value changesHistoryForObjectID(const ManagedObjectIDPtr& objectID);
+  void updateChangeNames();
+  // The names of the logged non-recovery changes (a set of strings).
+  Value changeNames() const;
+
+  // ---- Identifier bookkeeping (entity name → uid → entry) ----
+  void addObjectUIDs(const Value& objects, bool isExternal);
+  void updateObjectUIDs(const Value& objects, bool isExternal);
+  void removeObjectUIDs(const Value& objects, bool isExternal);
+  void invalidateObjectUIDs(const Value& objects);
+  // A copy of the entity's uid set.
+  Value objectUIDsForEntity(const EntityDescription& entity);
+  Value objectUIDsForEntityName(std::string_view entityName);
+
+  // ---- Collections ----
+  std::shared_ptr<QuillonCacheSet> cacheForEntityUIDs(std::string_view entityName);
+  std::shared_ptr<QuillonCacheDictionary> cacheForObjectID(const ManagedObjectIDPtr& objectID);
+  void loadCachesForEntity(const EntityDescription& entity);
+
+  // ---- Values ----
+  std::shared_ptr<QuillonCacheItem> cacheItemForObjectID(const ManagedObjectIDPtr& objectID);
+  std::shared_ptr<QuillonCacheItem> cacheItemForObjectID(const ManagedObjectIDPtr& objectID,
+                                                         ManagedObjectContext* context);
+  Value attributesForObjectID(const ManagedObjectIDPtr& objectID, ManagedObjectContext* context);
+  Value valuesForObjectID(const ManagedObjectIDPtr& objectID, ManagedObjectContext* context);
+  Value allValuesForObjectID(const ManagedObjectIDPtr& objectID, ManagedObjectContext* context);
+  std::shared_ptr<QuillonCacheItem> loadValuesForObjectID(
+      const ManagedObjectIDPtr& objectID, ManagedObjectContext* context,
+      const std::shared_ptr<QuillonCacheDictionary>& intoCache);
+  // `values` is a whole object record ("version", "type", "payload").
+  void updateCacheForObjectID(const ManagedObjectIDPtr& objectID, const Value& values,
+                              const Url& url);
+  bool removeObjectID(const ManagedObjectIDPtr& objectID);
+  void compactObjectID(const ManagedObjectIDPtr& objectID);
+  void compactObjectIDs(const std::vector<ManagedObjectIDPtr>& objectIDs);
+  void needsRefresh(const ManagedObjectIDPtr& objectID);
+  void setExtraData(const Value& value, const std::string& key, const ManagedObjectIDPtr& objectID);
+  Value extraDataForKey(const std::string& key, const ManagedObjectIDPtr& objectID);
+  void resetExtraDataForObjectID(const ManagedObjectIDPtr& objectID);
+
+  // ---- Saving and maintenance ----
+  // Dirty shards and uid sets on the save queue, then the log synchronously.
+  void save();
+  void saveInBundle();
+  void reset();
+  void checkAllFiles();
+  // Background indexing of every concrete entity, once per cache.
+  void cacheMissingItems();
+  // The quit-time backup snapshot; no provider exists here, so it logs that.
+  void terminate();
+  bool terminated() const { return terminated_.load(); }
+  bool cachedMissingItems() const { return cachedMissingItems_.load(); }
+
+  DispatchQueue& queue() const { return *queue_; }
+  OperationQueue& saveQueue() const { return *saveQueue_; }
+  OperationQueue* indexQueue() const;
+  // Progress counters, changed on the main thread only.
+  uint64_t itemsToLoad() const { return itemsToLoad_.load(); }
+  uint64_t itemsToIndex() const { return itemsToIndex_.load(); }
+  uint64_t maxItemsToIndex() const { return maxItemsToIndex_.load(); }
+  void setItemsToLoad(uint64_t n) { itemsToLoad_.store(n); }
+  void addItemsToIndex(uint64_t n) { itemsToIndex_ += n; }
+  void addMaxItemsToIndex(uint64_t n) { maxItemsToIndex_ += n; }
+
+ private:
+  QuillonStore* store_;
+  Url storeURL_;
+  Url url_;
+  mutable std::recursive_mutex monitor_;  // changeNames, extra data, record updates
+  std::atomic<bool> terminated_{false};
+  std::atomic<bool> cachedMissingItems_{false};
+  mutable std::mutex entitiesMutex_;
+  std::unordered_map<std::string, std::shared_ptr<QuillonCacheDictionary>> entities_;
+  mutable std::mutex uidsMutex_;
+  std::unordered_map<std::string, std::shared_ptr<QuillonCacheSet>> uids_;
+  mutable std::mutex changeLogMutex_;
+  std::shared_ptr<QuillonCacheArray> changeLog_;
+  Value objectIDsToRefresh_;
+  Value changeNames_;
+  std::atomic<uint64_t> itemsToLoad_{0}, itemsToIndex_{0}, maxItemsToIndex_{0};
+  std::unique_ptr<DispatchQueue> queue_;
+  std::unique_ptr<OperationQueue> saveQueue_;
+  mutable std::mutex indexQueueMutex_;
+  std::unique_ptr<OperationQueue> indexQueue_;
+  std::vector<ScopedObserver> observers_;
+};
+
+}  // namespace quillon

@@ -1,0 +1,111 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "quillon/base/url.h"
+#include "quillon/base/value.h"
+
+namespace quillon {
+
+class QuillonStore;
+
+// One file of the local cache held in memory: a dictionary, array or set,
+// read from "<url>.fast" on first use (the store's decrypt, then
+// DenseCoding), marked dirty by every change and written back only when
+// dirty. A missing or undecodable file gives empty content.
+//
+// Owned by the QuillonCache (shared_ptr); cache items point back weakly.
+// Each collection is its own lock (lock()) for its mutators, the content
+// accessors and saveIfNeeded; any thread.
+class QuillonCacheCollection : public std::enable_shared_from_this<QuillonCacheCollection> {
+ public:
+  QuillonCacheCollection(QuillonStore* store, Url url);
+  virtual ~QuillonCacheCollection();
+  QuillonCacheCollection(const QuillonCacheCollection&) = delete;
+  QuillonCacheCollection& operator=(const QuillonCacheCollection&) = delete;
+
+  void loadIfNeeded();
+  void saveIfNeeded();
+  // Writes a copy into the package's "Cache" folder; the dirty flag stays.
+  void saveInBundle();
+  // Removes the item at url() (without ".fast", so the cache file stays).
+  void removeFile();
+  void invalidate();
+
+  bool invalid() const;
+  void setInvalid(bool invalid);
+  bool fromBundle() const { return fromBundle_; }
+  void setFromBundle(bool fromBundle) { fromBundle_ = fromBundle; }
+  const Url& url() const { return url_; }
+  QuillonStore* store() const { return store_; }
+  // The content, loading it first; nil only while unloaded for the base class.
+  virtual Value content();
+  virtual void setContent(Value content);
+  std::recursive_mutex& lock() const { return mutex_; }
+
+ protected:
+  virtual void initContent() {}
+  virtual Value loadTransformer(const Value& value) { return value; }
+  virtual Value saveTransformer(const Value& value) { return value; }
+  // The encoded and encrypted bytes of the content; empty on failure.
+  std::vector<uint8_t> encodedContent();
+
+  mutable std::recursive_mutex mutex_;
+  bool invalid_ = false;
+  bool fromBundle_ = false;
+  Url url_;
+  QuillonStore* store_;
+  Value content_;
+};
+
+// A dictionary file: the value shards (uid → Value::object of a cache item).
+class QuillonCacheDictionary final : public QuillonCacheCollection {
+ public:
+  static std::shared_ptr<QuillonCacheDictionary> dictionaryWithStore(QuillonStore* store, Url url);
+  using QuillonCacheCollection::QuillonCacheCollection;
+  Value valueForKey(const std::string& key);
+  // Nil removes the key.
+  void setValue(Value value, const std::string& key);
+  void removeObjectForKey(const std::string& key);
+
+ protected:
+  void initContent() override;
+};
+
+// An array file: the change log.
+class QuillonCacheArray final : public QuillonCacheCollection {
+ public:
+  static std::shared_ptr<QuillonCacheArray> arrayWithStore(QuillonStore* store, Url url);
+  using QuillonCacheCollection::QuillonCacheCollection;
+  void addObject(Value value);
+  void addObjects(const Value& array);
+  void removeObject(const Value& value);
+  void removeObjects(const Value& array);
+  Value content() override;
+  void setContent(Value content) override;
+
+ protected:
+  void initContent() override;
+};
+
+// A set file, stored as an array of its members: an entity's uids.
+class QuillonCacheSet final : public QuillonCacheCollection {
+ public:
+  static std::shared_ptr<QuillonCacheSet> setWithStore(QuillonStore* store, Url url);
+  using QuillonCacheCollection::QuillonCacheCollection;
+  void addObject(Value value);
+  void addObjects(const Value& array);
+  void removeObject(const Value& value);
+  void removeObjects(const Value& array);
+  Value content() override;
+  void setContent(Value content) override;
+
+ protected:
+  void initContent() override;
+  Value loadTransformer(const Value& value) override;
+  Value saveTransformer(const Value& value) override;
+};
+
+}  // namespace quillon

@@ -1,0 +1,92 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "quillon/base/url.h"
+#include "quillon/base/value.h"
+#include "quillon/coding/dc_ns_coding.h"
+#include "quillon/graph/managed_object_id.h"
+
+namespace quillon {
+
+class EntityDescription;
+class ManagedObjectContext;
+class QuillonCacheDictionary;
+class QuillonStore;
+
+// The cached stored state of one object: attribute values (in memory form),
+// relations as stored references ("Entity/UID"), the file names of external
+// binary values and scratch extra data. Relations and external data are
+// parsed on demand; parsed forms and the memoised value dictionary live in
+// memory only. Keyed-coded under "attributes", "relations", "extraData",
+// "data", "state" (class name "QuillonCacheItem").
+//
+// Held by a value shard (Value::object); updates lock the owning shard (or
+// the item when it has none). Any thread.
+class QuillonCacheItem final : public Object, public DCNSCoding {
+ public:
+  static constexpr std::string_view kClassName = "QuillonCacheItem";
+  // Registers the keyed-coding factory (idempotent; the cache calls it).
+  static void registerCoding();
+
+  QuillonCacheItem();
+
+  // Applies one record's payload (property name → entry) over the item.
+  void updateValues(const Value& values, const EntityDescription& entity, const Url& url,
+                    const Value& version);
+
+  Value attributesForObjectID(const ManagedObjectIDPtr& objectID, QuillonStore* store,
+                              ManagedObjectContext* context);
+  // Attributes, to-one relations (identifiers), external data.
+  Value valuesForObjectID(const ManagedObjectIDPtr& objectID, QuillonStore* store,
+                          ManagedObjectContext* context);
+  // Attributes, to-one and to-many relations, external data; memoised.
+  Value allValuesForObjectID(const ManagedObjectIDPtr& objectID, QuillonStore* store,
+                             ManagedObjectContext* context);
+  Value valueForKey(std::string_view key, const ManagedObjectIDPtr& objectID, QuillonStore* store,
+                    ManagedObjectContext* context);
+  Value parseDataForObjectID(const ManagedObjectIDPtr& objectID, QuillonStore* store);
+  Value parseRelationsForObjectID(const ManagedObjectIDPtr& objectID, QuillonStore* store,
+                                  bool toMany);
+
+  void compact();
+  void resetExtraData();
+  void setExtraData(Value value, const std::string& key);
+  Value extraDataForKey(const Value& key);
+
+  Value attributes() const;
+  Value relations() const;
+  Value data() const;
+  Value extraData() const;
+  Value state() const;
+  void setCollection(const std::shared_ptr<QuillonCacheDictionary>& collection);
+  std::shared_ptr<QuillonCacheDictionary> collection() const;
+
+  // Object and DCNSCoding.
+  std::string className() const override { return std::string(kClassName); }
+  void encodeWithCoder(DCNSCoder& coder) const override;
+
+ private:
+  std::recursive_mutex& updateLock() const;
+
+  mutable std::recursive_mutex mutex_;
+  Value attributes_;
+  Value relations_;
+  Value data_;
+  Value parsedToOneRelations_;
+  Value parsedToManyRelations_;
+  Value parsedData_;
+  Value dictionary_;
+  Value extraData_;
+  Value state_;
+  std::weak_ptr<QuillonCacheDictionary> collection_;
+};
+
+// The shard key of an object: entity name, "_", the first character of the
+// uid (which must not be empty).
+std::string storeKeyFor(std::string_view entityName, std::string_view uid);
+
+}  // namespace quillon

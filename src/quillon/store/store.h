@@ -1,0 +1,400 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "quillon/base/env.h"
+#include "quillon/base/error.h"
+#include "quillon/base/url.h"
+#include "quillon/base/value.h"
+#include "quillon/graph/incremental_store.h"
+#include "quillon/graph/managed_object_id.h"
+
+namespace quillon {
+
+class DirectoryWatcher;
+class DispatchQueue;
+class EntityDescription;
+class FetchRequest;
+class ManagedObject;
+class ManagedObjectContext;
+class OperationQueue;
+class QuillonCache;
+class QuillonCacheItem;
+class QuillonChange;
+class SaveChangesRequest;
+class SeaCrypto;
+
+// The values of one object handed to the object graph; the store never sets
+// valueCount.
+class TessIncrementalStoreNode : public IncrementalStoreNode {
+ public:
+  using IncrementalStoreNode::IncrementalStoreNode;
+  uint64_t valueCount() const { return valueCount_; }
+  void setValueCount(uint64_t count) { valueCount_ = count; }
+
+ private:
+  uint64_t valueCount_ = 0;
+};
+
+// A problem met while loading one object's values from its records.
+class QuillonLoadingIssue {
+ public:
+  // "type", "url" (absolute text), "value" (milliseconds, performance only), "date".
+  static QuillonLoadingIssue loadingIssueWithType(std::string_view type, const Url& url,
+                                                  Value value = Value());
+  const Value& dictionary() const { return dictionary_; }
+
+ private:
+  Value dictionary_;
+};
+inline constexpr std::string_view kQuillonLoadingIssueRemoteFile = "Remote File";
+inline constexpr std::string_view kQuillonLoadingIssueMissingFile = "Missing File";
+inline constexpr std::string_view kQuillonLoadingIssueEmptyFile = "Empty File";
+inline constexpr std::string_view kQuillonLoadingIssueUndecryptableFile = "Undecryptable File";
+inline constexpr std::string_view kQuillonLoadingIssueLoadingPerformance = "Loading Performance";
+
+// The framework's store: a document package of append-only files (Info.plist,
+// "Entities" with one JSON record per object per save, "Changes" with one
+// change file per save, "Errors", "Cache"), plus a local cache outside the
+// package and the application of other computers' saves while the document
+// stays open.
+//
+// Made by the coordinator (registered as "QuillonStore" by
+// Quillon::registerStore) and owned by it. Initialisation, requests, the
+// update of external changes, the log and every notification run on the main
+// thread; records and change files are written on the save queue, change
+// files are read and validated on the read queue. The store's own state is
+// guarded by its recursive monitor (monitor()); entity keys and entities are
+// fixed after construction and readable from any thread.
+//
+// The members are implemented beside the subsystem they belong to:
+// store/store.cc (package, opening, identity), store/fetching.cc,
+// store/saving.cc, changes/change.cc (change files), changes/validation.cc,
+// changes/update.cc, changes/observation.cc and changes/log.cc.
+class QuillonStore : public IncrementalStore {
+ public:
+  // ---- Package and opening (store/store.cc) ----
+
+  // The Env that stores created from now on use for every file access (the
+  // default is Env::Default()). For tests that inject faults; the Env must
+  // outlive those stores.
+  static void setDefaultEnv(Env* env);
+  static Env* defaultEnv();
+
+  // The first extension of the host's first document type whose
+  // "NSPersistentStoreTypeKey" is "QuillonStore".
+  static std::optional<std::string> fileExtension();
+  // "DocumentIdentifier" of the package's Info.plist, nil when unreadable.
+  static Value documentIdentifierForURL(const Url& url);
+  static bool isCorrectFormat(const std::string& path);
+  static bool canOpenURL(const Url& url, const Value& password);
+  // Trashes what stands at the URL (recording it in "QuillonOverwrittenFiles")
+  // and forgets the local cache of that location.
+  static void prepareNewStoreAtURL(const Url& url);
+  // Records the package in "QuillonRecentFiles", asynchronously. Nil
+  // information defaults to the package's own.
+  static void registerURL(const Url& url, Value fileInfo = Value(), Value volumeInfo = Value());
+  // Waits until every registration started so far has been written (tests).
+  static void waitForRegistrations();
+  static Value infoDictionaryForURL(const Url& url);
+
+  // Options: "password", "QuillonUpToChange", "DocumentIdentifier",
+  // "DocumentInfo", kRemoveUbiquitousMetadataOption, kQuillonDurableSavesOption.
+  QuillonStore(PersistentStoreCoordinator* coordinator, std::string configurationName, Url url,
+               Value options);
+  ~QuillonStore() override;
+
+  Env* env() const { return env_; }
+  std::recursive_mutex& monitor() const { return monitor_; }
+
+  Value password() const;
+  // The document identifier: the host of this store's object URIs.
+  std::string identifier() const override;
+  std::string documentIdentifier();
+  void setDocumentIdentifier(const std::string& identifier);
+  void setURL(const Url& url) override;
+  void refreshURLs();
+  Url infoURL() const;
+  Url entitiesURL() const;
+  Url changesURL() const;
+  Url cacheURL() const;
+  Url errorsURL() const;
+  // Creates the package when nothing exists at its path.
+  void writeInfo(const Value& options);
+  void setMetadata(Value metadata) override;
+  Value metadata() const override;
+  bool loadMetadata(Error* error) override;
+
+  // The cipher hand-off: without a password both answer their input.
+  void setupCrypto();
+  Value encrypt(const Value& data);
+  Value decrypt(const Value& data);
+  // The same on bytes; false when the cipher refuses (wrong password, damage).
+  bool encrypt(std::span<const uint8_t> plain, std::vector<uint8_t>* out);
+  bool decrypt(std::span<const uint8_t> stored, std::vector<uint8_t>* out);
+
+  // The URL itself when a file exists there, else the first entry of its
+  // folder whose path begins with the URL's path, else the URL.
+  Url correctedDataURL(const Url& url);
+  void updatePackageDate();
+  void resetCache();
+  void checkAllFiles();
+  bool loadedAllChanges();
+  // "%ld in Cache / %ld on Disk".
+  std::string changesInfo();
+
+  // The save gate: once set, every save fails with the newer-version error.
+  void preventFromSaving();
+  bool blockSaves() const { return blockSaves_.load(); }
+
+  Value executeRequest(const PersistentStoreRequest& request, ManagedObjectContext* context,
+                       Error* error) override;
+  void willRemoveFromPersistentStoreCoordinator(PersistentStoreCoordinator* coordinator) override;
+
+  // Session facts, fixed at initialisation.
+  const std::string& session() const { return session_; }
+  const std::string& userName() const { return userName_; }
+  const std::string& fullUserName() const { return fullUserName_; }
+  const std::string& osVersion() const { return osVersion_; }
+  const std::string& machineName() const { return machineName_; }
+  // Tests give two stores in one process different machine names.
+  void setMachineName(std::string name) { machineName_ = std::move(name); }
+  // An application-supplied value written into every session record.
+  Value userInfo() const;
+  void setUserInfo(Value userInfo);
+  // "yyyy-MM-dd-HH-mm-ss.SSS" in GMT, the date part of change names.
+  std::string formatChangeDate(double secondsSinceReferenceDate) const;
+
+  bool recover() const { return recover_.load(); }
+  void setRecover(bool recover) { recover_.store(recover); }
+  // The history cut-off: a change-log entry (its "name" is used) or nil.
+  const Value& upToChange() const { return upToChange_; }
+  QuillonCache& cache() const { return *cache_; }
+  std::shared_ptr<QuillonCache> cachePointer() const { return cache_; }
+  // The contexts that sent requests (main thread).
+  std::vector<std::shared_ptr<ManagedObjectContext>> contexts() const;
+  DispatchQueue& readQueue() const { return *readQueue_; }
+
+  // ---- Entity keys and identity (store/store.cc) ----
+
+  void setupEntityKeys();
+  // The entities of the coordinator's model by name.
+  const std::unordered_map<std::string, const EntityDescription*>& entities() const;
+  const EntityDescription* entityNamed(std::string_view name) const;
+  std::optional<std::string> fileNameForEntity(const EntityDescription& entity) const;
+  std::optional<std::string> fileNameForEntityName(std::string_view name) const;
+  std::optional<std::string> entityNameForFileName(std::string_view key) const;
+  // Every entity key, entity name → key.
+  const std::unordered_map<std::string, std::string>& entityKeys() const { return entityKeys_; }
+  // Nullptr for a null entity, a closed store or one without coordinator.
+  ManagedObjectIDPtr newObjectIDForEntity(const EntityDescription* entity,
+                                          Value referenceObject) override;
+  std::vector<ManagedObjectIDPtr> obtainPermanentIDsForObjects(
+      const std::vector<std::shared_ptr<ManagedObject>>& objects, Error* error) override;
+  std::string uidForObjectID(const ManagedObjectIDPtr& objectID, ManagedObjectContext* context);
+  // Identifiers made for stored references ("Entity/UID"), reused by cache items.
+  ManagedObjectIDPtr managedObjectIDForReference(std::string_view reference);
+  void setManagedObjectIDForReference(std::string_view reference, ManagedObjectIDPtr objectID);
+
+  // ---- Fetching and loading (store/fetching.cc) ----
+
+  Value executeFetchRequest(const FetchRequest& request, ManagedObjectContext* context);
+  std::shared_ptr<IncrementalStoreNode> newValuesForObjectWithID(const ManagedObjectIDPtr& objectID,
+                                                                 ManagedObjectContext* context,
+                                                                 Error* error) override;
+  Value newValueForRelationship(const RelationshipDescription& relationship,
+                                const ManagedObjectIDPtr& objectID, ManagedObjectContext* context,
+                                Error* error) override;
+  std::shared_ptr<QuillonCacheItem> loadValuesForObjectID(const ManagedObjectIDPtr& objectID,
+                                                          ManagedObjectContext* context,
+                                                          const Value& upToChange = Value());
+  // Reads the object's records in change order, stopping after the record
+  // whose URL contains `upToChange` (a change name) when given. Nullptr after
+  // a loading issue.
+  std::shared_ptr<QuillonCacheItem> loadValuesForEntity(const EntityDescription& entity,
+                                                        const std::string& uid,
+                                                        ManagedObjectContext* context,
+                                                        const Value& upToChange = Value());
+  void resetAttributesForManagedObject(ManagedObject& object);
+  Value changesDictionaryForObjectIDs(const std::vector<ManagedObjectIDPtr>& objectIDs);
+  void addLoadingIssue(QuillonLoadingIssue issue);
+  std::vector<QuillonLoadingIssue> loadingIssues() const;
+  void incrementProgress();
+  // A mutable dictionary that receives "progressMax" and "progressValue" on
+  // the main thread, or nil.
+  void setProgressInfo(Value progressInfo);
+  Value progressInfo() const;
+  int64_t saveOperationsCount() const { return saveOperationsCount_.load(); }
+  int64_t saveOperationsValue() const { return saveOperationsValue_.load(); }
+
+  // ---- Saving (store/saving.cc) ----
+
+  Value executeSaveRequest(const SaveChangesRequest& request, ManagedObjectContext* context);
+  // Writes every object of `context` (read through `sourceStore`) into this
+  // new store as one change of full records; the completion runs on the main
+  // queue once every file is written. Options: kQuillonAnonymizeOptionsKey,
+  // kQuillonBusyWindowControllerOptionsKey (a Value::object of a
+  // QuillonProgressSink).
+  void writeAllObjectsInContext(const std::shared_ptr<ManagedObjectContext>& context,
+                                QuillonStore* sourceStore, const Value& options,
+                                std::function<void(ManagedObjectContext*)> completion);
+  // The queue of record and change-file writes, made on first use.
+  OperationQueue& saveOperationQueue();
+  // Whether saves flush to stable storage (kQuillonDurableSavesOption).
+  bool durableSaves() const;
+
+  // ---- Change files (changes/change.cc) ----
+
+  // An empty recovery change under the URL, then updateChanges().
+  void insertChange(const Url& url);
+  void writeFakeChangeToURL(const Url& url, const Value& refreshes);
+  // The object's record files whose change is in the change log, in change order.
+  std::vector<Url> changesFilesFor(const EntityDescription& entity, const std::string& uid);
+
+  // ---- Validation (changes/validation.cc) ----
+
+  // The combined (entity → uid → entry) updates and inserts of a valid
+  // change, nil otherwise (in recovery mode the combination after logging).
+  Value validatedChanges(const Value& change, bool lightWeight = false);
+  static Value combineChangeDictionary(const Value& first, const Value& second);
+  // The URL's absolute text without the package URL's.
+  std::string shortURL(const Url& url) const;
+
+  // ---- Applying external changes (changes/update.cc) ----
+
+  void updateChanges();
+  void updateChangesWithCompletion(std::function<void(bool success)> completion);
+  void refreshInsertedObjects(const Value& inserts, const Value& updates, const Value& deletes);
+  void processChanges();
+  bool updating() const { return updating_; }
+  size_t changesFileCount() const { return changesFileCount_.load(); }
+  bool hasRemoteFiles() const { return hasRemoteFiles_.load(); }
+  // Menu actions of log entries.
+  void discardChangeFromMenu(const Url& changeURL);
+  void insertChangeFromMenu(const Url& changeURL);
+  void showInFinder(const Url& url);
+
+  // ---- Folder observation (changes/observation.cc) ----
+
+  void observeDirectory();
+  void unobserveDirectory();
+  bool closed() const { return closed_.load(); }
+  void setClosed(bool closed);
+  void invalidatePaths(const std::vector<std::string>& paths);
+  bool isObservingDirectory() const;
+  // The store is about to write this file into "Changes": its event is not
+  // one of another computer. Any thread.
+  void willWriteChangeFile(const std::string& path);
+  // The folder-event grouping window in seconds (2.0; tests shorten it).
+  static void setObservationLatency(double seconds);
+
+  // ---- Log and diagnostics (changes/log.cc) ----
+
+  // A log entry: {"date", "message", "menu" (when given), "QuillonLogType"}.
+  // A menu is an array of {"title", "action", "URL"}. Any thread; the entry is
+  // added on the main queue.
+  void log(const std::string& message, std::string_view type, const Value& menu = Value());
+  void log(const std::string& message);
+  // The entries, newest first (main thread).
+  Value logEntries() const;
+  void refreshLog();
+  void logError(const Error& error, const std::string& domain);
+  void logErrorString(const std::string& text, const std::string& domain);
+  void setErrorLevel(std::string_view type);
+  std::string errorLevel() const;
+  Value errorsArray();
+  Value recentErrorsArray();
+  Value peformanceArray() const;
+  Value sessionDictionary() const;
+  Value sessionInfo();
+  std::string checkSum();
+  Value infoArrayForContext(ManagedObjectContext* context);
+  void fixSyncConflicts();
+
+ private:
+  Env* env_;
+  mutable std::recursive_mutex monitor_;
+  std::unique_ptr<DispatchQueue> readQueue_;
+  std::string session_;
+  std::string userName_, fullUserName_, osVersion_, machineName_;
+  std::atomic<bool> recover_{false};
+  Value upToChange_;
+  std::shared_ptr<QuillonCache> cache_;
+  Value userInfo_;
+
+  // Package.
+  Url entitiesURL_, changesURL_, cacheURL_, errorsURL_;
+  Value infoDictionary_;
+  mutable Value cachedMetadata_;
+  std::string documentIdentifier_;
+  std::unique_ptr<SeaCrypto> crypto_;
+  std::once_flag cryptoOnce_;
+  std::atomic<bool> blockSaves_{false};
+  std::vector<std::weak_ptr<ManagedObjectContext>> contexts_;
+
+  // Identity.
+  std::unordered_map<std::string, const EntityDescription*> entities_;
+  std::unordered_map<std::string, std::string> entityKeys_;
+  std::unordered_map<std::string, std::string> reverseEntityKeys_;
+  std::unordered_map<std::string, ManagedObjectIDPtr> managedObjectIDs_;
+  std::mutex managedObjectIDsMutex_;
+
+  // Loading and progress.
+  std::vector<QuillonLoadingIssue> loadingIssues_;
+  Value progressInfo_;
+  std::atomic<int64_t> saveOperationsCount_{0};
+  std::atomic<int64_t> saveOperationsValue_{0};
+
+  // Saving.
+  std::unique_ptr<OperationQueue> saveOperationQueue_;
+  std::once_flag saveQueueOnce_;
+
+  // Update.
+  bool updating_ = false;
+  std::atomic<size_t> changesFileCount_{0};
+  std::atomic<bool> hasRemoteFiles_{false};
+  std::atomic<bool> closed_{false};
+
+  // Observation (main thread).
+  std::unique_ptr<DirectoryWatcher> watcher_;
+
+  // Log (main thread).
+  Value log_;
+  std::string errorLevel_;
+};
+
+// ---- Identity helpers (store/store.cc) ----
+
+// The uid of an identifier: its cached uid, else the uid of its reference
+// (storeUID of the text), else a fresh UUID; cached on the identifier.
+std::string storeUID(const ManagedObjectID& objectID);
+std::string storeUID(const ManagedObject& object);
+// "Entity/UID".
+std::string storeSavePath(const ManagedObjectID& objectID);
+// A one-element array of a single value; a set's or ordered set's members;
+// an array as it is; nil gives an empty array.
+Value arrayForStore(const Value& value);
+// The store of an object's coordinator when it is a QuillonStore.
+QuillonStore* quillonStore(const ManagedObject& object);
+
+// A uid or entity key read from a file is safe to use as one path component:
+// non-empty, no "/", no NUL, not "." or "..". Untrusted names are checked
+// with it before any file access.
+bool isSafePathComponent(std::string_view name);
+
+// Registers the store type with the coordinator's registry; the same as
+// Quillon::registerStore().
+void registerQuillonStoreType();
+
+}  // namespace quillon

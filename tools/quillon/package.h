@@ -1,0 +1,76 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "quillon/base/notification_center.h"
+#include "quillon/base/value.h"
+#include "quillon/graph/managed_object_model.h"
+#include "quillon/graph/property_description.h"
+#include "quillon/store/managed_object_context.h"
+#include "quillon/store/persistent_store_coordinator.h"
+#include "quillon/store/store.h"
+
+namespace quillon::tool {
+
+// A package opened the way an application opens it: the tool's identity
+// ("org.quillon.cli"), the model file, a coordinator with a QuillonStore on
+// the package and a main-queue context, the calling thread as main thread.
+// Raises ToolError for a model that does not load, a path that is not a
+// package (unless `create`), or a password the package refuses.
+// Destruction saves the local cache and waits for every write.
+class OpenPackage {
+ public:
+  struct Options {
+    std::string path;
+    std::string modelPath;
+    std::optional<std::string> password;
+    bool create = false;      // make a new package when nothing is at path
+    bool recover = false;     // recovery mode
+    std::optional<std::string> documentIdentifier;
+  };
+  explicit OpenPackage(const Options& options);
+  ~OpenPackage();
+  OpenPackage(const OpenPackage&) = delete;
+  OpenPackage& operator=(const OpenPackage&) = delete;
+
+  // Runs the main loop until the store's first update after opening has
+  // finished ("QuillonReady"); raises ToolError after a generous timeout.
+  void waitUntilReady();
+  // Saves the context and waits until every file of the save is written;
+  // raises ToolError with the save's error.
+  void save();
+
+  const ManagedObjectModel& model() const { return *model_; }
+  QuillonStore& store() const { return *store_; }
+  QuillonManagedObjectContext& context() const { return *context_; }
+  std::shared_ptr<QuillonManagedObjectContext> contextPointer() const { return context_; }
+
+ private:
+  std::shared_ptr<const ManagedObjectModel> model_;
+  std::shared_ptr<QuillonPersistentStoreCoordinator> coordinator_;
+  std::shared_ptr<QuillonStore> store_;
+  std::shared_ptr<QuillonManagedObjectContext> context_;
+  ScopedObserver readyObserver_;
+  int ready_ = 0;
+};
+
+// "Entity/UID" of an object; the object a path names (ToolError when the
+// entity is unknown or no such object exists).
+std::string objectPath(const ManagedObject& object);
+ManagedObjectPtr objectForPath(OpenPackage& package, const std::string& path);
+
+// The JSON form of a property value on the command line and in fetch output:
+// dates as "yyyy-MM-dd'T'HH:mm:ss.SSSZ" text, binary data as {"$base64": …},
+// a to-one relationship as "Entity/UID" or null, a to-many as an array of
+// them in stored order, an absent value as null.
+Value jsonForProperty(ManagedObject& object, const PropertyDescription& property);
+// {"$id": "Entity/UID", every property of the entity by name}.
+Value jsonForObject(ManagedObject& object);
+// Sets the values of a JSON object on an object (null clears); raises
+// ToolError naming the property for an unknown property or a value of the
+// wrong type, and for a relationship path that names no object.
+void setValuesFromJSON(OpenPackage& package, ManagedObject& object, const Value& values);
+
+}  // namespace quillon::tool
