@@ -372,6 +372,26 @@ class QuillonStore : public IncrementalStore {
   // Log (main thread).
   Value log_;
   std::string errorLevel_;
+
+  // Further private state and helpers, one block per implementation file;
+  // each file's owner adds only inside its own block.
+  // [store.cc]
+
+  // [fetching.cc]
+
+  // [saving.cc]
+
+  // [change.cc]
+
+  // [validation.cc]
+
+  // [update.cc]
+
+  // [observation.cc]
+
+  // [log.cc]
+
+  // [end]
 };
 
 // ---- Identity helpers (store/store.cc) ----
