@@ -48,6 +48,14 @@ size_t FaultInjectingEnv::injectedFailures() const {
   return injected_;
 }
 
+std::vector<FaultInjectingEnv::Operation> FaultInjectingEnv::operations() const {
+  std::lock_guard lock(mutex_);
+  std::vector<Operation> operations;
+  operations.reserve(records_.size());
+  for (const auto& r : records_) operations.push_back(Operation{r.op, r.path});
+  return operations;
+}
+
 void FaultInjectingEnv::resetCounts() {
   std::lock_guard lock(mutex_);
   records_.clear();
@@ -98,6 +106,29 @@ Error FaultInjectingEnv::writeFileAtomically(const std::string& path,
   Fault fault = Fault::IoError;
   if (record(Op::Write, path, {}, &fault)) return errorFor(fault, path);
   return EnvWrapper::writeFileAtomically(path, contents);
+}
+
+Error FaultInjectingEnv::writeFileAtomicallyUnflushed(const std::string& path,
+                                                     std::span<const uint8_t> contents) {
+  Fault fault = Fault::IoError;
+  if (record(Op::Write, path, {}, &fault)) return errorFor(fault, path);
+  return EnvWrapper::writeFileAtomicallyUnflushed(path, contents);
+}
+
+Error FaultInjectingEnv::syncFiles(const std::vector<std::string>& paths) {
+  Fault fault = Fault::IoError;
+  bool failed = false;
+  std::string failedPath;
+  for (const auto& path : paths) {
+    Fault f = Fault::IoError;
+    if (record(Op::Sync, path, {}, &f) && !failed) {
+      failed = true;
+      fault = f;
+      failedPath = path;
+    }
+  }
+  if (failed) return errorFor(fault, failedPath);
+  return EnvWrapper::syncFiles(paths);
 }
 
 Error FaultInjectingEnv::listDirectory(const std::string& path, std::vector<std::string>* names) {

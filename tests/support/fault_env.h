@@ -37,6 +37,12 @@ class FaultInjectingEnv : public EnvWrapper {
     Copy,               // copyItem (matches on the source or the destination path)
     Attributes,         // attributes
     Exists,             // exists (counted only; it cannot fail)
+    Sync,               // syncFiles: one operation per path handed in
+  };
+  // One operation as it reached the Env, in the order they did.
+  struct Operation {
+    Op op;
+    std::string path;
   };
 
   enum class Fault {
@@ -65,12 +71,20 @@ class FaultInjectingEnv : public EnvWrapper {
   size_t count(Op op, std::string_view pathSubstring) const;
   // Operations of every kind.
   size_t totalCount() const;
+  // Every operation so far (moves and copies under their source path), in
+  // the order they reached this Env: what a test reads to prove ordering.
+  // writeFileAtomically and writeFileAtomicallyUnflushed are both Write.
+  std::vector<Operation> operations() const;
   // Operations that a rule made fail.
   size_t injectedFailures() const;
   void resetCounts();
 
   Error readFile(const std::string& path, std::vector<uint8_t>* contents) override;
   Error writeFileAtomically(const std::string& path, std::span<const uint8_t> contents) override;
+  Error writeFileAtomicallyUnflushed(const std::string& path,
+                                     std::span<const uint8_t> contents) override;
+  // Fails as a whole when a rule matches any of the paths (nothing is flushed).
+  Error syncFiles(const std::vector<std::string>& paths) override;
   Error listDirectory(const std::string& path, std::vector<std::string>* names) override;
   Error createDirectories(const std::string& path) override;
   Error removeItem(const std::string& path) override;

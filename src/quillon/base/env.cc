@@ -8,6 +8,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <mutex>
+#include <thread>
+#include <unordered_set>
 
 namespace quillon {
 namespace {
@@ -32,6 +35,30 @@ Error writeAll(int fd, std::span<const uint8_t> data, const std::string& path) {
     done += static_cast<size_t>(n);
   }
   return {};
+}
+
+Error syncItem(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return Error::posix(errno, path);
+  Error e;
+  if (::fsync(fd) != 0) e = Error::posix(errno, path);
+  ::close(fd);
+  return e;
+}
+
+Error writeThroughTemporary(const std::string& path, std::span<const uint8_t> contents,
+                            bool flush) {
+  static std::atomic<uint64_t> counter{0};
+  std::string temp = parentOf(path) + "/.quillon-tmp-" + std::to_string(::getpid()) + "-" +
+                     std::to_string(counter.fetch_add(1));
+  int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  if (fd < 0) return Error::posix(errno, path);
+  Error e = writeAll(fd, contents, path);
+  if (!e && flush && ::fsync(fd) != 0) e = Error::posix(errno, path);
+  if (::close(fd) != 0 && !e) e = Error::posix(errno, path);
+  if (!e && ::rename(temp.c_str(), path.c_str()) != 0) e = Error::posix(errno, path);
+  if (e) ::unlink(temp.c_str());
+  return e;
 }
 
 class PosixEnv final : public Env {
@@ -63,17 +90,51 @@ class PosixEnv final : public Env {
   }
 
   Error writeFileAtomically(const std::string& path, std::span<const uint8_t> contents) override {
-    static std::atomic<uint64_t> counter{0};
-    std::string temp = parentOf(path) + "/.quillon-tmp-" + std::to_string(::getpid()) + "-" +
-                       std::to_string(counter.fetch_add(1));
-    int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0) return Error::posix(errno, path);
-    Error e = writeAll(fd, contents, path);
-    if (!e && ::fsync(fd) != 0) e = Error::posix(errno, path);
-    if (::close(fd) != 0 && !e) e = Error::posix(errno, path);
-    if (!e && ::rename(temp.c_str(), path.c_str()) != 0) e = Error::posix(errno, path);
-    if (e) ::unlink(temp.c_str());
-    return e;
+    return writeThroughTemporary(path, contents, /*flush=*/true);
+  }
+
+  Error writeFileAtomicallyUnflushed(const std::string& path,
+                                     std::span<const uint8_t> contents) override {
+    return writeThroughTemporary(path, contents, /*flush=*/false);
+  }
+
+  Error syncFiles(const std::vector<std::string>& paths) override {
+    std::vector<std::string> items;
+    std::unordered_set<std::string> seen;
+    items.reserve(paths.size() * 2);
+    for (const auto& path : paths) {
+      if (seen.insert(path).second) items.push_back(path);
+    }
+    for (const auto& path : paths) {
+      std::string parent = parentOf(path);
+      if (seen.insert(parent).second) items.push_back(std::move(parent));
+    }
+    // fsync waits for the device, not the processor: a few threads keep
+    // several flushes in flight, which is what makes a batch cheaper than
+    // one flush after another.
+    constexpr size_t kItemsPerThread = 32;
+    constexpr size_t kMaxThreads = 16;
+    size_t threads = std::min(kMaxThreads, (items.size() + kItemsPerThread - 1) / kItemsPerThread);
+    std::atomic<size_t> next{0};
+    std::mutex errorMutex;
+    size_t errorIndex = items.size();
+    Error firstError;
+    auto work = [&] {
+      for (size_t i = next.fetch_add(1); i < items.size(); i = next.fetch_add(1)) {
+        Error e = syncItem(items[i]);
+        if (!e) continue;
+        std::lock_guard lock(errorMutex);
+        if (i < errorIndex) {
+          errorIndex = i;
+          firstError = std::move(e);
+        }
+      }
+    };
+    std::vector<std::thread> pool;
+    for (size_t t = 1; t < threads; ++t) pool.emplace_back(work);
+    work();
+    for (auto& thread : pool) thread.join();
+    return firstError;
   }
 
   Error listDirectory(const std::string& path, std::vector<std::string>* names) override {
@@ -176,6 +237,13 @@ Env* Env::Default() {
   static Env* env = new PosixEnv();
   return env;
 }
+
+Error Env::writeFileAtomicallyUnflushed(const std::string& path,
+                                        std::span<const uint8_t> contents) {
+  return writeFileAtomically(path, contents);
+}
+
+Error Env::syncFiles(const std::vector<std::string>& /*paths*/) { return {}; }
 
 bool Env::isDirectory(const std::string& path) {
   FileAttributes a;

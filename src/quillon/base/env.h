@@ -40,6 +40,19 @@ class Env {
   // Writes through a temporary file in the same folder and a rename, so
   // readers see the old or the new contents, never a part.
   virtual Error writeFileAtomically(const std::string& path, std::span<const uint8_t> contents) = 0;
+  // The same atomic replacement, but the contents are not flushed to stable
+  // storage before the rename: after a crash the file may be missing or
+  // hold less than was written. Far cheaper when many files are written;
+  // the caller makes them durable together with syncFiles(). The default
+  // is writeFileAtomically().
+  virtual Error writeFileAtomicallyUnflushed(const std::string& path,
+                                             std::span<const uint8_t> contents);
+  // Flushes every item (file or folder) and every distinct parent folder of
+  // the given paths to stable storage, so that their contents and their
+  // names survive a crash. Items are flushed concurrently when there are
+  // many. Tries every item and answers the first error. The default does
+  // nothing: an Env without stable storage has nothing to flush.
+  virtual Error syncFiles(const std::vector<std::string>& paths);
   // The names of a folder's items (not "." or ".."), in no particular order.
   virtual Error listDirectory(const std::string& path, std::vector<std::string>* names) = 0;
   // Creates the folder and any missing parents; an existing folder is fine.
@@ -73,6 +86,13 @@ class EnvWrapper : public Env {
   }
   Error writeFileAtomically(const std::string& path, std::span<const uint8_t> contents) override {
     return target_->writeFileAtomically(path, contents);
+  }
+  Error writeFileAtomicallyUnflushed(const std::string& path,
+                                     std::span<const uint8_t> contents) override {
+    return target_->writeFileAtomicallyUnflushed(path, contents);
+  }
+  Error syncFiles(const std::vector<std::string>& paths) override {
+    return target_->syncFiles(paths);
   }
   Error listDirectory(const std::string& path, std::vector<std::string>* names) override {
     return target_->listDirectory(path, names);

@@ -1,61 +1,166 @@
 #include "quillon/changes/change.h"
 
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "quillon/base/date_format.h"
+#include "quillon/base/env.h"
+#include "quillon/base/json.h"
+#include "quillon/base/uuid.h"
+#include "quillon/cache/cache.h"
+#include "quillon/coding/value_transformer.h"
+#include "quillon/graph/entity_description.h"
+#include "quillon/store/quillon.h"
+#include "quillon/store/save_operation.h"
 #include "quillon/store/store.h"
 
 namespace quillon {
+namespace {
+
+const QuillonNSDateValueTransformer& dateTransformer() {
+  static const QuillonNSDateValueTransformer transformer;
+  return transformer;
+}
+
+// The last change the store's cache knows, or nil.
+Value lastKnownChange(QuillonStore* store) {
+  if (!store) return Value();
+  Value changes = store->cache().changes();
+  if (!changes.isArray() || changes.empty()) return Value();
+  return changes[changes.size() - 1];
+}
+
+// A clock that runs behind another computer's would give a name that sorts
+// before the last known change; such a change goes one second after it.
+void repairBackwardsClock(QuillonChange& change, QuillonStore* store, const Value& last) {
+  if (!last.isDictionary()) return;
+  Value date = dateTransformer().transformedValue(last.get("date"));
+  if (!date.isDate()) return;
+  double lastDate = date.dateValue();
+  if (change.date() < lastDate) {
+    store->log("At least one Mac has (or had) set a wrong date.", kQuillonLogTypeWarning);
+    change.setDate(lastDate + 1.0);
+  }
+}
+
+Value mutableChild(Value& parent, std::string_view key) {
+  if (const Value* child = parent.find(key)) return *child;
+  Value child = Value::dictionary(true);
+  parent.set(Value::string(key), child);
+  return child;
+}
+
+// Recovery and fake changes: pretty JSON, through the cipher, written at once.
+void writeRecoveryChange(QuillonStore* store, const Url& url, const Value& refreshes) {
+  Value dictionary = Value::dictionary(true);
+  dictionary.set(Value::string("name"), Value::string(url.lastPathComponent()));
+  dictionary.set(Value::string("type"), Value::string("recovery"));
+  if (!refreshes.isNil()) dictionary.set(Value::string("refreshes"), refreshes);
+  std::string json = writeJSON(dictionary, JSONStyle::Pretty);
+  std::span<const uint8_t> plain(reinterpret_cast<const uint8_t*>(json.data()), json.size());
+  std::vector<uint8_t> bytes;
+  if (store->password().isNil()) {
+    bytes.assign(plain.begin(), plain.end());
+  } else if (!store->encrypt(plain, &bytes)) {
+    return;
+  }
+  const std::string path = url.path();
+  store->env()->createDirectories(url.deletingLastPathComponent().path());
+  store->willWriteChangeFile(path);
+  store->env()->writeFileAtomically(path, bytes);
+  if (store->durableSaves()) store->env()->syncFiles({path});
+}
+
+}  // namespace
 
 QuillonChange::QuillonChange(QuillonStore* store, double date) : store_(store), date_(date) {}
 
-void QuillonChange::addChange(const Value&, std::string_view, std::string_view,
-                              std::string_view) {
-  // PENDING
+void QuillonChange::addChange(const Value& entry, std::string_view entityName, std::string_view uid,
+                              std::string_view type) {
+  if (changes_.isNil()) changes_ = Value::dictionary(true);
+  Value byType = mutableChild(changes_, type);
+  Value byEntity = mutableChild(byType, entityName);
+  byEntity.set(Value::string(uid), entry);
 }
 
 const std::string& QuillonChange::name() {
-  // PENDING
+  if (name_.empty()) {
+    // The name fixes the date: repair a backwards clock first.
+    if (store_) repairBackwardsClock(*this, store_, lastKnownChange(store_));
+    std::string date = store_ ? store_->formatChangeDate(date_) : formatChangeDate(date_);
+    name_ = date + "." + makeUUIDString();
+  }
   return name_;
 }
 
-std::string QuillonChange::fileName() {
-  // PENDING
-  return {};
-}
+std::string QuillonChange::fileName() { return name() + ".json"; }
 
 Value QuillonChange::dictionary() {
-  // PENDING
-  return Value();
+  if (dictionary_.isNil()) {
+    std::string file = fileName();
+    dictionary_ = Value::dictionary(true);
+    dictionary_.set(Value::string("name"), Value::string(file));
+    dictionary_.set(Value::string("date"),
+                    dateTransformer().reverseTransformedValue(Value::date(date_)));
+    if (!changes_.isNil()) dictionary_.set(Value::string(kQuillonChanges), changes_);
+    if (store_) dictionary_.set(Value::string("session"), store_->sessionDictionary());
+  }
+  return dictionary_;
 }
 
-Value QuillonChange::insertedUIDs() {
-  // PENDING
-  return Value();
+Value QuillonChange::insertedUIDs() { return dictionary().get("inserts"); }
+Value QuillonChange::updatedUIDs() { return dictionary().get("updates"); }
+Value QuillonChange::deletedUIDs() { return dictionary().get("deletes"); }
+
+const std::shared_ptr<QuillonSaveBatch>& QuillonChange::saveBatch() {
+  if (!saveBatch_) saveBatch_ = std::make_shared<QuillonSaveBatch>();
+  return saveBatch_;
 }
 
-Value QuillonChange::updatedUIDs() {
-  // PENDING
-  return Value();
+void QuillonChange::saveToStore(QuillonStore* store) {
+  if (!store || changes_.isNil() || changes_.empty()) return;
+  Value last = lastKnownChange(store);
+  // Once the name is made (records are named after it) the date stays.
+  if (name_.empty()) repairBackwardsClock(*this, store, last);
+  Value content = dictionary();
+  if (last.isDictionary()) {
+    const Value& previous = last.get("name");
+    if (!previous.isNil()) content.set(Value::string("previousName"), previous);
+  }
+  Url changesURL = store->changesURL();
+  store->env()->createDirectories(changesURL.path());
+  Url url = changesURL.appending(fileName());
+  auto operation = std::make_shared<QuillonSaveOperation>(
+      store, content, url, store->durableSaves() ? saveBatch() : nullptr);
+  store->enqueueSaveOperation(operation, /*afterEverything=*/true);
 }
 
-Value QuillonChange::deletedUIDs() {
-  // PENDING
-  return Value();
+void QuillonStore::insertChange(const Url& url) {
+  writeRecoveryChange(this, url, Value());
+  updateChanges();
 }
 
-void QuillonChange::saveToStore(QuillonStore*) {
-  // PENDING
+void QuillonStore::writeFakeChangeToURL(const Url& url, const Value& refreshes) {
+  writeRecoveryChange(this, url, refreshes);
 }
 
-void QuillonStore::insertChange(const Url&) {
-  // PENDING
-}
-
-void QuillonStore::writeFakeChangeToURL(const Url&, const Value&) {
-  // PENDING
-}
-
-std::vector<Url> QuillonStore::changesFilesFor(const EntityDescription&, const std::string&) {
-  // PENDING
-  return {};
+std::vector<Url> QuillonStore::changesFilesFor(const EntityDescription& entity,
+                                              const std::string& uid) {
+  std::vector<Url> files;
+  std::optional<std::string> key = fileNameForEntity(entity);
+  if (!key || !isSafePathComponent(*key) || !isSafePathComponent(uid)) return files;
+  Url folder = entitiesURL().appending(*key, true).appending(uid, true);
+  std::vector<std::string> names;
+  if (env()->listDirectory(folder.path(), &names)) return files;
+  Value known = cache().changeNames();
+  std::sort(names.begin(), names.end());
+  for (const auto& name : names) {
+    if (name.empty() || name[0] == '.') continue;
+    if (known.contains(Value::string(name))) files.push_back(folder.appending(name));
+  }
+  return files;
 }
 
 }  // namespace quillon

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -9,6 +10,7 @@
 
 namespace quillon {
 
+class QuillonSaveBatch;
 class QuillonStore;
 
 // One save in progress: collects the objects the save wrote (type → entity
@@ -43,6 +45,9 @@ class QuillonChange {
   QuillonStore* store() const { return store_; }
   // The "changes" object being assembled (nil until the first addChange).
   const Value& changes() const { return changes_; }
+  // The files this save wrote that must reach stable storage before the
+  // change file does (store/save_operation.h).
+  const std::shared_ptr<QuillonSaveBatch>& saveBatch();
 
  private:
   QuillonStore* store_;
@@ -50,6 +55,7 @@ class QuillonChange {
   Value changes_;
   Value dictionary_;
   std::string name_;
+  std::shared_ptr<QuillonSaveBatch> saveBatch_;
 };
 
 }  // namespace quillon

@@ -1,18 +1,97 @@
 #include "quillon/store/save_operation.h"
 
+#include "quillon/base/error.h"
+#include "quillon/base/json.h"
+#include "quillon/cache/cache.h"
 #include "quillon/store/store.h"
 
 namespace quillon {
 
+void QuillonSaveBatch::add(std::string path) {
+  std::lock_guard lock(mutex_);
+  paths_.push_back(std::move(path));
+}
+
+void QuillonSaveBatch::add(std::initializer_list<std::string> paths) {
+  std::lock_guard lock(mutex_);
+  paths_.insert(paths_.end(), paths.begin(), paths.end());
+}
+
+std::vector<std::string> QuillonSaveBatch::take() {
+  std::lock_guard lock(mutex_);
+  return std::exchange(paths_, {});
+}
+
+QuillonSaveOperation::QuillonSaveOperation(QuillonStore* store, Value dictionary, Url url,
+                                           std::shared_ptr<QuillonSaveBatch> batch)
+    : store_(store), dictionary_(std::move(dictionary)), url_(std::move(url)),
+      batch_(std::move(batch)) {}
+
+bool QuillonSaveOperation::storedBytes(std::vector<uint8_t>* bytes, const std::string& domain) {
+  Error error;
+  std::string json = writeJSON(dictionary_, JSONStyle::Compact, &error);
+  if (json.empty()) {
+    store_->logError(error, domain);
+    return false;
+  }
+  std::span<const uint8_t> plain(reinterpret_cast<const uint8_t*>(json.data()), json.size());
+  if (store_->password().isNil()) {
+    bytes->assign(plain.begin(), plain.end());
+    return true;
+  }
+  if (!store_->encrypt(plain, bytes)) {
+    store_->logErrorString("Could not encrypt " + url_.path(), domain);
+    return false;
+  }
+  return true;
+}
+
+void QuillonSaveOperation::main() {
+  static const std::string kDomain = "QuillonSaveOperation";
+  bool durable = store_->durableSaves();
+  Env* env = store_->env();
+  if (durable && batch_) {
+    // Every record and data file this change names must be on stable storage
+    // before another computer can see the change.
+    std::vector<std::string> paths = batch_->take();
+    if (!paths.empty()) {
+      if (Error error = env->syncFiles(paths)) store_->logError(error, kDomain);
+    }
+  }
+  std::vector<uint8_t> bytes;
+  if (!storedBytes(&bytes, kDomain)) return;
+  const std::string path = url_.path();
+  store_->willWriteChangeFile(path);
+  Error error = durable ? env->writeFileAtomically(path, bytes)
+                        : env->writeFileAtomicallyUnflushed(path, bytes);
+  if (!error && durable) error = env->syncFiles({path});
+  if (error) {
+    store_->logError(error, kDomain);
+    return;
+  }
+  store_->cache().addChange(dictionary_, false);
+}
+
 QuillonManagedObjectSaveOperation::QuillonManagedObjectSaveOperation(
-    std::weak_ptr<QuillonStore> store, ManagedObjectIDPtr objectID, Value record, Url url)
-    : store_(std::move(store)),
-      objectID_(std::move(objectID)),
-      record_(std::move(record)),
-      url_(std::move(url)) {}
+    QuillonStore* store, ManagedObjectIDPtr objectID, Value record, Url url,
+    std::shared_ptr<QuillonSaveBatch> batch)
+    : QuillonSaveOperation(store, std::move(record), std::move(url), std::move(batch)),
+      objectID_(std::move(objectID)) {}
 
 void QuillonManagedObjectSaveOperation::main() {
-  // PENDING
+  static const std::string kDomain = "QuillonManagedObjectSaveOperation";
+  std::vector<uint8_t> bytes;
+  if (!storedBytes(&bytes, kDomain)) return;
+  const std::string path = url_.path();
+  // Records are flushed together with the rest of their save, just before
+  // the change file; one flush per record would serialise the save on the
+  // device.
+  if (Error error = store_->env()->writeFileAtomicallyUnflushed(path, bytes)) {
+    store_->logError(error, kDomain);
+    return;
+  }
+  if (batch_) batch_->add(path);
+  store_->cache().updateCacheForObjectID(objectID_, dictionary_.deepCopy(true), url_);
 }
 
 }  // namespace quillon

@@ -1,6 +1,9 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
 
 #include "quillon/base/operation_queue.h"
 #include "quillon/base/url.h"
@@ -11,22 +14,62 @@ namespace quillon {
 
 class QuillonStore;
 
-// Writes one object record (compact JSON, encrypted with the store's
-// password) atomically and then tells the store's cache. Made by the saving
-// thread, run by the store's save queue.
-class QuillonManagedObjectSaveOperation : public Operation {
+// The files one save wrote whose contents and names must reach stable
+// storage before the save's change file is written: records, data files and
+// the folders made for them. Filled by the thread that builds the records and
+// by the record writes; emptied by the change file's write. Thread-safe.
+class QuillonSaveBatch {
  public:
-  QuillonManagedObjectSaveOperation(std::weak_ptr<QuillonStore> store, ManagedObjectIDPtr objectID,
-                                    Value record, Url url);
+  void add(std::string path);
+  void add(std::initializer_list<std::string> paths);
+  std::vector<std::string> take();
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> paths_;
+};
+
+// Writes one change file: its dictionary as compact JSON, through the
+// store's cipher, atomically; then the change joins the cache's change log.
+// With durable saves the batch of the save is flushed first and the change
+// file (and its folder) after. Made by the saving thread, run by the store's
+// save queue, which the store owns: the store outlives every operation of
+// its queue (the queue's destruction waits for running ones), so the
+// operation holds the store by plain pointer.
+class QuillonSaveOperation : public Operation {
+ public:
+  QuillonSaveOperation(QuillonStore* store, Value dictionary, Url url,
+                       std::shared_ptr<QuillonSaveBatch> batch);
+
+  QuillonStore* store() const { return store_; }
+  const Value& dictionary() const { return dictionary_; }
+  const Url& url() const { return url_; }
+
+ protected:
+  void main() override;
+  // The dictionary as the bytes stored on disk; false after logging why not.
+  bool storedBytes(std::vector<uint8_t>* bytes, const std::string& domain);
+
+  QuillonStore* store_;
+  Value dictionary_;
+  Url url_;
+  std::shared_ptr<QuillonSaveBatch> batch_;
+};
+
+// Writes one object record the same way and then hands it to the cache. The
+// record is not changed after the operation was made.
+class QuillonManagedObjectSaveOperation : public QuillonSaveOperation {
+ public:
+  QuillonManagedObjectSaveOperation(QuillonStore* store, ManagedObjectIDPtr objectID, Value record,
+                                    Url url, std::shared_ptr<QuillonSaveBatch> batch);
+
+  const ManagedObjectIDPtr& objectID() const { return objectID_; }
 
  protected:
   void main() override;
 
  private:
-  std::weak_ptr<QuillonStore> store_;
   ManagedObjectIDPtr objectID_;
-  Value record_;
-  Url url_;
 };
 
 }  // namespace quillon

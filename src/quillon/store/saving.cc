@@ -1,28 +1,163 @@
+// QuillonStore: saves. A save becomes one change and one record per object;
+// records are written in parallel on the save queue and the change file,
+// which other computers watch for, only after all of them.
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include "quillon/base/date_format.h"
+#include "quillon/base/dispatch_queue.h"
+#include "quillon/base/env.h"
+#include "quillon/base/notification_center.h"
 #include "quillon/base/operation_queue.h"
+#include "quillon/base/version.h"
+#include "quillon/cache/cache.h"
+#include "quillon/changes/change.h"
+#include "quillon/graph/fetch_request.h"
+#include "quillon/graph/managed_object.h"
+#include "quillon/graph/managed_object_context.h"
+#include "quillon/graph/managed_object_model.h"
+#include "quillon/graph/persistent_store_coordinator.h"
+#include "quillon/graph/save_changes_request.h"
+#include "quillon/platform/main_queue.h"
+#include "quillon/store/object_record.h"
+#include "quillon/store/progress_sink.h"
+#include "quillon/store/quillon.h"
 #include "quillon/store/store.h"
 
 namespace quillon {
 
-Value QuillonStore::executeSaveRequest(const SaveChangesRequest&, ManagedObjectContext*) {
-  // PENDING
-  return Value();
+Value QuillonStore::executeSaveRequest(const SaveChangesRequest& request,
+                                       ManagedObjectContext* context) {
+  env()->createDirectories(url().path());
+
+  // Objects that were only touched have nothing to write.
+  std::vector<ManagedObjectPtr> updated;
+  for (const auto& object : request.updatedObjects()) {
+    if (object && !object->changedValues().empty()) updated.push_back(object);
+  }
+  const auto& inserted = request.insertedObjects();
+  const auto& deleted = request.deletedObjects();
+  const auto count = static_cast<int64_t>(updated.size() + inserted.size() + deleted.size());
+
+  // The context is not a Value; observers get its address.
+  NotificationCenter::defaultCenter().post(
+      kQuillonBeginSave, this,
+      Value::dictionary({{Value::string("count"), Value::integer(count)},
+                         {Value::string("context"),
+                          Value::integer(static_cast<int64_t>(
+                              reinterpret_cast<intptr_t>(context)))}}));
+  saveOperationsCount_.store(count);
+  saveOperationsValue_.store(0);
+
+  QuillonChange change(this, dateNow());
+  auto write = [&](const std::vector<ManagedObjectPtr>& objects, std::string_view type) {
+    for (const auto& object : objects) {
+      if (!object) continue;
+      saveToStoreWithChange(*object, this, &change, type);
+      incrementProgress();
+    }
+  };
+  write(updated, kQuillonUpdate);
+  write(inserted, kQuillonInsert);
+  write(deleted, kQuillonDelete);
+  change.saveToStore(this);
+  return Value::array();
 }
 
-void QuillonStore::writeAllObjectsInContext(const std::shared_ptr<ManagedObjectContext>&,
-                                            QuillonStore*, const Value&,
-                                            std::function<void(ManagedObjectContext*)>) {
-  // PENDING
+void QuillonStore::writeAllObjectsInContext(const std::shared_ptr<ManagedObjectContext>& context,
+                                            QuillonStore* sourceStore, const Value& options,
+                                            std::function<void(ManagedObjectContext*)> completion) {
+  std::shared_ptr<QuillonProgressSink> sink;
+  if (options.isDictionary()) {
+    const Value& busy = options.get(kQuillonBusyWindowControllerOptionsKey);
+    if (busy.isObject()) sink = std::dynamic_pointer_cast<QuillonProgressSink>(busy.objectValue());
+  }
+  Value rules = options.isDictionary() ? options.get(kQuillonAnonymizeOptionsKey) : Value();
+  auto child = ManagedObjectContext::create(ConcurrencyType::PrivateQueue);
+  child->setParentContext(context);
+
+  std::weak_ptr<IncrementalStore> weakTarget = weak_from_this();
+  std::weak_ptr<IncrementalStore> weakSource =
+      sourceStore ? sourceStore->weak_from_this() : std::weak_ptr<IncrementalStore>();
+  cache().queue().async([weakTarget, weakSource, context, child, sink, rules,
+                         completion = std::move(completion)]() mutable {
+    auto target = std::static_pointer_cast<QuillonStore>(weakTarget.lock());
+    auto source = std::static_pointer_cast<QuillonStore>(weakSource.lock());
+    if (target && source) {
+      target->env()->createDirectories(target->url().path());
+      QuillonChange change(source.get(), dateNow());
+      std::vector<const EntityDescription*> entities;
+      if (auto coordinator = context->persistentStoreCoordinator()) {
+        if (const auto& model = coordinator->managedObjectModel()) entities = model->entities();
+      }
+      size_t done = 0;
+      for (const EntityDescription* entity : entities) {
+        child->performAndWait([&] {
+          FetchRequest request(entity->name());
+          request.setIncludesSubentities(false);
+          std::vector<ManagedObjectPtr> objects = child->fetchObjects(request);
+          Error ignored;
+          target->obtainPermanentIDsForObjects(objects, &ignored);
+          for (const auto& object : objects) {
+            saveFromStore(*object, source.get(), target.get(), &change, rules, kQuillonInsert);
+          }
+        });
+        ++done;
+        if (sink) {
+          double fraction = static_cast<double>(done) / static_cast<double>(entities.size());
+          MainQueue::async([sink, fraction] { sink->setProgress(fraction); });
+        }
+      }
+      change.saveToStore(target.get());
+      target->saveOperationQueue().waitUntilAllOperationsAreFinished();
+    }
+    // The strong references are dropped on the main thread: the last one
+    // must never destroy a store (and so its cache and this queue) from
+    // inside the cache's own queue.
+    MainQueue::async([target = std::move(target), source = std::move(source), context,
+                      completion = std::move(completion)] {
+      if (completion) completion(context.get());
+    });
+  });
 }
 
 OperationQueue& QuillonStore::saveOperationQueue() {
-  // PENDING
-  std::call_once(saveQueueOnce_, [this] { saveOperationQueue_ = std::make_unique<OperationQueue>(); });
+  std::call_once(saveQueueOnce_, [this] {
+    saveOperationQueue_ =
+        std::make_unique<OperationQueue>(std::string(kQuillonFrameworkIdentifier) + ".SaveQueue");
+  });
   return *saveOperationQueue_;
 }
 
 bool QuillonStore::durableSaves() const {
-  // PENDING
-  return false;
+  const Value& all = options();
+  if (!all.isDictionary()) return true;
+  const Value* durable = all.find(kQuillonDurableSavesOption);
+  return !durable || durable->isNil() || durable->boolValue();
+}
+
+void QuillonStore::enqueueSaveOperation(const std::shared_ptr<Operation>& operation,
+                                        bool afterEverything) {
+  OperationQueue& queue = saveOperationQueue();
+  {
+    std::lock_guard lock(saveOperationsMutex_);
+    if (saveOperations_.size() >= saveOperationsPruneAt_) {
+      std::erase_if(saveOperations_, [](const std::weak_ptr<Operation>& weak) {
+        auto op = weak.lock();
+        return !op || op->isFinished();
+      });
+      saveOperationsPruneAt_ = std::max<size_t>(64, saveOperations_.size() * 2);
+    }
+    if (afterEverything) {
+      for (const auto& weak : saveOperations_) {
+        if (auto op = weak.lock()) operation->addDependency(op);
+      }
+    }
+    saveOperations_.push_back(operation);
+  }
+  queue.addOperation(operation);
 }
 
 }  // namespace quillon

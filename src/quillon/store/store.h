@@ -28,6 +28,7 @@ class EntityDescription;
 class FetchRequest;
 class ManagedObject;
 class ManagedObjectContext;
+class Operation;
 class OperationQueue;
 class QuillonCache;
 class QuillonCacheItem;
@@ -245,7 +246,8 @@ class QuillonStore : public IncrementalStore {
   // new store as one change of full records; the completion runs on the main
   // queue once every file is written. Options: kQuillonAnonymizeOptionsKey,
   // kQuillonBusyWindowControllerOptionsKey (a Value::object of a
-  // QuillonProgressSink).
+  // QuillonProgressSink, store/progress_sink.h, told the fraction of entities
+  // written on the main queue).
   void writeAllObjectsInContext(const std::shared_ptr<ManagedObjectContext>& context,
                                 QuillonStore* sourceStore, const Value& options,
                                 std::function<void(ManagedObjectContext*)> completion);
@@ -253,6 +255,10 @@ class QuillonStore : public IncrementalStore {
   OperationQueue& saveOperationQueue();
   // Whether saves flush to stable storage (kQuillonDurableSavesOption).
   bool durableSaves() const;
+  // Adds an operation to the save queue. With `afterEverything` it first
+  // depends on every operation added before it that has not finished (the
+  // change file's write). Any thread.
+  void enqueueSaveOperation(const std::shared_ptr<Operation>& operation, bool afterEverything);
 
   // ---- Change files (changes/change.cc) ----
 
@@ -380,6 +386,9 @@ class QuillonStore : public IncrementalStore {
   // [fetching.cc]
 
   // [saving.cc]
+  std::mutex saveOperationsMutex_;
+  std::vector<std::weak_ptr<Operation>> saveOperations_;
+  size_t saveOperationsPruneAt_ = 64;
 
   // [change.cc]
 
