@@ -1,0 +1,5 @@
+#include "quillon/store/request_item.h"
+
+namespace quillon {
+// PENDING
+}  // namespace quillon

@@ -1,0 +1,14 @@
+#include <CLI/CLI.hpp>
+
+#include "tool.h"
+
+namespace quillon::tool {
+
+// PENDING
+void addFetchCommand(CLI::App& app) {
+  CLI::App* command = app.add_subcommand("fetch", "not available yet");
+  command->allow_extras();
+  command->callback([] { throw ToolError("not available yet"); });
+}
+
+}  // namespace quillon::tool
