@@ -169,5 +169,54 @@ TEST(FaultInjectingEnvTest, ShortReadAndFailedListing) {
   EXPECT_TRUE(names.empty());
 }
 
+std::span<const uint8_t> bytesOf(std::string_view text) {
+  return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
+}
+
+TEST(EnvTest, UnflushedWritesAreAtomicAndSyncFilesFlushesFilesAndFolders) {
+  TempDir dir;
+  Env* env = Env::Default();
+  ASSERT_FALSE(env->createDirectories(dir.file("a/b")));
+  std::vector<std::string> paths;
+  for (int i = 0; i < 100; ++i) {  // enough to spread over several threads
+    std::string path = dir.file("a/b/" + std::to_string(i));
+    ASSERT_FALSE(env->writeFileAtomicallyUnflushed(path, bytesOf(std::string(i, 'x'))));
+    paths.push_back(path);
+  }
+  ASSERT_FALSE(env->writeFileAtomicallyUnflushed(paths[5], bytesOf("replaced")));
+  EXPECT_EQ(dir.read("a/b/5"), "replaced");
+  EXPECT_EQ(namesIn(env, dir.file("a/b")).size(), 100u);  // no temporary file left
+
+  paths.push_back(dir.file("a/b"));  // folders are items too
+  EXPECT_FALSE(env->syncFiles(paths));
+  EXPECT_FALSE(env->syncFiles({}));
+
+  // Every item is tried; the error names the first one that failed.
+  paths.insert(paths.begin() + 3, dir.file("a/b/missing"));
+  Error e = env->syncFiles(paths);
+  EXPECT_EQ(e.code(), ENOENT);
+  EXPECT_EQ(e.userInfo().get(kFilePathErrorKey), Value::string(dir.file("a/b/missing")));
+}
+
+TEST(FaultInjectingEnvTest, RecordsWritesAndSyncsInOrderAndFailsSyncs) {
+  TempDir dir;
+  FaultInjectingEnv env;
+  using Op = FaultInjectingEnv::Op;
+  ASSERT_FALSE(env.writeFileAtomicallyUnflushed(dir.file("record"), bytesOf("r")));
+  ASSERT_FALSE(env.syncFiles({dir.file("record"), dir.path()}));
+  ASSERT_FALSE(env.writeFileAtomically(dir.file("change"), "c"));
+  std::vector<std::pair<Op, std::string>> seen;
+  for (const auto& op : env.operations()) seen.emplace_back(op.op, op.path);
+  std::vector<std::pair<Op, std::string>> expected{{Op::Write, dir.file("record")},
+                                                   {Op::Sync, dir.file("record")},
+                                                   {Op::Sync, dir.path()},
+                                                   {Op::Write, dir.file("change")}};
+  EXPECT_EQ(seen, expected);
+
+  env.failAfter(Op::Sync, "record", 0, FaultInjectingEnv::Fault::IoError);
+  EXPECT_EQ(env.syncFiles({dir.file("change"), dir.file("record")}).code(), EIO);
+  EXPECT_EQ(env.count(Op::Sync), 4u);
+}
+
 }  // namespace
 }  // namespace quillon
