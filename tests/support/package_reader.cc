@@ -188,12 +188,10 @@ void PackageReader::readChanges() {
     }
     changes_.push_back(Change{name, content});
   }
-  for (size_t i = 0; i < changes_.size(); ++i) {
-    checkChange(changes_[i], i ? &changes_[i - 1].fileName : nullptr);
-  }
+  for (const auto& change : changes_) checkChange(change);
 }
 
-void PackageReader::checkChange(const Change& change, const std::string* previous) {
+void PackageReader::checkChange(const Change& change) {
   const std::string where = "Changes/" + change.fileName + ": ";
   const Value& c = change.content;
   std::smatch parts;
@@ -234,8 +232,11 @@ void PackageReader::checkChange(const Change& change, const std::string* previou
     }
   }
   const Value& previousName = c.get("previousName");
-  if (!previousName.isNil() && (!previousName.isString() || !previous ||
-                                previousName.str() > std::string_view(change.fileName))) {
+  // The previous change may be one this package no longer holds (discarded
+  // or not yet synchronised), but it is always an earlier one.
+  std::string previousText = previousName.isString() ? std::string(previousName.str()) : "";
+  if (!previousName.isNil() && (!std::regex_match(previousText, changeNamePattern()) ||
+                                previousText >= change.fileName)) {
     problem(where + "\"previousName\" names no earlier change");
   }
   const Value& changes = c.get("changes");

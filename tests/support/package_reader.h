@@ -66,7 +66,7 @@ class PackageReader {
   std::optional<std::vector<uint8_t>> unseal(const std::vector<uint8_t>& bytes) const;
   void readInfo();
   void readChanges();
-  void checkChange(const Change& change, const std::string* previous);
+  void checkChange(const Change& change);
   void checkRecord(const std::string& entity, const std::string& uid, const std::string& change,
                    const std::string& type, const Value& changeEntry);
   void findOrphans();

@@ -137,11 +137,8 @@ void writeRecord(ManagedObject& object, QuillonStore* source, QuillonStore* targ
     if (full || type == kQuillonInsert) {
       properties = entity->properties();
     } else {
-      Value changed = object.changedValues();
-      for (const auto& item : changed.items()) {
-        if (const PropertyDescription* p = entity->property(item.first.str())) {
-          properties.push_back(p);
-        }
+      for (const auto& key : quillonChangedKeys(object)) {
+        if (const PropertyDescription* p = entity->property(key)) properties.push_back(p);
       }
     }
     Value payload = Value::dictionary(true);
@@ -151,16 +148,17 @@ void writeRecord(ManagedObject& object, QuillonStore* source, QuillonStore* targ
       if (property->isAttribute()) {
         const auto* attribute = static_cast<const AttributeDescription*>(property);
         Value value = applyOptions(object, rules, object.value(key), key);
+        // An entry without "value" clears an attribute, which only an update
+        // can need; new objects and full records leave absent values out.
+        const bool clears = !full && type == kQuillonUpdate;
         if (isAbsent(value)) {
-          if (full) continue;
-          payload.set(Value::string(key), entry);
+          if (clears) payload.set(Value::string(key), entry);
           continue;
         }
         auto transformer = QuillonValueTransformerForAttribute(*attribute, storageVersion());
         Value stored = transformer->reverseTransformedValue(value);
         if (stored.isNil()) {
-          if (full) continue;
-          payload.set(Value::string(key), entry);
+          if (clears) payload.set(Value::string(key), entry);
           continue;
         }
         entry.set(Value::string("value"), stored);
@@ -268,6 +266,30 @@ void saveFromStore(ManagedObject& object, QuillonStore* source, QuillonStore* /*
 void saveFromStore(ManagedObject& object, QuillonStore* source, QuillonStore* target,
                    QuillonChange* change, std::string_view type) {
   saveFromStore(object, source, target, change, Value(), type);
+}
+
+std::vector<std::string> quillonChangedKeys(ManagedObject& object) {
+  std::vector<std::string> keys;
+  if (!object.entity()) return keys;
+  Value changed = object.changedValues();
+  Value committed;  // read only when a value is absent now
+  for (const PropertyDescription* property : object.entity()->properties()) {
+    const std::string& key = property->name();
+    if (changed.find(key)) {
+      keys.push_back(key);
+      continue;
+    }
+    if (!property->isAttribute() &&
+        static_cast<const RelationshipDescription*>(property)->isToMany()) {
+      continue;  // an emptied to-many is an empty collection, not absent
+    }
+    if (!isAbsent(object.primitiveValue(key))) continue;
+    if (committed.isNil()) committed = object.committedValuesForKeys();
+    if (const Value* before = committed.find(key); before && !isAbsent(*before)) {
+      keys.push_back(key);
+    }
+  }
+  return keys;
 }
 
 Value applyOptions(const ManagedObject& object, const Value& options, const Value& value,

@@ -2,6 +2,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "quillon/base/url.h"
 #include "quillon/base/value.h"
@@ -32,6 +33,11 @@ void saveFromStore(ManagedObject& object, QuillonStore* source, QuillonStore* ta
                    std::string_view type);
 void saveFromStore(ManagedObject& object, QuillonStore* source, QuillonStore* target,
                    QuillonChange* change, std::string_view type);
+
+// The names of the properties whose values differ from the committed ones,
+// in property order, cleared ones included (changedValues() cannot hold an
+// absent value, so it leaves those out).
+std::vector<std::string> quillonChangedKeys(ManagedObject& object);
 
 // The anonymisation rule for the object's entity and property applied to a value.
 Value applyOptions(const ManagedObject& object, const Value& options, const Value& value,

@@ -35,7 +35,7 @@ Value QuillonStore::executeSaveRequest(const SaveChangesRequest& request,
   // Objects that were only touched have nothing to write.
   std::vector<ManagedObjectPtr> updated;
   for (const auto& object : request.updatedObjects()) {
-    if (object && !object->changedValues().empty()) updated.push_back(object);
+    if (object && !quillonChangedKeys(*object).empty()) updated.push_back(object);
   }
   const auto& inserted = request.insertedObjects();
   const auto& deleted = request.deletedObjects();
