@@ -1,8 +1,8 @@
 #include "quillon/cache/cache.h"
 
-#include <algorithm>
-
 #include <fmt/format.h>
+
+#include <algorithm>
 
 #include "quillon/base/date_format.h"
 #include "quillon/base/dispatch_queue.h"
@@ -108,8 +108,7 @@ bool QuillonCache::checkWritePermissionsForStoreURL(const Url& storeURL) {
 QuillonCache::QuillonCache(QuillonStore* store)
     : store_(store),
       queue_(std::make_unique<DispatchQueue>(
-          std::string(Quillon::frameworkInfo().get("CFBundleIdentifier").str()) +
-          ".CacheQueue")),
+          std::string(Quillon::frameworkInfo().get("CFBundleIdentifier").str()) + ".CacheQueue")),
       saveQueue_(std::make_unique<OperationQueue>("QuillonCacheSaveQueue")) {
   QuillonCacheItem::registerCoding();
 }
@@ -413,7 +412,8 @@ void QuillonCache::removeObjectUIDs(const Value& objects, bool isExternal) {
   if (isExternal) invalidateObjectUIDs(objects);
   for (const auto& [entityName, uids] : objects.items()) {
     if (!entityName.isString() || !isSafePathComponent(entityName.str())) continue;
-    if (auto set = cacheForEntityUIDs(entityName.str())) set->removeObjects(Value::array(uids.keys()));
+    if (auto set = cacheForEntityUIDs(entityName.str()))
+      set->removeObjects(Value::array(uids.keys()));
   }
 }
 
@@ -712,10 +712,9 @@ void QuillonCache::cacheMissingItems() {
   for (const auto& [name, entity] : store_->entities()) {
     if (entity && !entity->isAbstract()) entities.push_back(entity);
   }
-  std::sort(entities.begin(), entities.end(),
-            [](const EntityDescription* a, const EntityDescription* b) {
-              return a->name() < b->name();
-            });
+  std::sort(
+      entities.begin(), entities.end(),
+      [](const EntityDescription* a, const EntityDescription* b) { return a->name() < b->name(); });
   for (const EntityDescription* entity : entities) {
     auto operation = std::make_shared<QuillonIndexOperation>(this, entity, indexQueue_.get());
     operation->setQueuePriority(QueuePriority::VeryLow);
