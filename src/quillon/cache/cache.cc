@@ -620,20 +620,18 @@ void QuillonCache::resetExtraDataForObjectID(const ManagedObjectIDPtr& objectID)
 
 void QuillonCache::save() {
   if (!url_.isEmpty()) store_->env()->createDirectories(url_.path());
-  std::vector<std::shared_ptr<QuillonCacheCollection>> dirty;
+  std::vector<std::shared_ptr<QuillonCacheCollection>> all;
   {
     std::lock_guard lock(entitiesMutex_);
-    for (const auto& [key, shard] : entities_) {
-      if (shard->invalid()) dirty.push_back(shard);
-    }
+    for (const auto& [key, shard] : entities_) all.push_back(shard);
   }
   {
     std::lock_guard lock(uidsMutex_);
-    for (const auto& [key, set] : uids_) {
-      if (set->invalid()) dirty.push_back(set);
-    }
+    for (const auto& [key, set] : uids_) all.push_back(set);
   }
-  for (auto& collection : dirty) {
+  for (auto& collection : all) {
+    // Clean collections would only take a queue slot to find nothing to do.
+    if (!collection->invalid()) continue;
     saveQueue_->addOperationWithBlock([collection] { collection->saveIfNeeded(); });
   }
   if (std::shared_ptr<QuillonCacheArray> log = changeLog()) log->saveIfNeeded();

@@ -91,15 +91,14 @@ void QuillonCacheCollection::removeFile() {
   envOf(store_)->removeItem(url_.path());
 }
 
+// Writers take the lock so that a save in progress cannot clear a mark made
+// after it encoded the content; readers need none.
 void QuillonCacheCollection::invalidate() {
   std::lock_guard lock(mutex_);
   invalid_ = true;
 }
 
-bool QuillonCacheCollection::invalid() const {
-  std::lock_guard lock(mutex_);
-  return invalid_;
-}
+bool QuillonCacheCollection::invalid() const { return invalid_; }
 
 void QuillonCacheCollection::setInvalid(bool invalid) {
   std::lock_guard lock(mutex_);
