@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <set>
 
 #include "quillon/base/json.h"
@@ -44,24 +43,42 @@ std::string sha256Hex(const std::vector<uint8_t>& bytes) {
 
 bool isStringArrayOfPaths(const Value& value) {
   if (!value.isArray()) return false;
-  static const std::regex path(R"([A-Za-z_][A-Za-z0-9_]*/[^/]+)");
   for (const Value& element : value.elements()) {
-    if (!element.isString() || !std::regex_match(std::string(element.str()), path)) return false;
+    if (!element.isString()) return false;
+    std::string_view path = element.str();
+    size_t slash = path.find('/');
+    if (slash == 0 || slash == std::string_view::npos || slash + 1 == path.size() ||
+        path.find('/', slash + 1) != std::string_view::npos) {
+      return false;
+    }
   }
   return true;
 }
+
+// Characters of `text` match `shape`: '9' a digit, 'X' an upper-case
+// hexadecimal digit, anything else itself.
+bool hasShape(std::string_view text, std::string_view shape) {
+  if (text.size() != shape.size()) return false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    char c = text[i];
+    if (shape[i] == '9' ? !(c >= '0' && c <= '9')
+        : shape[i] == 'X' ? !((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'))
+                          : c != shape[i]) {
+      return false;
+    }
+  }
+  return true;
+}
+
+constexpr std::string_view kChangeNameShape =
+    "9999-99-99-99-99-99.999.XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX.json";
+constexpr std::string_view kDateShape = "9999-99-99T99:99:99.999+0000";
 
 bool onlyKeys(const Value& dictionary, std::initializer_list<std::string_view> allowed) {
   for (const auto& [key, value] : dictionary.items()) {
     if (std::find(allowed.begin(), allowed.end(), key.str()) == allowed.end()) return false;
   }
   return true;
-}
-
-const std::regex& changeNamePattern() {
-  static const std::regex pattern(
-      R"((\d{4})-(\d\d)-(\d\d)-(\d\d)-(\d\d)-(\d\d)\.(\d{3})\.[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}\.json)");
-  return pattern;
 }
 
 }  // namespace
@@ -194,10 +211,8 @@ void PackageReader::readChanges() {
 void PackageReader::checkChange(const Change& change) {
   const std::string where = "Changes/" + change.fileName + ": ";
   const Value& c = change.content;
-  std::smatch parts;
-  if (!std::regex_match(change.fileName, parts, changeNamePattern())) {
-    problem(where + "the file name is not <date>.<UUID>.json");
-  }
+  const bool wellNamed = hasShape(change.fileName, kChangeNameShape);
+  if (!wellNamed) problem(where + "the file name is not <date>.<UUID>.json");
   if (c.get("name") != Value::string(change.fileName)) problem(where + "\"name\" is not the file name");
   if (c.get("type") == Value::string("recovery")) {
     if (!onlyKeys(c, {"name", "type", "refreshes"})) problem(where + "unexpected recovery keys");
@@ -208,18 +223,16 @@ void PackageReader::checkChange(const Change& change) {
   }
   // "yyyy-MM-ddTHH:mm:ss.SSS+0000", the same instant as the name's date.
   const Value& date = c.get("date");
-  static const std::regex iso(R"((\d{4})-(\d\d)-(\d\d)T(\d\d):(\d\d):(\d\d)\.(\d{3})\+0000)");
-  std::smatch d;
   std::string dateText = date.isString() ? std::string(date.str()) : "";
-  if (!std::regex_match(dateText, d, iso)) {
+  if (!hasShape(dateText, kDateShape)) {
     problem(where + "\"date\" is not a GMT date text");
-  } else if (parts.size() == 8) {
-    for (size_t i = 1; i <= 7; ++i) {
-      if (d[i].str() != parts[i].str()) {
-        problem(where + "\"date\" and the name's date differ");
-        break;
-      }
-    }
+  } else if (wellNamed) {
+    // "yyyy-MM-dd-HH-mm-ss.SSS" and "yyyy-MM-ddTHH:mm:ss.SSS" name one instant.
+    std::string fromName = change.fileName.substr(0, 23);
+    fromName[10] = 'T';
+    fromName[13] = ':';
+    fromName[16] = ':';
+    if (dateText.substr(0, 23) != fromName) problem(where + "\"date\" and the name's date differ");
   }
   const Value& session = c.get("session");
   if (!session.isDictionary() ||
@@ -235,7 +248,7 @@ void PackageReader::checkChange(const Change& change) {
   // The previous change may be one this package no longer holds (discarded
   // or not yet synchronised), but it is always an earlier one.
   std::string previousText = previousName.isString() ? std::string(previousName.str()) : "";
-  if (!previousName.isNil() && (!std::regex_match(previousText, changeNamePattern()) ||
+  if (!previousName.isNil() && (!hasShape(previousText, kChangeNameShape) ||
                                 previousText >= change.fileName)) {
     problem(where + "\"previousName\" names no earlier change");
   }

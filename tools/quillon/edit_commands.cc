@@ -92,7 +92,7 @@ void runUpdate(const EditOptions& options) {
   if (!values.isDictionary()) throw ToolError("--values must be a JSON object");
   OpenPackage package(openOptions(options));
   package.waitUntilReady();
-  ManagedObjectPtr object = objectForPath(package, options.paths.front());
+  ManagedObjectPtr object = savedObjectForPath(package, options.paths.front());
   setValuesFromJSON(package, *object, values);
   package.save();
 }
@@ -101,7 +101,7 @@ void runDelete(const EditOptions& options) {
   OpenPackage package(openOptions(options));
   package.waitUntilReady();
   std::vector<ManagedObjectPtr> objects;
-  for (const auto& path : options.paths) objects.push_back(objectForPath(package, path));
+  for (const auto& path : options.paths) objects.push_back(savedObjectForPath(package, path));
   for (const auto& object : objects) {
     if (!object->isDeleted()) package.context().deleteObject(object);
   }

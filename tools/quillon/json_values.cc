@@ -12,6 +12,7 @@
 #include "quillon/base/base64.h"
 #include "quillon/base/date_format.h"
 #include "quillon/base/decimal.h"
+#include "quillon/cache/cache.h"
 #include "quillon/graph/attribute_description.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/graph/managed_object.h"
@@ -104,7 +105,7 @@ Value attributeValueFromJSON(const ManagedObject& object, const AttributeDescrip
 ManagedObjectPtr relatedObject(OpenPackage& package, const ManagedObject& object,
                                const RelationshipDescription& relationship, const Value& json) {
   if (!json.isString()) refuse(object, relationship, "expected an \"Entity/UID\" path");
-  ManagedObjectPtr related = objectForPath(package, std::string(json.str()));
+  ManagedObjectPtr related = savedObjectForPath(package, std::string(json.str()));
   if (!related || !related->entity()->isKindOfEntity(relationship.destinationEntity())) {
     refuse(object, relationship,
            fmt::format("{} is not a {}", json.str(), relationship.destinationEntity()->name()));
@@ -113,6 +114,16 @@ ManagedObjectPtr relatedObject(OpenPackage& package, const ManagedObject& object
 }
 
 }  // namespace
+
+ManagedObjectPtr savedObjectForPath(OpenPackage& package, const std::string& path) {
+  ManagedObjectPtr object = objectForPath(package, path);
+  if (!object->isInserted() &&
+      !package.store().cache().objectUIDsForEntity(*object->entity()).contains(
+          Value::string(storeUID(*object)))) {
+    throw ToolError("no object " + path);
+  }
+  return object;
+}
 
 Value jsonForProperty(ManagedObject& object, const PropertyDescription& property) {
   Value value = object.value(property.name());

@@ -66,6 +66,10 @@ void checkPackageAccess(const std::string& path, const std::optional<std::string
 // entity is unknown or no such object exists).
 std::string objectPath(const ManagedObject& object);
 ManagedObjectPtr objectForPath(OpenPackage& package, const std::string& path);
+// objectForPath, for an object the package has saved (json_values.cc): a
+// uid that the store does not know is refused even when the object graph
+// would hand out an empty object for it.
+ManagedObjectPtr savedObjectForPath(OpenPackage& package, const std::string& path);
 
 // The JSON form of a property value on the command line and in fetch output:
 // dates as "yyyy-MM-dd'T'HH:mm:ss.SSSZ" text, binary data as {"$base64": …},
