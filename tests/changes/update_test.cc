@@ -131,6 +131,32 @@ TEST_F(UpdateTest, AChangeWhoseRecordsHaveNotArrivedIsHeldBackAndRetried) {
   EXPECT_EQ(loggedChangeNames(*b->store), Strings{change});
 }
 
+TEST_F(UpdateTest, ALateDataFileIsWaitedForAndFoundUnderASuffixedName) {
+  auto a = open("A");
+  auto b = open("B");
+  fetchNotes(*b);
+  ExternalChanges seen(b->context.get());
+  ManagedObjectPtr note = insertNote(*a, "with data");
+  note->setValue("data", Value::data(std::string_view("attachment bytes")));
+  ASSERT_TRUE(a->saveAndWait());
+  const std::string folder = package + "/Entities/Note/" + storeUID(*note) + "/Data";
+  std::vector<std::string> files;
+  ASSERT_FALSE(Env::Default()->listDirectory(folder, &files));
+  ASSERT_EQ(files.size(), 1u);
+  ASSERT_FALSE(Env::Default()->moveItem(folder + "/" + files[0], dir.file("away")));
+
+  update(*b);
+  EXPECT_TRUE(logContains(*b->store, "Missing files: Abort and trying again in some seconds"));
+  EXPECT_EQ(seen.count(), 0);
+
+  // The synchronisation service delivers it as a conflict copy.
+  ASSERT_FALSE(Env::Default()->moveItem(dir.file("away"), folder + "/" + files[0] + " (2)"));
+  clock.advance(10.0);
+  ASSERT_TRUE(b->waitUntilReady());
+  MainQueue::drain();
+  EXPECT_EQ(seen.uids("inserted"), Strings{storeUID(*note)});
+}
+
 TEST_F(UpdateTest, RecoveryModeAppliesAnIncompleteChangeAndLogsTheProblem) {
   auto a = open("A");
   auto b = open("B");
