@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -12,6 +11,7 @@
 #include "quillon/base/env.h"
 #include "quillon/base/json.h"
 #include "quillon/changes/change_file_check.h"
+#include "support/fault_env.h"
 #include "support/store_stack.h"
 #include "support/temp_dir.h"
 
@@ -65,64 +65,24 @@ TEST(ChangeFileProblemTest, AcceptsWellFormedChangesAndNamesTheFirstProblemOfOth
   }
 }
 
-// Records every path the store touches; reports one file as huge.
-class RecordingEnv : public EnvWrapper {
+// Counts every file operation; reports one change file as huge.
+class HugeFileEnv : public FaultInjectingEnv {
  public:
-  RecordingEnv() : EnvWrapper(Env::Default()) {}
-  Error readFile(const std::string& path, std::vector<uint8_t>* contents) override {
-    note(path);
-    if (path.ends_with(kHuge)) ++hugeReads;
-    return EnvWrapper::readFile(path, contents);
-  }
-  Error writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes) override {
-    note(path);
-    return EnvWrapper::writeFileAtomically(path, bytes);
-  }
-  Error listDirectory(const std::string& path, std::vector<std::string>* names) override {
-    note(path);
-    return EnvWrapper::listDirectory(path, names);
-  }
-  Error createDirectories(const std::string& path) override {
-    note(path);
-    return EnvWrapper::createDirectories(path);
-  }
-  Error removeItem(const std::string& path) override {
-    note(path);
-    return EnvWrapper::removeItem(path);
-  }
+  static constexpr std::string_view kHuge = "2031-01-01-00-00-00.000.HUGE.json";
   Error attributes(const std::string& path, FileAttributes* attributes) override {
-    note(path);
-    Error error = EnvWrapper::attributes(path, attributes);
+    Error error = FaultInjectingEnv::attributes(path, attributes);
     if (!error && path.ends_with(kHuge)) attributes->size = kMaximumChangeFileSize + 1;
     return error;
   }
-  bool exists(const std::string& path) override {
-    note(path);
-    return EnvWrapper::exists(path);
-  }
-  // Paths built from the hostile names: "..", or the names' targets.
-  std::vector<std::string> escapingPaths() {
-    std::lock_guard lock(mutex_);
-    std::vector<std::string> escaping;
-    for (const std::string& path : paths_) {
-      if (path.find("/../") != std::string::npos || path.ends_with("/..") ||
-          path.find("outside-") != std::string::npos) {
-        escaping.push_back(path);
-      }
+  // Operations on paths built from the hostile names.
+  size_t escapes() const {
+    size_t n = 0;
+    for (Op op : {Op::Read, Op::Write, Op::List, Op::CreateDirectories, Op::Remove, Op::Move,
+                  Op::Copy, Op::Attributes, Op::Exists}) {
+      n += count(op, "/../") + count(op, "outside-");
     }
-    return escaping;
+    return n;
   }
-
-  static constexpr std::string_view kHuge = "2031-01-01-00-00-00.000.HUGE.json";
-  std::atomic<int> hugeReads{0};
-
- private:
-  void note(const std::string& path) {
-    std::lock_guard lock(mutex_);
-    paths_.push_back(path);
-  }
-  std::mutex mutex_;
-  std::vector<std::string> paths_;
 };
 
 TEST(HostileChangeFileTest, IsRefusedWithoutTouchingAnythingOutsideThePackage) {
@@ -140,12 +100,12 @@ TEST(HostileChangeFileTest, IsRefusedWithoutTouchingAnythingOutsideThePackage) {
       {std::string(kName), R"({"name":"2031-01-01-00-00-00.000.SOMETHING-ELSE.json"})"},
       {std::string(kName), deep},
       {std::string(kName), "{\"name\": \"" + std::string(kName)},  // still arriving
-      {std::string(RecordingEnv::kHuge), R"({"name":"2031-01-01-00-00-00.000.HUGE.json"})"},
+      {std::string(HugeFileEnv::kHuge), R"({"name":"2031-01-01-00-00-00.000.HUGE.json"})"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.contents.substr(0, 120));
     TempDir dir("quillon-hostile");
-    RecordingEnv env;
+    HugeFileEnv env;
     QuillonStore::setDefaultEnv(&env);
     {
       ScopedCacheHome cacheHome(dir.file("cache"));
@@ -158,8 +118,8 @@ TEST(HostileChangeFileTest, IsRefusedWithoutTouchingAnythingOutsideThePackage) {
       EXPECT_TRUE(loggedChangeNames(*stack.store).empty());
     }
     QuillonStore::setDefaultEnv(Env::Default());
-    EXPECT_EQ(env.escapingPaths(), std::vector<std::string>());
-    EXPECT_EQ(env.hugeReads.load(), 0);
+    EXPECT_EQ(env.escapes(), 0u);
+    EXPECT_EQ(env.count(FaultInjectingEnv::Op::Read, HugeFileEnv::kHuge), 0u);
   }
 }
 
