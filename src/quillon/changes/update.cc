@@ -46,7 +46,7 @@ std::shared_ptr<QuillonStore> lockStore(const std::weak_ptr<IncrementalStore>& w
 Value menuItem(std::string_view title, std::string_view action, const Url& url) {
   return Value::dictionary({{"title", Value(title)},
                             {"action", Value(action)},
-                            {"URL", Value::url(url)}});
+                            {"URL", Value(url.absoluteString())}});
 }
 
 Value ignoreItem(const Url& changeURL) {
