@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <regex>
 #include <string>
 
 #include "quillon/base/json.h"
@@ -45,8 +44,8 @@ TEST_F(ChangeTest, NameDictionaryAndEntries) {
   change.addChange(Value::dictionary(), "Tag", "B", "delete");
 
   const std::string name = change.name();
-  EXPECT_TRUE(std::regex_match(name, std::regex(R"(2001-01-01-00-00-01\.500\.[0-9A-F-]{36})")))
-      << name;
+  EXPECT_TRUE(name.starts_with("2001-01-01-00-00-01.500.")) << name;
+  EXPECT_EQ(name.size(), 24u + 36u) << name;
   EXPECT_EQ(change.name(), name);  // fixed on first use
   EXPECT_EQ(change.fileName(), name + ".json");
 
