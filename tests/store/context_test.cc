@@ -97,16 +97,5 @@ TEST_F(ContextTest, CoordinatorResolvesReferencePrefixes) {
             nullptr);
 }
 
-TEST_F(ContextTest, UnknownPropertiesAreHarmless) {
-  StoreStack stack(path());
-  auto note = stack.context->insertNewObjectForEntityForName("Note");
-  note->setValue("title", Value("kept"));
-  EXPECT_TRUE(note->value("noSuchProperty").isNil());
-  Error error;
-  EXPECT_FALSE(note->setValue("noSuchProperty", Value("x"), &error));
-  EXPECT_EQ(note->value("title"), Value("kept"));
-  EXPECT_TRUE(note->value("noSuchProperty").isNil());
-}
-
 }  // namespace
 }  // namespace quillon
