@@ -96,6 +96,29 @@ class FetchingTest : public ::testing::Test {
   TempDir dir_{"quillon-fetching"};
 };
 
+TEST_F(FetchingTest, NothingIsAnsweredBeforeTheChangeLogIsLoaded) {
+  {
+    auto stack = open();
+    insertNotes(*stack);
+  }
+  // Opened up to a change, the store loads no change log at opening; until
+  // its first update it must answer nothing, although the cache on disk
+  // already knows the notes.
+  StoreStack stack(packagePath(),
+                   Value::dictionary({{Value::string("QuillonUpToChange"),
+                                       Value::dictionary({{Value::string("name"),
+                                                           Value::string("none")}})}}));
+  ASSERT_EQ(stack.store->cache().changeLog(), nullptr);
+  ASSERT_EQ(stack.store->cache().objectUIDsForEntityName("Note").size(), 10u);
+  auto* context = stack.context.get();
+  EXPECT_EQ(stack.store->executeFetchRequest(request("Note"), context), Value::array());
+  EXPECT_EQ(stack.store->executeFetchRequest(request("Note", "priority > 1"), context),
+            Value::array());
+  EXPECT_EQ(stack.store->executeFetchRequest(request("Note", {}, FetchRequestResultType::Count),
+                                             context),
+            Value::array({Value::integer(0)}));
+}
+
 TEST_F(FetchingTest, CountsWithAndWithoutPredicatesOverSubentities) {
   auto stack = open();
   for (int i = 0; i < 2; ++i) {
