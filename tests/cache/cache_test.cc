@@ -1,8 +1,9 @@
 #include "quillon/cache/cache.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include <fmt/format.h>
+#include <thread>
 
 #include "quillon/base/env.h"
 #include "quillon/base/operation_queue.h"
@@ -93,9 +94,8 @@ TEST_F(CacheTest, CacheFolderIsKeyedByThePackageURLWithoutTrailingSlash) {
   ASSERT_TRUE(a && b);
   EXPECT_EQ(a->path(), b->path());
   EXPECT_EQ(a->lastPathComponent(), storeMD5String("file:///data/Notes.quillon"));
-  EXPECT_EQ(a->deletingLastPathComponent().path(), dir_.file("caches") + "/" +
-                                                       Quillon::applicationIdentifier() +
-                                                       "/LocalDatabaseCache");
+  EXPECT_EQ(a->deletingLastPathComponent().path(),
+            dir_.file("caches") + "/" + Quillon::applicationIdentifier() + "/LocalDatabaseCache");
   EXPECT_TRUE(Env::Default()->isDirectory(a->path()));
   EXPECT_NE(QuillonCache::cacheURLForStoreURL(Url::fileURL("/data/Other.quillon"))->path(),
             a->path());
@@ -123,6 +123,34 @@ TEST_F(CacheTest, ValuesAreShardedByFirstCharacterAndWrittenOnlyWhenDirty) {
   EXPECT_FALSE(Env::Default()->exists(shardFile));
 }
 
+TEST_F(CacheTest, ConcurrentUpdatesReadsAndSavesOfOneShard) {
+  // Writers, readers and saves of the same shard at once: every save must
+  // see a whole shard and nothing may be lost.
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 3; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 200; ++i) {
+        std::string uid = fmt::format("D{}{:03}", t, i);
+        cacheNote(uid, uid);
+        cache_->allValuesForObjectID(noteID(uid), nullptr);
+      }
+    });
+  }
+  threads.emplace_back([&] {
+    for (int i = 0; i < 20; ++i) cache_->save();
+  });
+  for (auto& thread : threads) thread.join();
+  cache_->save();
+  cache_->saveQueue().waitUntilAllOperationsAreFinished();
+
+  auto shard = QuillonCacheDictionary::dictionaryWithStore(store_, *cache_->URLForKey("Note_D"));
+  Value stored = shard->content();
+  ASSERT_EQ(stored.size(), 600u);
+  auto* item = stored.get("D2199").objectAs<QuillonCacheItem>();
+  ASSERT_NE(item, nullptr);
+  EXPECT_EQ(item->attributes().get("title"), Value("D2199"));
+}
+
 TEST_F(CacheTest, ExtraDataNeedsACachedItem) {
   ManagedObjectIDPtr absent = noteID("B0B0");
   cache_->setExtraData(Value("x"), "key", absent);
@@ -144,9 +172,9 @@ TEST_F(CacheTest, ExtraDataNeedsACachedItem) {
 }
 
 TEST_F(CacheTest, AddAndRemoveChangeKeepTheirAsymmetry) {
-  Value change = Value::dictionary(
-      {{"name", "2026-01-01-00-00-00.000.A"},
-       {"changes", sections(Value::dictionary({{"Note", uids({"N1", "N2"})}}))}});
+  Value change =
+      Value::dictionary({{"name", "2026-01-01-00-00-00.000.A"},
+                         {"changes", sections(Value::dictionary({{"Note", uids({"N1", "N2"})}}))}});
   cache_->addChange(change, false);
   waitForIndexing();
   EXPECT_EQ(cache_->objectUIDsForEntity(*note_), Value::set({"N1", "N2"}));
@@ -159,8 +187,8 @@ TEST_F(CacheTest, AddAndRemoveChangeKeepTheirAsymmetry) {
   EXPECT_FALSE(cache_->changes().contains(change));
   EXPECT_FALSE(cache_->changeNames().contains(Value("2026-01-01-00-00-00.000.A")));
 
-  cache_->removeChange(Value::dictionary({{"inserts", Value::dictionary({{"Note", uids({"N1"})}})}}),
-                       false);
+  cache_->removeChange(
+      Value::dictionary({{"inserts", Value::dictionary({{"Note", uids({"N1"})}})}}), false);
   EXPECT_EQ(cache_->objectUIDsForEntity(*note_), Value::set({"N2"}));
 
   // Recovery changes are logged but not named.
@@ -172,8 +200,8 @@ TEST_F(CacheTest, AddAndRemoveChangeKeepTheirAsymmetry) {
 TEST_F(CacheTest, ExternalChangesInvalidateUntilAnUnknownEntity) {
   cacheNote("E1", "e1");
   cacheNote("E2", "e2");
-  cache_->invalidateObjectUIDs(Value::dictionary(
-      {{"Unknown", uids({"X"})}, {"Note", uids({"E1"})}}));
+  cache_->invalidateObjectUIDs(
+      Value::dictionary({{"Unknown", uids({"X"})}, {"Note", uids({"E1"})}}));
   EXPECT_NE(cache_->cacheItemForObjectID(noteID("E1")), nullptr);
 
   cache_->addChange(
