@@ -390,6 +390,25 @@ class QuillonStore : public IncrementalStore {
   // [observation.cc]
 
   // [log.cc]
+  // log_ holds the entries oldest first, so that adding one is cheap;
+  // logEntries() answers them newest first.
+  //
+  // The log's main-queue blocks and delayed calls reach the store through a
+  // shared link that the store detaches as its members go, so a block that
+  // runs after the store is gone does nothing.
+  struct LogLink;
+  class LogLinkOwner {
+   public:
+    explicit LogLinkOwner(QuillonStore* store);
+    ~LogLinkOwner();
+    LogLinkOwner(const LogLinkOwner&) = delete;
+    LogLinkOwner& operator=(const LogLinkOwner&) = delete;
+    const std::shared_ptr<LogLink>& link() const { return link_; }
+
+   private:
+    std::shared_ptr<LogLink> link_;
+  };
+  LogLinkOwner logLink_{this};
 
   // [end]
 };
