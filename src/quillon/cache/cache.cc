@@ -1,128 +1,736 @@
 #include "quillon/cache/cache.h"
 
+#include <algorithm>
+
+#include <fmt/format.h>
+
+#include "quillon/base/date_format.h"
 #include "quillon/base/dispatch_queue.h"
+#include "quillon/base/env.h"
+#include "quillon/base/json.h"
 #include "quillon/base/operation_queue.h"
+#include "quillon/base/system_log.h"
+#include "quillon/base/uuid.h"
 #include "quillon/cache/cache_collection.h"
 #include "quillon/cache/cache_item.h"
+#include "quillon/cache/index_operation.h"
+#include "quillon/coding/string_utils.h"
+#include "quillon/coding/value_transformer.h"
+#include "quillon/graph/entity_description.h"
+#include "quillon/platform/file_viewer.h"
+#include "quillon/platform/main_queue.h"
+#include "quillon/platform/standard_paths.h"
+#include "quillon/store/quillon.h"
+#include "quillon/store/store.h"
 
 namespace quillon {
+namespace {
 
-// PENDING
-std::shared_ptr<QuillonCache> QuillonCache::cacheForStore(QuillonStore*) { return nullptr; }
-// PENDING
-std::optional<Url> QuillonCache::cacheURLForStoreURL(const Url&) { return std::nullopt; }
-// PENDING
-void QuillonCache::resetCacheForURL(const Url&) {}
-// PENDING
-void QuillonCache::resetAllCaches() {}
-// PENDING
-bool QuillonCache::checkWritePermissionsForStoreURL(const Url&) { return false; }
-// PENDING
-QuillonCache::QuillonCache(QuillonStore* store) : store_(store) {}
-// PENDING
-QuillonCache::~QuillonCache() = default;
-// PENDING
-void QuillonCache::setStoreURL(const Url&) {}
-// PENDING
-std::optional<Url> QuillonCache::URLForKey(std::string_view) const { return std::nullopt; }
-// PENDING
-void QuillonCache::loadChangeLogIfNeeded() {}
-// PENDING
-std::shared_ptr<QuillonCacheArray> QuillonCache::changeLog() const { return nullptr; }
-// PENDING
-void QuillonCache::addChange(const Value&, bool) {}
-// PENDING
-void QuillonCache::removeChange(const Value&, bool) {}
-// PENDING
-Value QuillonCache::changes() { return Value(); }
-// PENDING
-Value QuillonCache::changesChain() { return Value(); }
-// PENDING
-Value QuillonCache::changesHistoryForObjectID(const ManagedObjectIDPtr&) { return Value(); }
-// PENDING
-void QuillonCache::updateChangeNames() {}
-// PENDING
-Value QuillonCache::changeNames() const { return Value(); }
-// PENDING
-void QuillonCache::addObjectUIDs(const Value&, bool) {}
-// PENDING
-void QuillonCache::updateObjectUIDs(const Value&, bool) {}
-// PENDING
-void QuillonCache::removeObjectUIDs(const Value&, bool) {}
-// PENDING
-void QuillonCache::invalidateObjectUIDs(const Value&) {}
-// PENDING
-Value QuillonCache::objectUIDsForEntity(const EntityDescription&) { return Value(); }
-// PENDING
-Value QuillonCache::objectUIDsForEntityName(std::string_view) { return Value(); }
-// PENDING
-std::shared_ptr<QuillonCacheSet> QuillonCache::cacheForEntityUIDs(std::string_view) {
-  return nullptr;
+constexpr std::string_view kChangeLogKey = "Changes";
+constexpr std::string_view kLocalDatabaseCache = "LocalDatabaseCache";
+constexpr std::string_view kLoadChangeLogSelector = "loadChangeLogIfNeeded";
+constexpr std::string_view kShardCharacters = "0123456789ABCDEF";
+constexpr size_t kChangesChainLength = 50;
+constexpr double kLoadChangeLogRetrySeconds = 10.0;
+
+// The application's "LocalDatabaseCache" folder; empty without a user cache
+// folder.
+std::string localDatabaseCachePath() {
+  std::string base = StandardPaths::userCacheDirectory();
+  if (base.empty()) return {};
+  return base + "/" + Quillon::applicationIdentifier() + "/" + std::string(kLocalDatabaseCache);
 }
-// PENDING
-std::shared_ptr<QuillonCacheDictionary> QuillonCache::cacheForObjectID(const ManagedObjectIDPtr&) {
-  return nullptr;
+
+std::string trimmedOfSlashes(std::string text) {
+  size_t begin = text.find_first_not_of('/');
+  if (begin == std::string::npos) return {};
+  size_t end = text.find_last_not_of('/');
+  return text.substr(begin, end - begin + 1);
 }
-// PENDING
-void QuillonCache::loadCachesForEntity(const EntityDescription&) {}
-// PENDING
-std::shared_ptr<QuillonCacheItem> QuillonCache::cacheItemForObjectID(const ManagedObjectIDPtr&) {
-  return nullptr;
+
+// A value at a dotted key path through dictionaries, nil where it breaks off.
+Value valueAtPath(const Value& root, std::string_view first, std::string_view second) {
+  return root.get(first).get(second);
 }
-// PENDING
-std::shared_ptr<QuillonCacheItem> QuillonCache::cacheItemForObjectID(const ManagedObjectIDPtr&,
-                                                                     ManagedObjectContext*) {
-  return nullptr;
+
+std::string textOf(const Value& value) {
+  if (value.isString()) return std::string(value.str());
+  if (value.isNil()) return "(null)";
+  return value.description();
 }
-// PENDING
-Value QuillonCache::attributesForObjectID(const ManagedObjectIDPtr&, ManagedObjectContext*) {
-  return Value();
+
+Value changeKeyInfo() { return Value::dictionary({{"key", "changes"}}); }
+
+}  // namespace
+
+// ---- Class operations ----
+
+std::shared_ptr<QuillonCache> QuillonCache::cacheForStore(QuillonStore* store) {
+  return std::make_shared<QuillonCache>(store);
 }
-// PENDING
-Value QuillonCache::valuesForObjectID(const ManagedObjectIDPtr&, ManagedObjectContext*) {
-  return Value();
+
+std::optional<Url> QuillonCache::cacheURLForStoreURL(const Url& storeURL) {
+  std::string folder = localDatabaseCachePath();
+  if (folder.empty()) return std::nullopt;
+  Env* env = QuillonStore::defaultEnv();
+  env->createDirectories(folder);
+  folder += "/" + storeMD5String(trimmedOfSlashes(storeURL.absoluteString()));
+  env->createDirectories(folder);
+  return Url::fileURL(folder, true);
 }
-// PENDING
-Value QuillonCache::allValuesForObjectID(const ManagedObjectIDPtr&, ManagedObjectContext*) {
-  return Value();
+
+void QuillonCache::resetCacheForURL(const Url& storeURL) {
+  if (std::optional<Url> url = cacheURLForStoreURL(storeURL)) {
+    QuillonStore::defaultEnv()->removeItem(url->path());
+  }
 }
-// PENDING
+
+void QuillonCache::resetAllCaches() {
+  std::string folder = localDatabaseCachePath();
+  if (!folder.empty()) QuillonStore::defaultEnv()->removeItem(folder);
+}
+
+bool QuillonCache::checkWritePermissionsForStoreURL(const Url& storeURL) {
+  std::optional<Url> folder = cacheURLForStoreURL(storeURL);
+  if (!folder) return false;
+  Env* env = QuillonStore::defaultEnv();
+  std::string probe = makeUUIDString();
+  std::string path = folder->appending(probe).path();
+  bool fine = !env->writeFileAtomically(path, std::string_view(probe));
+  std::vector<uint8_t> back;
+  fine = !env->readFile(path, &back) && fine;
+  fine = !env->removeItem(path) && fine;
+  return fine && std::string_view(reinterpret_cast<const char*>(back.data()), back.size()) == probe;
+}
+
+// ---- Life ----
+
+QuillonCache::QuillonCache(QuillonStore* store)
+    : store_(store),
+      queue_(std::make_unique<DispatchQueue>(
+          std::string(Quillon::frameworkInfo().get("CFBundleIdentifier").str()) +
+          ".CacheQueue")),
+      saveQueue_(std::make_unique<OperationQueue>("QuillonCacheSaveQueue")) {
+  QuillonCacheItem::registerCoding();
+}
+
+QuillonCache::~QuillonCache() {
+  stopBackgroundWork();
+  systemLog("Store Cache dealloc");
+}
+
+void QuillonCache::stopBackgroundWork() {
+  stopping_.store(true);
+  MainQueue::cancelPreviousPerformRequests(this);
+  OperationQueue* index = nullptr;
+  {
+    std::lock_guard lock(indexQueueMutex_);
+    index = indexQueue_.get();
+  }
+  if (index) {
+    index->cancelAllOperations();
+    index->waitUntilAllOperationsAreFinished();
+  }
+  saveQueue_->waitUntilAllOperationsAreFinished();
+  queue_->drain();
+}
+
+void QuillonCache::setStoreURL(const Url& storeURL) {
+  storeURL_ = storeURL;
+  if (!checkWritePermissionsForStoreURL(storeURL)) {
+    resetCacheForURL(storeURL);
+    if (!checkWritePermissionsForStoreURL(storeURL)) {
+      resetAllCaches();
+      if (!checkWritePermissionsForStoreURL(storeURL)) {
+        Quillon::showAlert(
+            QuillonLocalizedString("The cache folder is write protected"),
+            QuillonLocalizedString("Please delete the contents of the Folder that is beeing "
+                                   "opened after closing this window"));
+        FileViewer::reveal(localDatabaseCachePath());
+      }
+    }
+  }
+  url_ = cacheURLForStoreURL(storeURL).value_or(Url());
+  if (store_->upToChange().isNil()) loadChangeLogIfNeeded();
+  store_->updateChanges();
+}
+
+std::optional<Url> QuillonCache::URLForKey(std::string_view key) const {
+  if (key.empty() || url_.isEmpty()) return std::nullopt;
+  return url_.appending(key);
+}
+
+// ---- The change log ----
+
+void QuillonCache::postChangesNotice(const std::function<void()>& change) {
+  const void* self = this;
+  if (MainQueue::isMainThread()) {
+    NotificationCenter::defaultCenter().post(kQuillonWillChangeValueNotification, self,
+                                             changeKeyInfo());
+    change();
+    NotificationCenter::defaultCenter().post(kQuillonDidChangeValueNotification, self,
+                                             changeKeyInfo());
+    return;
+  }
+  change();
+  // Observers are user-interface lists: they hear of it on the main thread.
+  // Only the address is used there, never the cache.
+  MainQueue::async([self] {
+    NotificationCenter::defaultCenter().post(kQuillonWillChangeValueNotification, self,
+                                             changeKeyInfo());
+    NotificationCenter::defaultCenter().post(kQuillonDidChangeValueNotification, self,
+                                             changeKeyInfo());
+  });
+}
+
+std::shared_ptr<QuillonCacheArray> QuillonCache::makeChangeLog() const {
+  return QuillonCacheArray::arrayWithStore(store_, URLForKey(kChangeLogKey).value_or(Url()));
+}
+
+void QuillonCache::loadChangeLogIfNeeded() {
+  if (changeLog()) return;
+  loadChangeLog(makeChangeLog());
+}
+
+void QuillonCache::installChangeLog(const std::shared_ptr<QuillonCacheArray>& log) {
+  postChangesNotice([&] {
+    std::lock_guard lock(changeLogMutex_);
+    changeLog_ = log;
+  });
+  updateChangeNames();
+}
+
+void QuillonCache::loadChangeLog(const std::shared_ptr<QuillonCacheArray>& log) {
+  Value first;
+  size_t count = 0;
+  log->readContent([&](const Value& changes) {
+    count = changes.size();
+    if (count > 0) first = changes[0];
+  });
+  if (first.isNil() || !log->fromBundle()) {
+    installChangeLog(log);
+    if (count > 0) {
+      store_->log("Loaded changes", kQuillonLogTypeSuccess);
+    } else {
+      store_->log("No changes found", kQuillonLogTypeWarning);
+    }
+    return;
+  }
+  systemLog("Start Check");
+  Value validated = store_->validatedChanges(first, true);
+  systemLog("End Check");
+  if (validated.isNil()) {
+    store_->log("Aborting for now. Trying later", kQuillonLogTypeWarning);
+    MainQueue::afterDelay(
+        kLoadChangeLogRetrySeconds,
+        [weak = weak_from_this()] {
+          if (auto cache = weak.lock()) cache->loadChangeLogIfNeeded();
+        },
+        this, std::string(kLoadChangeLogSelector));
+    return;
+  }
+  installChangeLog(log);
+  const Value& sections = first.get(kQuillonChanges);
+  // The update section goes in as inserted objects and the insert section as
+  // updated ones; the refresh treats both alike and this order is relied on.
+  store_->refreshInsertedObjects(sections.get(kQuillonUpdate), sections.get(kQuillonInsert),
+                                 sections.get(kQuillonDelete));
+  store_->log("Loaded Cache", kQuillonLogTypeSuccess);
+}
+
+std::shared_ptr<QuillonCacheArray> QuillonCache::changeLog() const {
+  std::lock_guard lock(changeLogMutex_);
+  return changeLog_;
+}
+
+void QuillonCache::addChange(const Value& change, bool isExternal) {
+  std::shared_ptr<QuillonCacheArray> log;
+  bool created = false;
+  {
+    std::lock_guard lock(changeLogMutex_);
+    if (!changeLog_) {
+      changeLog_ = makeChangeLog();
+      created = true;
+    }
+    log = changeLog_;
+  }
+  if (created) updateChangeNames();
+  {
+    std::lock_guard lock(log->lock());
+    const Value& sections = change.get(kQuillonChanges);
+    log->addObject(change);
+    if (sections.isDictionary() && !sections.empty()) {
+      addObjectUIDs(sections.get(kQuillonInsert), isExternal);
+      updateObjectUIDs(sections.get(kQuillonUpdate), isExternal);
+      removeObjectUIDs(sections.get(kQuillonDelete), isExternal);
+      updateChangeNames();
+    }
+  }
+  const void* self = this;
+  MainQueue::async([self] {
+    NotificationCenter::defaultCenter().post(kQuillonWillChangeValueNotification, self,
+                                             changeKeyInfo());
+    NotificationCenter::defaultCenter().post(kQuillonDidChangeValueNotification, self,
+                                             changeKeyInfo());
+  });
+}
+
+void QuillonCache::removeChange(const Value& change, bool isExternal) {
+  std::shared_ptr<QuillonCacheArray> log = changeLog();
+  postChangesNotice([&] {
+    // The top-level "inserts", not the insert section addChange reads.
+    removeObjectUIDs(change.get("inserts"), isExternal);
+    if (log) log->removeObject(change);
+  });
+  updateChangeNames();
+}
+
+Value QuillonCache::changes() {
+  std::shared_ptr<QuillonCacheArray> log = changeLog();
+  return log ? log->content() : Value::array();
+}
+
+Value QuillonCache::changesChain() {
+  std::vector<Value> chain;
+  if (std::shared_ptr<QuillonCacheArray> log = changeLog()) {
+    log->readContent([&](const Value& changes) {
+      std::span<const Value> all = changes.elements();
+      for (size_t i = all.size(); i-- > 0 && chain.size() < kChangesChainLength;) {
+        const Value& change = all[i];
+        const Value& session = change.get("session");
+        chain.push_back(Value::dictionary({
+            {"name", change.get("name")},
+            {"previousName", change.get("previousName")},
+            {"machineName", session.get("machineName")},
+            {"fullUserName", session.get("fullUserName")},
+            {"osVersion", session.get("osVersion")},
+            {"version", session.get("version")},
+        }));
+      }
+    });
+  }
+  return Value::array(std::move(chain));
+}
+
+Value QuillonCache::changesHistoryForObjectID(const ManagedObjectIDPtr& objectID) {
+  if (!objectID || !objectID->entity()) return Value::array();
+  std::vector<Url> files = store_->changesFilesFor(*objectID->entity(), storeUID(*objectID));
+  std::vector<Value> paths;
+  for (const Url& file : files) paths.emplace_back(file.path());
+  Value root = Value::dictionary({{"name", "Object"},
+                                  {"value", objectID->uriRepresentation().path()},
+                                  {"paths", Value::array(std::move(paths))}});
+
+  auto readJSONFile = [this](const Url& url) -> Value {
+    std::vector<uint8_t> stored, plain;
+    if (store_->env()->readFile(url.path(), &stored)) return Value();
+    if (!store_->decrypt(stored, &plain)) return Value();
+    return readJSON(std::span<const uint8_t>(plain));
+  };
+  auto dates = ValueTransformer::valueTransformerForName("QuillonNSDateValueTransformer");
+  std::vector<Value> entries;
+  for (const Url& file : files) {
+    std::string name = file.lastPathComponent();
+    if (!isSafePathComponent(name)) continue;
+    Url changeURL = store_->changesURL().appending(name);
+    Value change = readJSONFile(changeURL);
+    const Value& sections = change.get(kQuillonChanges);
+    if (!sections.isDictionary() || sections.empty()) continue;
+    Value date = dates ? dates->transformedValue(change.get("date")) : Value();
+    std::vector<Value> children;
+    Value record = readJSONFile(file);
+    for (const auto& [key, value] : record.get("payload").items()) {
+      if (!value.isNil()) children.push_back(Value::dictionary({{"name", key}, {"value", value}}));
+    }
+    entries.push_back(Value::dictionary({
+        {"value", fmt::format("{} ({})", textOf(valueAtPath(change, "session", "fullUserName")),
+                              textOf(valueAtPath(change, "session", "machineName")))},
+        {"date", date},
+        {"name", date.isDate() ? formatMediumDateTime(date.dateValue()) : std::string()},
+        {"URL", Value::url(changeURL)},
+        {"children", Value::array(std::move(children))},
+    }));
+  }
+  std::stable_sort(entries.begin(), entries.end(), [](const Value& a, const Value& b) {
+    return a.get("date").dateValue() > b.get("date").dateValue();
+  });
+  entries.insert(entries.begin(), root);
+  return Value::array(std::move(entries));
+}
+
+void QuillonCache::updateChangeNames() {
+  std::shared_ptr<QuillonCacheArray> log = changeLog();
+  Value names = Value::mutableSet();
+  auto install = [&] {
+    std::lock_guard lock(monitor_);
+    changeNames_ = names;
+  };
+  if (!log) {
+    install();
+    return;
+  }
+  // Built and installed under the log's lock, so the names always follow
+  // the log's own order of changes.
+  log->readContent([&](const Value& changes) {
+    for (const Value& change : changes.elements()) {
+      const Value& name = change.get("name");
+      if (name.isNil() || change.get("type") == Value("recovery")) continue;
+      names.append(name);
+    }
+    install();
+  });
+}
+
+Value QuillonCache::changeNames() const {
+  std::lock_guard lock(monitor_);
+  return changeNames_.isNil() ? Value::set() : changeNames_;
+}
+
+// ---- Identifier bookkeeping ----
+
+void QuillonCache::addObjectUIDs(const Value& objects, bool isExternal) {
+  if (isExternal) invalidateObjectUIDs(objects);
+  for (const auto& [entityName, uids] : objects.items()) {
+    if (!entityName.isString() || !isSafePathComponent(entityName.str())) continue;
+    std::vector<Value> safe;
+    safe.reserve(uids.size());
+    for (const auto& [uid, entry] : uids.items()) {
+      if (uid.isString() && isSafePathComponent(uid.str())) safe.push_back(uid);
+    }
+    if (auto set = cacheForEntityUIDs(entityName.str())) {
+      set->addObjects(Value::array(std::move(safe)));
+    }
+  }
+  cacheMissingItems();
+}
+
+void QuillonCache::updateObjectUIDs(const Value& objects, bool isExternal) {
+  // A local update keeps the items: the save refreshed them itself.
+  if (isExternal) invalidateObjectUIDs(objects);
+}
+
+void QuillonCache::removeObjectUIDs(const Value& objects, bool isExternal) {
+  if (isExternal) invalidateObjectUIDs(objects);
+  for (const auto& [entityName, uids] : objects.items()) {
+    if (!entityName.isString() || !isSafePathComponent(entityName.str())) continue;
+    if (auto set = cacheForEntityUIDs(entityName.str())) set->removeObjects(Value::array(uids.keys()));
+  }
+}
+
+void QuillonCache::invalidateObjectUIDs(const Value& objects) {
+  for (const auto& [entityName, uids] : objects.items()) {
+    const EntityDescription* entity = store_->entityNamed(entityName.str());
+    // An unknown entity ends the whole run: later entities stay as they are.
+    if (!entity) return;
+    for (const auto& [uid, entry] : uids.items()) {
+      if (!uid.isString() || !isSafePathComponent(uid.str())) continue;
+      if (ManagedObjectIDPtr objectID = store_->newObjectIDForEntity(entity, uid)) {
+        removeObjectID(objectID);
+      }
+    }
+  }
+}
+
+Value QuillonCache::objectUIDsForEntity(const EntityDescription& entity) {
+  return objectUIDsForEntityName(entity.name());
+}
+
+Value QuillonCache::objectUIDsForEntityName(std::string_view entityName) {
+  Value copy = Value::set();
+  if (auto set = cacheForEntityUIDs(entityName)) {
+    set->readContent([&](const Value& uids) { copy = uids.copy(); });
+  }
+  return copy;
+}
+
+// ---- Collections ----
+
+std::shared_ptr<QuillonCacheSet> QuillonCache::cacheForEntityUIDs(std::string_view entityName) {
+  if (!isSafePathComponent(entityName)) return nullptr;
+  std::string key = fmt::format("{}_uids", entityName);
+  std::lock_guard lock(uidsMutex_);
+  std::shared_ptr<QuillonCacheSet>& set = uids_[key];
+  if (!set) set = QuillonCacheSet::setWithStore(store_, URLForKey(key).value_or(Url()));
+  return set;
+}
+
+std::shared_ptr<QuillonCacheDictionary> QuillonCache::cacheForObjectID(
+    const ManagedObjectIDPtr& objectID) {
+  if (!objectID || !objectID->entity()) return nullptr;
+  std::string uid = storeUID(*objectID);
+  if (uid.empty()) return nullptr;
+  std::string key = storeKeyFor(objectID->entity()->name(), uid);
+  if (!isSafePathComponent(key)) return nullptr;
+  std::lock_guard lock(entitiesMutex_);
+  std::shared_ptr<QuillonCacheDictionary>& shard = entities_[key];
+  if (!shard) {
+    shard = QuillonCacheDictionary::dictionaryWithStore(store_, URLForKey(key).value_or(Url()));
+  }
+  return shard;
+}
+
+void QuillonCache::loadCachesForEntity(const EntityDescription& entity) {
+  std::lock_guard lock(entitiesMutex_);
+  for (char c : kShardCharacters) {
+    std::string key = storeKeyFor(entity.name(), std::string_view(&c, 1));
+    if (!isSafePathComponent(key)) continue;
+    std::shared_ptr<QuillonCacheDictionary>& shard = entities_[key];
+    if (!shard) {
+      shard = QuillonCacheDictionary::dictionaryWithStore(store_, URLForKey(key).value_or(Url()));
+    }
+    std::lock_guard shardLock(shard->lock());
+    shard->loadIfNeeded();
+  }
+}
+
+// ---- Values ----
+
+std::shared_ptr<QuillonCacheItem> QuillonCache::itemInShard(
+    const std::shared_ptr<QuillonCacheDictionary>& shard, const std::string& uid) const {
+  Value value = shard->valueForKey(uid);
+  return std::dynamic_pointer_cast<QuillonCacheItem>(value.objectValue());
+}
+
+std::shared_ptr<QuillonCacheItem> QuillonCache::cacheItemForObjectID(
+    const ManagedObjectIDPtr& objectID) {
+  std::shared_ptr<QuillonCacheDictionary> shard = cacheForObjectID(objectID);
+  if (!shard) return nullptr;
+  return itemInShard(shard, storeUID(*objectID));
+}
+
+std::shared_ptr<QuillonCacheItem> QuillonCache::cacheItemForObjectID(
+    const ManagedObjectIDPtr& objectID, ManagedObjectContext* context) {
+  std::shared_ptr<QuillonCacheDictionary> shard = cacheForObjectID(objectID);
+  if (!shard) return nullptr;
+  std::string uid = storeUID(*objectID);
+  std::shared_ptr<QuillonCacheItem> item = itemInShard(shard, uid);
+  if (item) {
+    item->setCollection(shard);
+    return item;
+  }
+  item = loadValuesForObjectID(objectID, context, shard);
+  if (item) shard->setValue(Value::object(item), uid);
+  return item;
+}
+
+Value QuillonCache::attributesForObjectID(const ManagedObjectIDPtr& objectID,
+                                          ManagedObjectContext* context) {
+  std::shared_ptr<QuillonCacheItem> item = cacheItemForObjectID(objectID, context);
+  return item ? item->attributesForObjectID(objectID, store_, context) : Value();
+}
+
+Value QuillonCache::valuesForObjectID(const ManagedObjectIDPtr& objectID,
+                                      ManagedObjectContext* context) {
+  std::shared_ptr<QuillonCacheDictionary> shard = cacheForObjectID(objectID);
+  if (!shard) return Value();
+  std::string uid = storeUID(*objectID);
+  std::shared_ptr<QuillonCacheItem> item = itemInShard(shard, uid);
+  if (!item || item->attributes().isNil()) {
+    item = store_->loadValuesForObjectID(objectID, context);
+    if (!item) return Value();
+    item->setCollection(shard);
+    shard->setValue(Value::object(item), uid);
+  }
+  return item->valuesForObjectID(objectID, store_, context);
+}
+
+Value QuillonCache::allValuesForObjectID(const ManagedObjectIDPtr& objectID,
+                                         ManagedObjectContext* context) {
+  std::shared_ptr<QuillonCacheItem> item = cacheItemForObjectID(objectID, context);
+  return item ? item->allValuesForObjectID(objectID, store_, context) : Value();
+}
+
 std::shared_ptr<QuillonCacheItem> QuillonCache::loadValuesForObjectID(
-    const ManagedObjectIDPtr&, ManagedObjectContext*,
-    const std::shared_ptr<QuillonCacheDictionary>&) {
-  return nullptr;
+    const ManagedObjectIDPtr& objectID, ManagedObjectContext* context,
+    const std::shared_ptr<QuillonCacheDictionary>& intoCache) {
+  std::shared_ptr<QuillonCacheItem> item = cacheItemForObjectID(objectID);
+  if (!item) item = store_->loadValuesForObjectID(objectID, context);
+  if (item) item->setCollection(intoCache);
+  return item;
 }
-// PENDING
-void QuillonCache::updateCacheForObjectID(const ManagedObjectIDPtr&, const Value&, const Url&) {}
-// PENDING
-bool QuillonCache::removeObjectID(const ManagedObjectIDPtr&) { return false; }
-// PENDING
-void QuillonCache::compactObjectID(const ManagedObjectIDPtr&) {}
-// PENDING
-void QuillonCache::compactObjectIDs(const std::vector<ManagedObjectIDPtr>&) {}
-// PENDING
-void QuillonCache::needsRefresh(const ManagedObjectIDPtr&) {}
-// PENDING
-void QuillonCache::setExtraData(const Value&, const std::string&, const ManagedObjectIDPtr&) {}
-// PENDING
-Value QuillonCache::extraDataForKey(const std::string&, const ManagedObjectIDPtr&) {
-  return Value();
+
+void QuillonCache::updateCacheForObjectID(const ManagedObjectIDPtr& objectID, const Value& values,
+                                          const Url& url) {
+  std::lock_guard lock(monitor_);
+  std::shared_ptr<QuillonCacheDictionary> shard = cacheForObjectID(objectID);
+  if (!shard) return;
+  std::string uid = storeUID(*objectID);
+  std::shared_ptr<QuillonCacheItem> item = itemInShard(shard, uid);
+  if (!item) item = std::make_shared<QuillonCacheItem>();
+  item->setCollection(shard);
+  item->updateValues(values.get("payload"), *objectID->entity(), url, values.get("version"));
+  shard->setValue(Value::object(item), uid);
 }
-// PENDING
-void QuillonCache::resetExtraDataForObjectID(const ManagedObjectIDPtr&) {}
-// PENDING
-void QuillonCache::save() {}
-// PENDING
-void QuillonCache::saveInBundle() {}
-// PENDING
-void QuillonCache::reset() {}
-// PENDING
-void QuillonCache::checkAllFiles() {}
-// PENDING
-void QuillonCache::cacheMissingItems() {}
-// PENDING
-void QuillonCache::terminate() {}
-// PENDING
-OperationQueue* QuillonCache::indexQueue() const { return nullptr; }
+
+bool QuillonCache::removeObjectID(const ManagedObjectIDPtr& objectID) {
+  std::shared_ptr<QuillonCacheDictionary> shard = cacheForObjectID(objectID);
+  if (!shard) return false;
+  std::string uid = storeUID(*objectID);
+  std::lock_guard lock(shard->lock());
+  if (shard->valueForKey(uid).isNil()) return false;
+  shard->removeObjectForKey(uid);
+  return true;
+}
+
+void QuillonCache::compactObjectID(const ManagedObjectIDPtr& objectID) {
+  if (std::shared_ptr<QuillonCacheItem> item = cacheItemForObjectID(objectID)) item->compact();
+}
+
+void QuillonCache::compactObjectIDs(const std::vector<ManagedObjectIDPtr>& objectIDs) {
+  for (const ManagedObjectIDPtr& objectID : objectIDs) compactObjectID(objectID);
+}
+
+void QuillonCache::needsRefresh(const ManagedObjectIDPtr& objectID) {
+  if (!objectID) return;
+  std::lock_guard lock(monitor_);
+  if (objectIDsToRefresh_.isNil()) objectIDsToRefresh_ = Value::mutableSet();
+  objectIDsToRefresh_.append(Value::object(objectID));
+}
+
+void QuillonCache::setExtraData(const Value& value, const std::string& key,
+                                const ManagedObjectIDPtr& objectID) {
+  std::lock_guard lock(monitor_);
+  std::shared_ptr<QuillonCacheDictionary> shard = cacheForObjectID(objectID);
+  if (!shard) return;
+  std::string uid = storeUID(*objectID);
+  std::shared_ptr<QuillonCacheItem> item = itemInShard(shard, uid);
+  if (!item) return;
+  item->setExtraData(value.copy(), key);
+  shard->setValue(Value::object(item), uid);
+}
+
+Value QuillonCache::extraDataForKey(const std::string& key, const ManagedObjectIDPtr& objectID) {
+  std::lock_guard lock(monitor_);
+  std::shared_ptr<QuillonCacheItem> item = cacheItemForObjectID(objectID);
+  return item ? item->extraDataForKey(Value(key)) : Value();
+}
+
+void QuillonCache::resetExtraDataForObjectID(const ManagedObjectIDPtr& objectID) {
+  std::lock_guard lock(monitor_);
+  std::shared_ptr<QuillonCacheDictionary> shard = cacheForObjectID(objectID);
+  if (!shard) return;
+  std::string uid = storeUID(*objectID);
+  std::shared_ptr<QuillonCacheItem> item = itemInShard(shard, uid);
+  if (!item) return;
+  item->resetExtraData();
+  shard->setValue(Value::object(item), uid);
+}
+
+// ---- Saving and maintenance ----
+
+void QuillonCache::save() {
+  if (!url_.isEmpty()) store_->env()->createDirectories(url_.path());
+  std::vector<std::shared_ptr<QuillonCacheCollection>> dirty;
+  {
+    std::lock_guard lock(entitiesMutex_);
+    for (const auto& [key, shard] : entities_) {
+      if (shard->invalid()) dirty.push_back(shard);
+    }
+  }
+  {
+    std::lock_guard lock(uidsMutex_);
+    for (const auto& [key, set] : uids_) {
+      if (set->invalid()) dirty.push_back(set);
+    }
+  }
+  for (auto& collection : dirty) {
+    saveQueue_->addOperationWithBlock([collection] { collection->saveIfNeeded(); });
+  }
+  if (std::shared_ptr<QuillonCacheArray> log = changeLog()) log->saveIfNeeded();
+  terminated_.store(true);
+}
+
+void QuillonCache::saveInBundle() {
+  store_->env()->createDirectories(store_->cacheURL().path());
+  std::vector<std::shared_ptr<QuillonCacheCollection>> all;
+  {
+    std::lock_guard lock(entitiesMutex_);
+    for (const auto& [key, shard] : entities_) all.push_back(shard);
+  }
+  {
+    std::lock_guard lock(uidsMutex_);
+    for (const auto& [key, set] : uids_) all.push_back(set);
+  }
+  for (auto& collection : all) {
+    saveQueue_->addOperationWithBlock([collection] { collection->saveInBundle(); });
+  }
+  if (std::shared_ptr<QuillonCacheArray> log = changeLog()) log->saveInBundle();
+}
+
+void QuillonCache::reset() {
+  if (!url_.isEmpty()) store_->env()->removeItem(url_.path());
+  {
+    std::lock_guard lock(entitiesMutex_);
+    entities_.clear();
+  }
+  {
+    std::lock_guard lock(uidsMutex_);
+    uids_.clear();
+  }
+  {
+    std::lock_guard lock(changeLogMutex_);
+    changeLog_ = makeChangeLog();
+  }
+  store_->log("Reset Log", kQuillonLogTypeWarning);
+}
+
+void QuillonCache::checkAllFiles() {
+  // The queue is drained before the cache goes, so the block may use it.
+  queue_->async([this] {
+    if (stopping_.load()) return;
+    store_->log("Start checking Files", kQuillonLogTypeSuccess);
+    Value changes = makeChangeLog()->content();
+    store_->setRecover(true);
+    size_t errors = 0;
+    if (changes.empty()) {
+      store_->log("No change files found", kQuillonLogTypeError);
+      ++errors;
+    }
+    for (const Value& change : changes.elements()) {
+      if (store_->validatedChanges(change, false).isNil()) ++errors;
+    }
+    store_->setRecover(false);
+    if (errors > 0) {
+      store_->log("Finished checking Files: Found errors", kQuillonLogTypeError);
+    } else {
+      store_->log("Finished checking Files: All fine", kQuillonLogTypeSuccess);
+    }
+  });
+}
+
+void QuillonCache::cacheMissingItems() {
+  std::lock_guard lock(indexQueueMutex_);
+  if (stopping_.load() || cachedMissingItems_.load() ||
+      (indexQueue_ && indexQueue_->operationCount() > 0)) {
+    return;
+  }
+  itemsToIndex_.store(0);
+  maxItemsToIndex_.store(0);
+  indexQueue_ = std::make_unique<OperationQueue>("QuillonIndexQueue");
+  indexQueue_->setMaxConcurrentOperationCount(1);
+  std::vector<const EntityDescription*> entities;
+  for (const auto& [name, entity] : store_->entities()) {
+    if (entity && !entity->isAbstract()) entities.push_back(entity);
+  }
+  std::sort(entities.begin(), entities.end(),
+            [](const EntityDescription* a, const EntityDescription* b) {
+              return a->name() < b->name();
+            });
+  for (const EntityDescription* entity : entities) {
+    auto operation = std::make_shared<QuillonIndexOperation>(this, entity, indexQueue_.get());
+    operation->setQueuePriority(QueuePriority::VeryLow);
+    indexQueue_->addOperation(std::move(operation));
+  }
+  cachedMissingItems_.store(true);
+}
+
+void QuillonCache::terminate() {
+  systemLog("No backup snapshot taken at quit: no snapshot provider on this platform");
+}
+
+OperationQueue* QuillonCache::indexQueue() const {
+  std::lock_guard lock(indexQueueMutex_);
+  return indexQueue_.get();
+}
 
 }  // namespace quillon

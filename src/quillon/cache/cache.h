@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -35,12 +36,22 @@ class QuillonStore;
 // the package URL>/<key>.fast, outside the package; deleting them loses
 // nothing.
 //
-// Owned by its QuillonStore (shared_ptr); holds the store without owning it.
-// Thread-safe: the shard and uid tables, the change log and each collection
-// carry their own locks; change notices ("changes") are posted on the main
-// queue. Indexing runs on indexQueue, collection saves on saveQueue,
-// checkAllFiles on queue().
-class QuillonCache {
+// Owned by its QuillonStore (shared_ptr, made by cacheForStore); holds the
+// store without owning it. Thread-safe: the shard and uid tables, the change
+// log and each collection carry their own locks; change notices ("changes")
+// are posted on the main queue. Indexing runs on indexQueue, collection saves
+// on saveQueue, checkAllFiles on queue(). The store must call
+// stopBackgroundWork() before its own state goes (its destructor), since
+// that work calls back into the store.
+//
+// Lock order, outermost first: the change log's lock, monitor_, the shard
+// and uid tables' mutexes, a collection's lock, a cache item's lock. Under
+// the change log's lock the cache calls only the store members that take no
+// store lock (entityNamed, newObjectIDForEntity); every other call into the
+// store (loading values, logging, validation) is made without any cache
+// lock held, so a store that calls the cache under its own monitor cannot
+// deadlock against it.
+class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
  public:
   static std::shared_ptr<QuillonCache> cacheForStore(QuillonStore* store);
   // Nullopt when the user has no cache folder.
@@ -63,6 +74,11 @@ class QuillonCache {
 
   // ---- The change log ----
   void loadChangeLogIfNeeded();
+  // Installs `log` as the change log, first validating its first change
+  // (light-weight) when the collection came from the package's copy; a
+  // failed validation retries loadChangeLogIfNeeded after 10 s. What
+  // loadChangeLogIfNeeded does with a fresh "Changes" collection.
+  void loadChangeLog(const std::shared_ptr<QuillonCacheArray>& log);
   // Nullptr until loaded: fetches answer nothing before that.
   std::shared_ptr<QuillonCacheArray> changeLog() const;
   void addChange(const Value& change, bool isExternal);
@@ -120,6 +136,10 @@ class QuillonCache {
   void cacheMissingItems();
   // The quit-time backup snapshot; no provider exists here, so it logs that.
   void terminate();
+  // Cancels indexing and delayed calls aimed at the cache and waits for the
+  // index queue, the save queue and queue(). Idempotent; the destructor
+  // calls it too. Not from one of those queues.
+  void stopBackgroundWork();
   bool terminated() const { return terminated_.load(); }
   bool cachedMissingItems() const { return cachedMissingItems_.load(); }
 
@@ -138,9 +158,18 @@ class QuillonCache {
   QuillonStore* store_;
   Url storeURL_;
   Url url_;
+  friend class QuillonIndexOperation;
+  friend class QuillonIndexLoadOperation;
+  void postChangesNotice(const std::function<void()>& change);
+  void installChangeLog(const std::shared_ptr<QuillonCacheArray>& log);
+  std::shared_ptr<QuillonCacheArray> makeChangeLog() const;
+  std::shared_ptr<QuillonCacheItem> itemInShard(const std::shared_ptr<QuillonCacheDictionary>& shard,
+                                                const std::string& uid) const;
+
   mutable std::recursive_mutex monitor_;  // changeNames, extra data, record updates
   std::atomic<bool> terminated_{false};
   std::atomic<bool> cachedMissingItems_{false};
+  std::atomic<bool> stopping_{false};
   mutable std::mutex entitiesMutex_;
   std::unordered_map<std::string, std::shared_ptr<QuillonCacheDictionary>> entities_;
   mutable std::mutex uidsMutex_;

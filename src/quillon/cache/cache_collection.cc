@@ -1,87 +1,279 @@
 #include "quillon/cache/cache_collection.h"
 
-namespace quillon {
+#include "quillon/base/env.h"
+#include "quillon/base/error.h"
+#include "quillon/coding/dense_coder.h"
+#include "quillon/store/store.h"
 
-// PENDING
+namespace quillon {
+namespace {
+
+constexpr std::string_view kFileExtension = "fast";
+
+Env* envOf(const QuillonStore* store) {
+  return store ? store->env() : QuillonStore::defaultEnv();
+}
+
+}  // namespace
+
 QuillonCacheCollection::QuillonCacheCollection(QuillonStore* store, Url url)
     : url_(std::move(url)), store_(store) {}
-// PENDING
+
 QuillonCacheCollection::~QuillonCacheCollection() = default;
-// PENDING
-void QuillonCacheCollection::loadIfNeeded() {}
-// PENDING
-void QuillonCacheCollection::saveIfNeeded() {}
-// PENDING
-void QuillonCacheCollection::saveInBundle() {}
-// PENDING
-void QuillonCacheCollection::removeFile() {}
-// PENDING
-void QuillonCacheCollection::invalidate() {}
-// PENDING
-bool QuillonCacheCollection::invalid() const { return false; }
-// PENDING
-void QuillonCacheCollection::setInvalid(bool) {}
-// PENDING
-Value QuillonCacheCollection::content() { return Value(); }
-// PENDING
-void QuillonCacheCollection::setContent(Value) {}
-// PENDING
-std::vector<uint8_t> QuillonCacheCollection::encodedContent() { return {}; }
 
-// PENDING
+void QuillonCacheCollection::loadIfNeeded() {
+  if (!content_.isNil()) return;
+  if (!url_.isEmpty()) {
+    std::vector<uint8_t> stored;
+    Error error = envOf(store_)->readFile(url_.appendingPathExtension(kFileExtension).path(),
+                                          &stored);
+    if (!error) {
+      try {
+        std::vector<uint8_t> plain;
+        bool decrypted = true;
+        if (store_) {
+          decrypted = store_->decrypt(stored, &plain);
+        } else {
+          plain.swap(stored);
+        }
+        if (decrypted) {
+          Value loaded = loadTransformer(DenseCoder::objectWithData(plain));
+          // A file of another kind (damage, or a hostile file put in place)
+          // counts as undecodable rather than being trusted.
+          if (acceptsLoadedValue(loaded)) content_ = std::move(loaded);
+        }
+      } catch (const Exception&) {
+        initContent();
+      }
+    }
+  }
+  if (content_.isNil()) initContent();
+}
+
+std::vector<uint8_t> QuillonCacheCollection::encodedContent() {
+  try {
+    std::vector<uint8_t> plain = DenseCoder::encode(saveTransformer(content_));
+    if (plain.empty() || !store_) return plain;
+    std::vector<uint8_t> stored;
+    if (!store_->encrypt(plain, &stored)) return {};
+    return stored;
+  } catch (const Exception&) {
+    return {};
+  }
+}
+
+void QuillonCacheCollection::saveIfNeeded() {
+  std::lock_guard lock(mutex_);
+  if (!invalid_ || url_.isEmpty()) return;
+  loadIfNeeded();
+  std::string path = url_.appendingPathExtension(kFileExtension).path();
+  std::vector<uint8_t> bytes = encodedContent();
+  Env* env = envOf(store_);
+  if (!bytes.empty() && !env->writeFileAtomically(path, bytes)) {
+    invalid_ = false;
+    return;
+  }
+  // Never leave a stale file behind: the next open rebuilds from the package.
+  env->removeItem(path);
+}
+
+void QuillonCacheCollection::saveInBundle() {
+  if (!store_ || url_.isEmpty()) return;
+  std::lock_guard lock(mutex_);
+  loadIfNeeded();
+  std::vector<uint8_t> bytes = encodedContent();
+  if (bytes.empty()) return;
+  Url target = store_->cacheURL().appending(url_.lastPathComponent() + "." +
+                                            std::string(kFileExtension));
+  store_->env()->writeFileAtomically(target.path(), bytes);
+}
+
+void QuillonCacheCollection::removeFile() {
+  if (url_.isEmpty()) return;
+  envOf(store_)->removeItem(url_.path());
+}
+
+void QuillonCacheCollection::invalidate() {
+  std::lock_guard lock(mutex_);
+  invalid_ = true;
+}
+
+bool QuillonCacheCollection::invalid() const {
+  std::lock_guard lock(mutex_);
+  return invalid_;
+}
+
+void QuillonCacheCollection::setInvalid(bool invalid) {
+  std::lock_guard lock(mutex_);
+  invalid_ = invalid;
+}
+
+Value QuillonCacheCollection::content() {
+  std::lock_guard lock(mutex_);
+  loadIfNeeded();
+  contentShared_ = true;
+  return content_;
+}
+
+void QuillonCacheCollection::setContent(Value content) {
+  std::lock_guard lock(mutex_);
+  content_ = std::move(content);
+  contentShared_ = false;
+}
+
+void QuillonCacheCollection::readContent(const std::function<void(const Value&)>& reader) {
+  std::lock_guard lock(mutex_);
+  loadIfNeeded();
+  reader(content_);
+}
+
+void QuillonCacheCollection::prepareForChange() {
+  if (contentShared_ || !content_.isMutable()) {
+    content_ = content_.mutableCopy();
+    contentShared_ = false;
+  }
+}
+
+// ---- Dictionary ----
+
 std::shared_ptr<QuillonCacheDictionary> QuillonCacheDictionary::dictionaryWithStore(
-    QuillonStore*, Url) {
-  return nullptr;
+    QuillonStore* store, Url url) {
+  return std::make_shared<QuillonCacheDictionary>(store, std::move(url));
 }
-// PENDING
-Value QuillonCacheDictionary::valueForKey(const std::string&) { return Value(); }
-// PENDING
-void QuillonCacheDictionary::setValue(Value, const std::string&) {}
-// PENDING
-void QuillonCacheDictionary::removeObjectForKey(const std::string&) {}
-// PENDING
-void QuillonCacheDictionary::initContent() {}
 
-// PENDING
-std::shared_ptr<QuillonCacheArray> QuillonCacheArray::arrayWithStore(QuillonStore*, Url) {
-  return nullptr;
-}
-// PENDING
-void QuillonCacheArray::addObject(Value) {}
-// PENDING
-void QuillonCacheArray::addObjects(const Value&) {}
-// PENDING
-void QuillonCacheArray::removeObject(const Value&) {}
-// PENDING
-void QuillonCacheArray::removeObjects(const Value&) {}
-// PENDING
-Value QuillonCacheArray::content() { return Value(); }
-// PENDING
-void QuillonCacheArray::setContent(Value) {}
-// PENDING
-void QuillonCacheArray::initContent() {}
+void QuillonCacheDictionary::initContent() { setContent(Value::mutableDictionary()); }
 
-// PENDING
-std::shared_ptr<QuillonCacheSet> QuillonCacheSet::setWithStore(QuillonStore*, Url) {
-  return nullptr;
+Value QuillonCacheDictionary::valueForKey(const std::string& key) {
+  std::lock_guard lock(mutex_);
+  loadIfNeeded();
+  return content_.get(key);
 }
-// PENDING
-void QuillonCacheSet::addObject(Value) {}
-// PENDING
-void QuillonCacheSet::addObjects(const Value&) {}
-// PENDING
-void QuillonCacheSet::removeObject(const Value&) {}
-// PENDING
-void QuillonCacheSet::removeObjects(const Value&) {}
-// PENDING
-Value QuillonCacheSet::content() { return Value(); }
-// PENDING
-void QuillonCacheSet::setContent(Value) {}
-// PENDING
-void QuillonCacheSet::initContent() {}
-// PENDING
-Value QuillonCacheSet::loadTransformer(const Value&) { return Value(); }
-// PENDING
-Value QuillonCacheSet::saveTransformer(const Value&) { return Value(); }
+
+void QuillonCacheDictionary::setValue(Value value, const std::string& key) {
+  std::lock_guard lock(mutex_);
+  loadIfNeeded();
+  prepareForChange();
+  content_.set(Value(key), std::move(value));
+  invalid_ = true;
+}
+
+void QuillonCacheDictionary::removeObjectForKey(const std::string& key) {
+  std::lock_guard lock(mutex_);
+  loadIfNeeded();
+  prepareForChange();
+  content_.erase(Value(key));
+  invalid_ = true;
+}
+
+// ---- Array ----
+
+std::shared_ptr<QuillonCacheArray> QuillonCacheArray::arrayWithStore(QuillonStore* store,
+                                                                     Url url) {
+  return std::make_shared<QuillonCacheArray>(store, std::move(url));
+}
+
+void QuillonCacheArray::initContent() { setContent(Value::mutableArray()); }
+
+Value QuillonCacheArray::content() { return QuillonCacheCollection::content(); }
+
+void QuillonCacheArray::setContent(Value content) {
+  std::lock_guard lock(mutex_);
+  QuillonCacheCollection::setContent(std::move(content));
+  invalid_ = true;
+}
+
+void QuillonCacheArray::addObject(Value value) {
+  std::lock_guard lock(mutex_);
+  loadIfNeeded();
+  prepareForChange();
+  content_.append(std::move(value));
+  invalid_ = true;
+}
+
+void QuillonCacheArray::addObjects(const Value& array) {
+  std::lock_guard lock(mutex_);
+  loadIfNeeded();
+  prepareForChange();
+  content_.reserve(content_.size() + array.size());
+  for (const Value& element : array.elements()) content_.append(element);
+  invalid_ = true;
+}
+
+void QuillonCacheArray::removeObject(const Value& value) {
+  std::lock_guard lock(mutex_);
+  loadIfNeeded();
+  prepareForChange();
+  content_.remove(value);
+  invalid_ = true;
+}
+
+void QuillonCacheArray::removeObjects(const Value& array) {
+  std::lock_guard lock(mutex_);
+  loadIfNeeded();
+  prepareForChange();
+  for (const Value& element : array.elements()) content_.remove(element);
+  invalid_ = true;
+}
+
+// ---- Set ----
+
+std::shared_ptr<QuillonCacheSet> QuillonCacheSet::setWithStore(QuillonStore* store, Url url) {
+  return std::make_shared<QuillonCacheSet>(store, std::move(url));
+}
+
+void QuillonCacheSet::initContent() { setContent(Value::mutableSet()); }
+
+Value QuillonCacheSet::content() { return QuillonCacheCollection::content(); }
+
+void QuillonCacheSet::setContent(Value content) {
+  std::lock_guard lock(mutex_);
+  QuillonCacheCollection::setContent(std::move(content));
+  invalid_ = true;
+}
+
+Value QuillonCacheSet::loadTransformer(const Value& value) {
+  if (!value.isArray() && !value.isSet()) return Value();
+  Value set = Value::mutableSet();
+  set.reserve(value.size());
+  for (const Value& member : value.elements()) set.append(member);
+  return set;
+}
+
+Value QuillonCacheSet::saveTransformer(const Value& value) {
+  std::vector<Value> members(value.elements().begin(), value.elements().end());
+  return Value::array(std::move(members));
+}
+
+void QuillonCacheSet::addObject(Value value) {
+  std::lock_guard lock(mutex_);
+  loadIfNeeded();
+  prepareForChange();
+  content_.append(std::move(value));
+  invalid_ = true;
+}
+
+void QuillonCacheSet::addObjects(const Value& array) {
+  std::lock_guard lock(mutex_);
+  loadIfNeeded();
+  prepareForChange();
+  for (const Value& member : array.elements()) content_.append(member);
+  invalid_ = true;
+}
+
+void QuillonCacheSet::removeObject(const Value& value) {
+  std::lock_guard lock(mutex_);
+  loadIfNeeded();
+  prepareForChange();
+  content_.remove(value);
+  invalid_ = true;
+}
+
+void QuillonCacheSet::removeObjects(const Value& array) {
+  std::lock_guard lock(mutex_);
+  loadIfNeeded();
+  prepareForChange();
+  for (const Value& member : array.elements()) content_.remove(member);
+  invalid_ = true;
+}
 
 }  // namespace quillon

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "quillon/base/url.h"
 #include "quillon/base/value.h"
@@ -18,7 +21,10 @@ class QuillonStore;
 //
 // Owned by the QuillonCache (shared_ptr); cache items point back weakly.
 // Each collection is its own lock (lock()) for its mutators, the content
-// accessors and saveIfNeeded; any thread.
+// accessors, saveIfNeeded and saveInBundle; any thread. The content is
+// copied on write once it has been handed out by content(), so a caller may
+// read what it got without the lock while others go on changing the
+// collection.
 class QuillonCacheCollection : public std::enable_shared_from_this<QuillonCacheCollection> {
  public:
   QuillonCacheCollection(QuillonStore* store, Url url);
@@ -40,19 +46,29 @@ class QuillonCacheCollection : public std::enable_shared_from_this<QuillonCacheC
   void setFromBundle(bool fromBundle) { fromBundle_ = fromBundle; }
   const Url& url() const { return url_; }
   QuillonStore* store() const { return store_; }
-  // The content, loading it first; nil only while unloaded for the base class.
+  // The content, loading it first; nil only for the base class, which has no
+  // empty form. The caller must not change it.
   virtual Value content();
   virtual void setContent(Value content);
+  // Calls `reader` with the loaded content under the lock, without handing
+  // the content out (no copy on the next change).
+  void readContent(const std::function<void(const Value&)>& reader);
   std::recursive_mutex& lock() const { return mutex_; }
 
  protected:
   virtual void initContent() {}
   virtual Value loadTransformer(const Value& value) { return value; }
   virtual Value saveTransformer(const Value& value) { return value; }
+  // Whether a value read from the file has the kind of this collection.
+  virtual bool acceptsLoadedValue(const Value& value) const { return !value.isNil(); }
   // The encoded and encrypted bytes of the content; empty on failure.
   std::vector<uint8_t> encodedContent();
+  // Makes content_ safe to change in place: a mutable copy when it was
+  // handed out or is immutable. Requires the lock and loaded content.
+  void prepareForChange();
 
   mutable std::recursive_mutex mutex_;
+  bool contentShared_ = false;
   bool invalid_ = false;
   bool fromBundle_ = false;
   Url url_;
@@ -72,6 +88,7 @@ class QuillonCacheDictionary final : public QuillonCacheCollection {
 
  protected:
   void initContent() override;
+  bool acceptsLoadedValue(const Value& value) const override { return value.isDictionary(); }
 };
 
 // An array file: the change log.
@@ -88,6 +105,7 @@ class QuillonCacheArray final : public QuillonCacheCollection {
 
  protected:
   void initContent() override;
+  bool acceptsLoadedValue(const Value& value) const override { return value.isArray(); }
 };
 
 // A set file, stored as an array of its members: an entity's uids.
@@ -104,6 +122,7 @@ class QuillonCacheSet final : public QuillonCacheCollection {
 
  protected:
   void initContent() override;
+  bool acceptsLoadedValue(const Value& value) const override { return value.isSet(); }
   Value loadTransformer(const Value& value) override;
   Value saveTransformer(const Value& value) override;
 };

@@ -1,72 +1,387 @@
 #include "quillon/cache/cache_item.h"
 
+#include <optional>
+
+#include "quillon/base/env.h"
 #include "quillon/cache/cache_collection.h"
+#include "quillon/coding/dc_ns_coder.h"
+#include "quillon/coding/dc_ns_decoder.h"
+#include "quillon/coding/string_utils.h"
+#include "quillon/coding/value_transformer.h"
+#include "quillon/graph/entity_description.h"
+#include "quillon/store/store.h"
 
 namespace quillon {
+namespace {
 
-// PENDING
-void QuillonCacheItem::registerCoding() {}
-// PENDING
+constexpr std::string_view kAttributesKey = "attributes";
+constexpr std::string_view kRelationsKey = "relations";
+constexpr std::string_view kExtraDataKey = "extraData";
+constexpr std::string_view kDataKey = "data";
+constexpr std::string_view kStateKey = "state";
+
+Value dictionaryOrNil(Value value) { return value.isDictionary() ? value : Value(); }
+
+Value mutableCopyOrNew(const Value& dictionary) {
+  return dictionary.isDictionary() ? dictionary.mutableCopy() : Value::mutableDictionary();
+}
+
+void mergeInto(Value& target, const Value& source) {
+  for (const auto& [key, value] : source.items()) target.set(key, value);
+}
+
+// The references of a stored relation: a to-many array, or the collection
+// (or single text) a to-one entry holds.
+std::span<const Value> referencesOf(const Value& stored) {
+  if (stored.isSequence()) return stored.elements();
+  if (stored.isString()) return std::span<const Value>(&stored, 1);
+  return {};
+}
+
+// The identifier of one stored reference ("Entity/UID"), made and remembered
+// by the store on first use. Nullptr for a reference that must be dropped; a
+// reference to an entity the model lacks (or of the wrong kind, or with a
+// uid that cannot be a file name) also stops the store from saving, so the
+// dead reference is never written back.
+ManagedObjectIDPtr objectIDForReference(const Value& reference,
+                                        const RelationshipDescription& relationship,
+                                        QuillonStore* store) {
+  if (!reference.isString()) return nullptr;
+  std::string_view text = reference.str();
+  if (ManagedObjectIDPtr known = store->managedObjectIDForReference(text)) return known;
+  const EntityDescription* entity = store->entityNamed(storeEntityName(text));
+  std::string uid = storeUID(text);
+  const EntityDescription* destination = relationship.destinationEntity();
+  if (!entity || !isSafePathComponent(uid) ||
+      (destination && !entity->isKindOfEntity(destination))) {
+    store->preventFromSaving();
+    return nullptr;
+  }
+  ManagedObjectIDPtr made = store->newObjectIDForEntity(entity, Value(uid));
+  if (made) store->setManagedObjectIDForReference(text, made);
+  return made;
+}
+
+Value parseRelations(const Value& relations, const ManagedObjectIDPtr& objectID,
+                     QuillonStore* store, bool toMany) {
+  Value parsed = Value::mutableDictionary();
+  if (relations.empty() || !objectID || !objectID->entity() || !store) return parsed;
+  const EntityDescription& entity = *objectID->entity();
+  for (const auto& [name, stored] : relations.items()) {
+    const RelationshipDescription* relationship = entity.relationship(name.str());
+    if (!relationship || relationship->isToMany() != toMany) continue;
+    if (toMany) {
+      Value ids = relationship->isOrdered() ? Value::mutableOrderedSet() : Value::mutableSet();
+      for (const Value& reference : referencesOf(stored)) {
+        if (ManagedObjectIDPtr id = objectIDForReference(reference, *relationship, store)) {
+          ids.append(Value::object(std::move(id)));
+        }
+      }
+      parsed.set(name, std::move(ids));
+    } else {
+      for (const Value& reference : referencesOf(stored)) {
+        if (ManagedObjectIDPtr id = objectIDForReference(reference, *relationship, store)) {
+          parsed.set(name, Value::object(std::move(id)));
+          break;
+        }
+      }
+    }
+  }
+  return parsed;
+}
+
+Value parseData(const Value& data, const ManagedObjectIDPtr& objectID, QuillonStore* store) {
+  Value parsed = Value::mutableDictionary();
+  if (data.empty() || !objectID || !objectID->entity() || !store) return parsed;
+  std::optional<std::string> entityKey = store->fileNameForEntity(*objectID->entity());
+  std::string uid = storeUID(*objectID);
+  if (!entityKey || !isSafePathComponent(*entityKey) || !isSafePathComponent(uid)) return parsed;
+  Url folder = store->entitiesURL().appending(*entityKey, true).appending(uid, true).appending(
+      "Data", true);
+  for (const auto& [name, fileName] : data.items()) {
+    if (!fileName.isString() || !isSafePathComponent(fileName.str())) continue;
+    Url url = store->correctedDataURL(folder.appending(fileName.str()));
+    std::vector<uint8_t> stored;
+    if (Error error = store->env()->readFile(url.path(), &stored)) {
+      store->logError(error, "QuillonReadOperation");
+      continue;
+    }
+    std::vector<uint8_t> plain;
+    if (store->decrypt(stored, &plain)) parsed.set(name, Value::data(std::move(plain)));
+  }
+  return parsed;
+}
+
+// Appends, removes and reorders the references of a to-many relation as one
+// record entry says; the result is a new array.
+Value applyToManyEntry(const Value& stored, const Value& entry) {
+  Value list = stored.isArray() ? stored.mutableCopy() : Value::mutableArray();
+  const Value& added = entry.get("addedValues");
+  for (const Value& reference : added.elements()) list.append(reference);
+  const Value& removed = entry.get("removedValues");
+  for (const Value& reference : removed.elements()) list.remove(reference);
+  if (const Value* ordered = entry.find("orderedValues")) {
+    std::span<const Value> order = ordered->elements();
+    // From the last to the first, each listed reference moves to the front:
+    // the listed ones end up first, in the listed order.
+    for (size_t i = order.size(); i-- > 0;) {
+      if (std::optional<size_t> at = list.indexOf(order[i])) {
+        Value moved = list[*at];
+        list.removeAt(*at);
+        list.insert(0, std::move(moved));
+      }
+    }
+  }
+  return list;
+}
+
+}  // namespace
+
+void QuillonCacheItem::registerCoding() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    DCNSCoding::registerClass(
+        std::string(kClassName), [](DCNSDecoder& decoder) -> std::shared_ptr<Object> {
+          auto item = std::make_shared<QuillonCacheItem>();
+          item->attributes_ = dictionaryOrNil(decoder.decodeObjectForKey(kAttributesKey));
+          item->relations_ = dictionaryOrNil(decoder.decodeObjectForKey(kRelationsKey));
+          item->extraData_ = dictionaryOrNil(decoder.decodeObjectForKey(kExtraDataKey));
+          item->data_ = dictionaryOrNil(decoder.decodeObjectForKey(kDataKey));
+          item->state_ = decoder.decodeObjectForKey(kStateKey);
+          return item;
+        });
+  });
+}
+
 QuillonCacheItem::QuillonCacheItem() = default;
-// PENDING
-void QuillonCacheItem::updateValues(const Value&, const EntityDescription&, const Url&,
-                                    const Value&) {}
-// PENDING
-Value QuillonCacheItem::attributesForObjectID(const ManagedObjectIDPtr&, QuillonStore*,
-                                              ManagedObjectContext*) {
-  return Value();
-}
-// PENDING
-Value QuillonCacheItem::valuesForObjectID(const ManagedObjectIDPtr&, QuillonStore*,
-                                          ManagedObjectContext*) {
-  return Value();
-}
-// PENDING
-Value QuillonCacheItem::allValuesForObjectID(const ManagedObjectIDPtr&, QuillonStore*,
-                                             ManagedObjectContext*) {
-  return Value();
-}
-// PENDING
-Value QuillonCacheItem::valueForKey(std::string_view, const ManagedObjectIDPtr&, QuillonStore*,
-                                    ManagedObjectContext*) {
-  return Value();
-}
-// PENDING
-Value QuillonCacheItem::parseDataForObjectID(const ManagedObjectIDPtr&, QuillonStore*) {
-  return Value();
-}
-// PENDING
-Value QuillonCacheItem::parseRelationsForObjectID(const ManagedObjectIDPtr&, QuillonStore*, bool) {
-  return Value();
-}
-// PENDING
-void QuillonCacheItem::compact() {}
-// PENDING
-void QuillonCacheItem::resetExtraData() {}
-// PENDING
-void QuillonCacheItem::setExtraData(Value, const std::string&) {}
-// PENDING
-Value QuillonCacheItem::extraDataForKey(const Value&) { return Value(); }
-// PENDING
-Value QuillonCacheItem::attributes() const { return Value(); }
-// PENDING
-Value QuillonCacheItem::relations() const { return Value(); }
-// PENDING
-Value QuillonCacheItem::data() const { return Value(); }
-// PENDING
-Value QuillonCacheItem::extraData() const { return Value(); }
-// PENDING
-Value QuillonCacheItem::state() const { return Value(); }
-// PENDING
-void QuillonCacheItem::setCollection(const std::shared_ptr<QuillonCacheDictionary>&) {}
-// PENDING
-std::shared_ptr<QuillonCacheDictionary> QuillonCacheItem::collection() const { return nullptr; }
-// PENDING
-void QuillonCacheItem::encodeWithCoder(DCNSCoder&) const {}
-// PENDING
-std::recursive_mutex& QuillonCacheItem::updateLock() const { return mutex_; }
 
-// PENDING
-std::string storeKeyFor(std::string_view, std::string_view) { return {}; }
+void QuillonCacheItem::updateValues(const Value& values, const EntityDescription& entity,
+                                    const Url& /*url*/, const Value& version) {
+  std::shared_ptr<QuillonCacheDictionary> shard = collection();
+  std::unique_lock<std::recursive_mutex> updateGuard(shard ? shard->lock() : mutex_);
+
+  Value attributes, relations, data;
+  {
+    std::lock_guard lock(mutex_);
+    attributes = mutableCopyOrNew(attributes_);
+    relations = mutableCopyOrNew(relations_);
+    data = mutableCopyOrNew(data_);
+  }
+  bool touchedRelations = false;
+  for (const auto& [key, entry] : values.items()) {
+    if (!key.isString() || !entry.isDictionary()) continue;
+    std::string_view name = key.str();
+    if (const AttributeDescription* attribute = entity.attribute(name)) {
+      Value value = QuillonValueTransformerForAttribute(*attribute, version)
+                        ->transformedValue(entry.get("value"));
+      if (value.isNil()) value = attribute->defaultValue();
+      (attribute->attributeType() == AttributeType::Binary ? data : attributes)
+          .set(key, std::move(value));
+      continue;
+    }
+    const RelationshipDescription* relationship = entity.relationship(name);
+    if (relationship && relationship->isToMany()) {
+      relations.set(key, applyToManyEntry(relations.get(key), entry));
+    } else {
+      relations.set(key, entry.get("value"));
+    }
+    touchedRelations = true;
+  }
+
+  std::lock_guard lock(mutex_);
+  extraData_ = Value::mutableDictionary();
+  attributes_ = std::move(attributes);
+  relations_ = std::move(relations);
+  data_ = std::move(data);
+  if (touchedRelations) {
+    parsedToOneRelations_ = Value();
+    parsedToManyRelations_ = Value();
+  }
+  parsedData_ = Value();
+  dictionary_ = Value();
+  ++generation_;
+}
+
+Value QuillonCacheItem::snapshot(const Value QuillonCacheItem::*field) const {
+  std::lock_guard lock(mutex_);
+  return this->*field;
+}
+
+void QuillonCacheItem::installIfCurrent(Value QuillonCacheItem::*field, Value value,
+                                        uint64_t generation) {
+  std::lock_guard lock(mutex_);
+  if (generation_ == generation) this->*field = std::move(value);
+}
+
+Value QuillonCacheItem::attributesForObjectID(const ManagedObjectIDPtr& /*objectID*/,
+                                              QuillonStore* /*store*/,
+                                              ManagedObjectContext* /*context*/) {
+  return attributes();
+}
+
+Value QuillonCacheItem::valuesForObjectID(const ManagedObjectIDPtr& objectID, QuillonStore* store,
+                                          ManagedObjectContext* /*context*/) {
+  Value attributes, relations, data, toOne, parsedData;
+  uint64_t generation;
+  {
+    std::lock_guard lock(mutex_);
+    attributes = attributes_;
+    relations = relations_;
+    data = data_;
+    toOne = parsedToOneRelations_;
+    parsedData = parsedData_;
+    generation = generation_;
+  }
+  if (toOne.isNil()) {
+    toOne = parseRelations(relations, objectID, store, false);
+    installIfCurrent(&QuillonCacheItem::parsedToOneRelations_, toOne, generation);
+  }
+  if (parsedData.isNil()) {
+    parsedData = parseData(data, objectID, store);
+    installIfCurrent(&QuillonCacheItem::parsedData_, parsedData, generation);
+  }
+  Value values = mutableCopyOrNew(attributes);
+  mergeInto(values, toOne);
+  mergeInto(values, parsedData);
+  return values;
+}
+
+Value QuillonCacheItem::allValuesForObjectID(const ManagedObjectIDPtr& objectID,
+                                             QuillonStore* store,
+                                             ManagedObjectContext* /*context*/) {
+  Value attributes, relations, data, toOne, toMany, parsedData;
+  uint64_t generation;
+  {
+    std::lock_guard lock(mutex_);
+    if (!dictionary_.isNil()) return dictionary_;
+    attributes = attributes_;
+    relations = relations_;
+    data = data_;
+    toOne = parsedToOneRelations_;
+    toMany = parsedToManyRelations_;
+    parsedData = parsedData_;
+    generation = generation_;
+  }
+  if (toOne.isNil()) {
+    toOne = parseRelations(relations, objectID, store, false);
+    installIfCurrent(&QuillonCacheItem::parsedToOneRelations_, toOne, generation);
+  }
+  if (toMany.isNil()) {
+    toMany = parseRelations(relations, objectID, store, true);
+    installIfCurrent(&QuillonCacheItem::parsedToManyRelations_, toMany, generation);
+  }
+  if (parsedData.isNil()) {
+    parsedData = parseData(data, objectID, store);
+    installIfCurrent(&QuillonCacheItem::parsedData_, parsedData, generation);
+  }
+  Value values = mutableCopyOrNew(attributes);
+  mergeInto(values, toOne);
+  mergeInto(values, toMany);
+  mergeInto(values, parsedData);
+  installIfCurrent(&QuillonCacheItem::dictionary_, values, generation);
+  return values;
+}
+
+Value QuillonCacheItem::valueForKey(std::string_view key, const ManagedObjectIDPtr& objectID,
+                                    QuillonStore* store, ManagedObjectContext* /*context*/) {
+  Value relations, toOne, toMany;
+  uint64_t generation;
+  {
+    std::lock_guard lock(mutex_);
+    if (const Value* attribute = attributes_.find(key)) return *attribute;
+    relations = relations_;
+    toOne = parsedToOneRelations_;
+    toMany = parsedToManyRelations_;
+    generation = generation_;
+  }
+  if (!objectID || !objectID->entity() || !objectID->entity()->relationship(key)) return Value();
+  if (toOne.isNil()) {
+    toOne = parseRelations(relations, objectID, store, false);
+    installIfCurrent(&QuillonCacheItem::parsedToOneRelations_, toOne, generation);
+  }
+  if (toMany.isNil()) {
+    toMany = parseRelations(relations, objectID, store, true);
+    installIfCurrent(&QuillonCacheItem::parsedToManyRelations_, toMany, generation);
+  }
+  if (const Value* one = toOne.find(key)) return *one;
+  return toMany.get(key);
+}
+
+Value QuillonCacheItem::parseDataForObjectID(const ManagedObjectIDPtr& objectID,
+                                             QuillonStore* store) {
+  return parseData(data(), objectID, store);
+}
+
+Value QuillonCacheItem::parseRelationsForObjectID(const ManagedObjectIDPtr& objectID,
+                                                  QuillonStore* store, bool toMany) {
+  return parseRelations(relations(), objectID, store, toMany);
+}
+
+void QuillonCacheItem::compact() {
+  std::lock_guard lock(mutex_);
+  if (!parsedData_.empty()) parsedData_ = Value();
+}
+
+void QuillonCacheItem::resetExtraData() {
+  std::lock_guard lock(mutex_);
+  extraData_ = Value::mutableDictionary();
+}
+
+void QuillonCacheItem::setExtraData(Value value, const std::string& key) {
+  std::lock_guard lock(mutex_);
+  Value extraData = mutableCopyOrNew(extraData_);
+  extraData.set(Value(key), std::move(value));
+  extraData_ = std::move(extraData);
+}
+
+Value QuillonCacheItem::extraDataForKey(const Value& key) {
+  if (!key.isString()) return Value();
+  std::lock_guard lock(mutex_);
+  return extraData_.get(key);
+}
+
+Value QuillonCacheItem::attributes() const { return snapshot(&QuillonCacheItem::attributes_); }
+Value QuillonCacheItem::relations() const { return snapshot(&QuillonCacheItem::relations_); }
+Value QuillonCacheItem::data() const { return snapshot(&QuillonCacheItem::data_); }
+Value QuillonCacheItem::extraData() const { return snapshot(&QuillonCacheItem::extraData_); }
+Value QuillonCacheItem::state() const { return snapshot(&QuillonCacheItem::state_); }
+
+void QuillonCacheItem::setCollection(const std::shared_ptr<QuillonCacheDictionary>& collection) {
+  std::lock_guard lock(mutex_);
+  collection_ = collection;
+}
+
+std::shared_ptr<QuillonCacheDictionary> QuillonCacheItem::collection() const {
+  std::lock_guard lock(mutex_);
+  return collection_.lock();
+}
+
+void QuillonCacheItem::encodeWithCoder(DCNSCoder& coder) const {
+  std::lock_guard lock(mutex_);
+  coder.encodeObject(attributes_, kAttributesKey);
+  coder.encodeObject(relations_, kRelationsKey);
+  coder.encodeObject(extraData_, kExtraDataKey);
+  coder.encodeObject(data_, kDataKey);
+  coder.encodeObject(state_, kStateKey);
+}
+
+std::string storeKeyFor(std::string_view entityName, std::string_view uid) {
+  std::string key;
+  key.reserve(entityName.size() + 5);
+  key.append(entityName).push_back('_');
+  if (uid.empty()) return key;
+  // The whole first character, so a non-ASCII uid still gives a valid name.
+  size_t length = 1;
+  auto lead = static_cast<unsigned char>(uid[0]);
+  if (lead >= 0xF0) {
+    length = 4;
+  } else if (lead >= 0xE0) {
+    length = 3;
+  } else if (lead >= 0xC0) {
+    length = 2;
+  }
+  key.append(uid.substr(0, std::min(length, uid.size())));
+  return key;
+}
 
 }  // namespace quillon

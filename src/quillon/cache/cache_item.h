@@ -25,7 +25,10 @@ class QuillonStore;
 // "data", "state" (class name "QuillonCacheItem").
 //
 // Held by a value shard (Value::object); updates lock the owning shard (or
-// the item when it has none). Any thread.
+// the item when it has none), then the item. The item's own lock guards only
+// the swap of its fields: every field holds a container that is never
+// changed once installed, so readers work on what they took without locks.
+// The item never calls the store while holding a lock. Any thread.
 class QuillonCacheItem final : public Object, public DCNSCoding {
  public:
   static constexpr std::string_view kClassName = "QuillonCacheItem";
@@ -35,6 +38,8 @@ class QuillonCacheItem final : public Object, public DCNSCoding {
   QuillonCacheItem();
 
   // Applies one record's payload (property name → entry) over the item.
+  // Raises the "No Transformer" exception for an attribute type without a
+  // value transformer, leaving the item unchanged.
   void updateValues(const Value& values, const EntityDescription& entity, const Url& url,
                     const Value& version);
 
@@ -70,9 +75,12 @@ class QuillonCacheItem final : public Object, public DCNSCoding {
   void encodeWithCoder(DCNSCoder& coder) const override;
 
  private:
-  std::recursive_mutex& updateLock() const;
+  // Installs a parsed or memoised form unless an update came in meanwhile.
+  void installIfCurrent(Value QuillonCacheItem::*field, Value value, uint64_t generation);
+  Value snapshot(const Value QuillonCacheItem::*field) const;
 
   mutable std::recursive_mutex mutex_;
+  uint64_t generation_ = 0;  // counts updates, under mutex_
   Value attributes_;
   Value relations_;
   Value data_;

@@ -1,25 +1,56 @@
 #include "quillon/cache/index_operation.h"
 
+#include "quillon/base/error.h"
+#include "quillon/base/system_log.h"
 #include "quillon/cache/cache.h"
+#include "quillon/cache/cache_item.h"
+#include "quillon/graph/entity_description.h"
+#include "quillon/platform/main_queue.h"
+#include "quillon/store/store.h"
 
 namespace quillon {
 
-// PENDING
-QuillonIndexOperation::QuillonIndexOperation(std::shared_ptr<QuillonCache> cache,
-                                             const EntityDescription* entity,
+QuillonIndexOperation::QuillonIndexOperation(QuillonCache* cache, const EntityDescription* entity,
                                              OperationQueue* queue)
-    : cache_(std::move(cache)), entity_(entity), queue_(queue) {}
+    : cache_(cache), entity_(entity), queue_(queue) {}
 
-// PENDING
-void QuillonIndexOperation::main() {}
+void QuillonIndexOperation::main() {
+  if (isCancelled() || cache_->stopping_.load()) return;
+  Value uids = cache_->objectUIDsForEntity(*entity_);
+  uint64_t scheduled = 0;
+  for (const Value& uid : uids.elements()) {
+    if (!uid.isString()) continue;
+    auto load = std::make_shared<QuillonIndexLoadOperation>(cache_, entity_, std::string(uid.str()));
+    load->setQueuePriority(QueuePriority::VeryLow);
+    queue_->addOperation(std::move(load));
+    ++scheduled;
+  }
+  MainQueue::async([weak = cache_->weak_from_this(), scheduled] {
+    if (auto cache = weak.lock()) cache->addMaxItemsToIndex(scheduled);
+  });
+}
 
-// PENDING
-QuillonIndexLoadOperation::QuillonIndexLoadOperation(std::shared_ptr<QuillonCache> cache,
+QuillonIndexLoadOperation::QuillonIndexLoadOperation(QuillonCache* cache,
                                                      const EntityDescription* entity,
                                                      std::string uid)
-    : cache_(std::move(cache)), entity_(entity), uid_(std::move(uid)) {}
+    : cache_(cache), entity_(entity), uid_(std::move(uid)) {}
 
-// PENDING
-void QuillonIndexLoadOperation::main() {}
+void QuillonIndexLoadOperation::main() {
+  if (!isCancelled() && !cache_->stopping_.load()) {
+    try {
+      ManagedObjectIDPtr objectID = cache_->store()->newObjectIDForEntity(entity_, Value(uid_));
+      if (objectID && !cache_->cacheItemForObjectID(objectID)) {
+        cache_->cacheItemForObjectID(objectID, nullptr);
+      }
+    } catch (const Exception& exception) {
+      // A model problem (an attribute type without transformer) must not
+      // take the application down from a background queue.
+      systemLog("Indexing " + entity_->name() + "/" + uid_ + " failed: " + exception.reason());
+    }
+  }
+  MainQueue::async([weak = cache_->weak_from_this()] {
+    if (auto cache = weak.lock()) cache->addItemsToIndex(1);
+  });
+}
 
 }  // namespace quillon

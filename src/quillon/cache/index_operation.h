@@ -14,12 +14,13 @@ class QuillonCache;
 // QuillonIndexLoadOperation per uid on the same queue, then adds the count to
 // the cache's maxItemsToIndex on the main queue.
 //
-// Made by QuillonCache::cacheMissingItems and owned by the index queue; holds
-// the cache, not the queue (the cache owns the queue and waits for it in its
-// destructor). Runs on the index queue.
+// Made by QuillonCache::cacheMissingItems and owned by the index queue. The
+// cache owns that queue and cancels and waits for it before it goes, so the
+// operation points at the cache and the queue without owning them. Runs on
+// the index queue.
 class QuillonIndexOperation final : public Operation {
  public:
-  QuillonIndexOperation(std::shared_ptr<QuillonCache> cache, const EntityDescription* entity,
+  QuillonIndexOperation(QuillonCache* cache, const EntityDescription* entity,
                         OperationQueue* queue);
 
   const EntityDescription* entity() const { return entity_; }
@@ -28,7 +29,7 @@ class QuillonIndexOperation final : public Operation {
   void main() override;
 
  private:
-  std::shared_ptr<QuillonCache> cache_;
+  QuillonCache* cache_;
   const EntityDescription* entity_;
   OperationQueue* queue_;
 };
@@ -36,12 +37,11 @@ class QuillonIndexOperation final : public Operation {
 // Loads one object into its value shard unless it is cached already, then
 // adds one to the cache's itemsToIndex on the main queue.
 //
-// Made by a QuillonIndexOperation and owned by the index queue. Runs on the
-// index queue.
+// Made by a QuillonIndexOperation and owned by the index queue; points at the
+// cache as its maker does. Runs on the index queue.
 class QuillonIndexLoadOperation final : public Operation {
  public:
-  QuillonIndexLoadOperation(std::shared_ptr<QuillonCache> cache, const EntityDescription* entity,
-                            std::string uid);
+  QuillonIndexLoadOperation(QuillonCache* cache, const EntityDescription* entity, std::string uid);
 
   const std::string& uid() const { return uid_; }
 
@@ -49,7 +49,7 @@ class QuillonIndexLoadOperation final : public Operation {
   void main() override;
 
  private:
-  std::shared_ptr<QuillonCache> cache_;
+  QuillonCache* cache_;
   const EntityDescription* entity_;
   std::string uid_;
 };

@@ -1,38 +1,383 @@
-// Applying other computers' changes to an open document.
+// Applying other computers' changes to an open document: the update pass over
+// the "Changes" folder, the refresh of the affected objects in every context,
+// and the remedies offered by the log's menus.
 
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
 #include <functional>
+#include <memory>
+#include <string>
+#include <utility>
 #include <vector>
 
+#include "quillon/base/dispatch_queue.h"
+#include "quillon/base/notification_center.h"
+#include "quillon/base/system_log.h"
+#include "quillon/cache/cache.h"
+#include "quillon/cache/cache_collection.h"
+#include "quillon/cache/merge.h"
+#include "quillon/changes/change_file_check.h"
+#include "quillon/coding/url_utils.h"
+#include "quillon/graph/managed_object.h"
+#include "quillon/graph/managed_object_context.h"
+#include "quillon/graph/persistent_store_coordinator.h"
+#include "quillon/platform/file_viewer.h"
+#include "quillon/platform/main_queue.h"
+#include "quillon/store/managed_object_context.h"
+#include "quillon/store/quillon.h"
 #include "quillon/store/store.h"
 
 namespace quillon {
+namespace {
 
-// PENDING
-void QuillonStore::updateChanges() {}
+constexpr double kRetryDelaySeconds = 10.0;
+constexpr std::string_view kUpdateChangesSelector = "updateChanges";
 
-// PENDING
-void QuillonStore::updateChangesWithCompletion(std::function<void(bool success)> completion) {
-  (void)completion;
+// The private notice that makes object controllers re-read their objects.
+constexpr std::string_view kObjectsChangedPrivateNotification =
+    "_NSObjectsChangedInManagingContextPrivateNotification";
+
+std::shared_ptr<QuillonStore> lockStore(const std::weak_ptr<IncrementalStore>& weak) {
+  return std::static_pointer_cast<QuillonStore>(weak.lock());
 }
 
-// PENDING
+Value menuItem(std::string_view title, std::string_view action, const Url& url) {
+  return Value::dictionary({{"title", Value(title)},
+                            {"action", Value(action)},
+                            {"URL", Value::url(url)}});
+}
+
+Value ignoreItem(const Url& changeURL) {
+  return menuItem("Ignore", "discardChangeFromMenu:", changeURL);
+}
+
+Value showItem(const Url& url) { return menuItem("Show in Finder", "showInFinder:", url); }
+
+bool hasJSONExtension(const std::string& name) {
+  if (name.empty() || name[0] == '.') return false;  // hidden files are skipped
+  size_t dot = name.rfind('.');
+  if (dot == std::string::npos || dot == 0) return false;
+  std::string_view extension(name.data() + dot + 1, name.size() - dot - 1);
+  if (extension.size() != 4) return false;
+  static constexpr std::string_view kJSON = "json";
+  for (size_t i = 0; i < 4; ++i) {
+    char c = extension[i];
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    if (c != kJSON[i]) return false;
+  }
+  return true;
+}
+
+// The objects of one section of an accumulator (entity name → uid → entry),
+// as the context's objects; unknown entities and unusable uids are skipped.
+template <typename Visit>
+void forEachObject(QuillonStore& store, ManagedObjectContext& context, const Value& section,
+                   Visit&& visit) {
+  if (!section.isDictionary()) return;
+  for (const auto& [entityName, uids] : section.items()) {
+    if (!entityName.isString() || !uids.isDictionary()) continue;
+    const EntityDescription* entity = store.entityNamed(entityName.str());
+    if (entity == nullptr) continue;
+    for (const auto& [uid, entry] : uids.items()) {
+      if (!uid.isString() || !isSafePathComponent(uid.str())) continue;
+      ManagedObjectIDPtr objectID = store.newObjectIDForEntity(entity, uid);
+      if (!objectID) continue;
+      ManagedObjectPtr object = context.objectWithID(objectID);
+      if (object) visit(object);
+    }
+  }
+}
+
+}  // namespace
+
+// What one pass carries from the main thread to the read queue and back.
+struct QuillonStore::UpdatePass {
+  std::vector<std::string> names;  // the change files, sorted
+  size_t start = 0;
+  bool hadError = false;
+  bool remoteFiles = false;
+  Value inserts = Value::mutableDictionary();
+  Value updates = Value::mutableDictionary();
+  Value deletes = Value::mutableDictionary();
+  std::function<void(bool)> completion;
+};
+
+void QuillonStore::updateChanges() {
+  std::weak_ptr<IncrementalStore> weak = weak_from_this();
+  if (weak.expired()) {
+    // Still being built (the cache asks for an update while it binds to the
+    // package): run once the store has an owner. A destroyed store cancels
+    // its delayed calls, so `this` is never used after destruction.
+    MainQueue::afterDelay(
+        0.0, [this] { updateChanges(); }, this, std::string(kUpdateChangesSelector));
+    return;
+  }
+  auto scheduleRetry = [weak] {
+    if (auto self = lockStore(weak)) {
+      MainQueue::afterDelay(
+          kRetryDelaySeconds,
+          [weak] {
+            if (auto store = lockStore(weak)) store->updateChanges();
+          },
+          self.get(), std::string(kUpdateChangesSelector));
+    }
+  };
+  if (updating_) {
+    log("Update in progress: Abort and trying again in some seconds", kQuillonLogTypeWarning);
+    scheduleRetry();
+    return;
+  }
+  updating_ = true;
+  auto started = std::chrono::steady_clock::now();
+  updateChangesWithCompletion([weak, started, scheduleRetry](bool success) {
+    auto self = lockStore(weak);
+    if (!self) return;
+    if (success && self->cache().changeLog()) {
+      double seconds =
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+      self->log(fmt::format("File: {} up to date after {:.2f} seconds",
+                            self->documentIdentifier(), seconds),
+                kQuillonLogTypeSuccess);
+      self->log(fmt::format("Checksum: {}", self->checkSum()), kQuillonLogTypeSuccess);
+    } else if (success) {
+      scheduleRetry();
+    } else {
+      self->log("Missing files: Abort and trying again in some seconds", kQuillonLogTypeWarning);
+      scheduleRetry();
+    }
+    if (success) self->cache().cacheMissingItems();
+    self->updating_ = false;
+    MainQueue::async([] { NotificationCenter::defaultCenter().post(kQuillonReady); });
+  });
+}
+
+void QuillonStore::updateChangesWithCompletion(std::function<void(bool success)> completion) {
+  auto self = std::static_pointer_cast<QuillonStore>(shared_from_this());
+  const std::string changesPath = changesURL().path();
+
+  std::vector<std::string> listed;
+  if (changesPath.empty() || env()->listDirectory(changesPath, &listed)) {
+    log("No change files found", kQuillonLogTypeSuccess);
+    completion(true);
+    return;
+  }
+  auto pass = std::make_shared<UpdatePass>();
+  pass->completion = std::move(completion);
+  for (std::string& name : listed) {
+    if (hasJSONExtension(name)) pass->names.push_back(std::move(name));
+  }
+  std::sort(pass->names.begin(), pass->names.end());
+  changesFileCount_.store(pass->names.size());
+
+  if (upToChange_.isDictionary()) {
+    const Value& last = upToChange_.get("name");
+    if (last.isString()) {
+      auto found = std::find(pass->names.begin(), pass->names.end(), last.str());
+      if (found != pass->names.end()) pass->names.erase(found + 1, pass->names.end());
+    }
+  }
+
+  // The change log's agreeing prefix.
+  std::shared_ptr<QuillonCacheArray> changeLog = cache().changeLog();
+  Value logged = changeLog ? changeLog->content() : Value::array();
+  size_t start = 0;
+  while (start < pass->names.size() && start < logged.size()) {
+    const Value& entry = logged[start];
+    const Value& name = entry.isDictionary() ? entry.get("name") : Value();
+    if (!name.isString() || name.str() != pass->names[start]) {
+      std::vector<Value> prefix(logged.elements().begin(), logged.elements().begin() + start);
+      changeLog->setContent(Value::array(std::move(prefix), true));
+      break;
+    }
+    ++start;
+  }
+  if (start == pass->names.size()) {
+    log("No new changes to apply", kQuillonLogTypeSuccess);
+    pass->completion(true);
+    return;
+  }
+  if (start == 0) cache().reset();
+  pass->start = start;
+  readQueue().async([self, pass] { self->applyChangeFiles(self, pass); });
+}
+
+// Read queue. Every block handed to the main queue holds the store, so the
+// last reference is never dropped on this queue (which the store owns).
+void QuillonStore::applyChangeFiles(const std::shared_ptr<QuillonStore>& self,
+                                    const std::shared_ptr<UpdatePass>& pass) {
+  const Url changes = changesURL();
+  const bool recovering = recover();
+  for (size_t i = pass->start; i < pass->names.size(); ++i) {
+    const std::string& name = pass->names[i];
+    const Url fileURL = changes.appending(name);
+    const std::string path = fileURL.path();
+    const std::string shown = fileURL.absoluteString();
+    const Value ignoreMenu = Value::array({ignoreItem(fileURL)});
+
+    if (!QuillonIsOnDisk(path, env())) {
+      log(fmt::format("Change file is not on disk: {}", shown), kQuillonLogTypeError);
+      pass->hadError = true;
+      pass->remoteFiles = true;
+    }
+
+    Value change;
+    ChangeFileReading reading = readChangeFile(*this, path, name, &change);
+    if (reading.outcome == ChangeFileReading::kMissing) {
+      log(fmt::format("Missing change file: {}", shown), kQuillonLogTypeWarning, ignoreMenu);
+      pass->hadError = true;
+      if (!recovering) break;
+    } else if (reading.outcome != ChangeFileReading::kRead) {
+      if (reading.outcome == ChangeFileReading::kUndecryptable) {
+        log(fmt::format("Could not decrypt change file: {}", shown), kQuillonLogTypeWarning,
+            ignoreMenu);
+      }
+      Value menu = Value::array({ignoreItem(fileURL), showItem(fileURL)});
+      log(fmt::format("Incomplete change file: {}", shown), kQuillonLogTypeWarning, menu);
+      if (reading.outcome == ChangeFileReading::kInvalid) {
+        log(fmt::format("Refused change file: {}: {}", shown, reading.problem),
+            kQuillonLogTypeWarning, menu);
+      }
+      pass->hadError = true;
+      if (!recovering) break;
+      change = Value();
+    }
+
+    if (change.isDictionary()) {
+      const Value& previous = change.get("previousName");
+      if (previous.isString()) {
+        const Value& ownName = change.get("name");
+        if (ownName.isString() && ownName.str() < previous.str()) {
+          log(fmt::format("Date inconsistency in change file: {}. Use the menu File/Save as and "
+                          "create a new file.",
+                          ownName.str()),
+              kQuillonLogTypeError);
+          setErrorLevel(kQuillonLogTypeError);
+        }
+        // The reader has checked that the name is one path component.
+        const Url previousURL = changes.appending(previous.str());
+        if (!env()->exists(previousURL.path())) {
+          Value menu = Value::array({menuItem("Ignore", "insertChangeFromMenu:", previousURL),
+                                     showItem(previousURL)});
+          log(fmt::format("Missing change file: {}", previous.str()), kQuillonLogTypeWarning,
+              menu);
+          pass->hadError = true;
+          if (!recovering) break;
+        }
+      }
+    }
+
+    Value validated = validatedChanges(change);
+    if (validated.isNil()) {
+      MainQueue::async([self, pass] { pass->completion(false); });
+      return;
+    }
+    setErrorLevel(kQuillonLogTypeSuccess);
+    const bool isRecovery = change.get("type").isString() && change.get("type").str() == "recovery";
+    const Value& sections = change.get(isRecovery ? "refreshes" : kQuillonChanges);
+    if (sections.isDictionary()) {
+      try {
+        if (sections.get(kQuillonInsert).isDictionary()) {
+          mergeWithDictionary(pass->inserts, sections.get(kQuillonInsert));
+        }
+        if (sections.get(kQuillonUpdate).isDictionary()) {
+          mergeWithDictionary(pass->updates, sections.get(kQuillonUpdate));
+        }
+        if (sections.get(kQuillonDelete).isDictionary()) {
+          mergeWithDictionary(pass->deletes, sections.get(kQuillonDelete));
+        }
+      } catch (const std::exception& e) {
+        log(fmt::format("Could not merge change file: {}: {}", shown, e.what()),
+            kQuillonLogTypeWarning);
+      }
+    }
+    MainQueue::async([self, change] { self->cache().addChange(change, true); });
+  }
+
+  MainQueue::async([self, pass] {
+    self->refreshInsertedObjects(pass->inserts, pass->updates, pass->deletes);
+  });
+  MainQueue::async([self, pass, recovering] {
+    self->hasRemoteFiles_.store(pass->remoteFiles);
+    pass->completion(recovering || (!pass->hadError && !pass->remoteFiles));
+  });
+}
+
 void QuillonStore::refreshInsertedObjects(const Value& inserts, const Value& updates,
                                           const Value& deletes) {
-  (void)inserts;
-  (void)updates;
-  (void)deletes;
+  if (closed()) return;
+  Value inserted = Value::mutableSet();
+  Value updated = Value::mutableSet();
+  Value deleted = Value::mutableSet();
+  Value refreshed = Value::mutableSet();
+
+  for (const auto& context : contexts()) {
+    auto* quillonContext = dynamic_cast<QuillonManagedObjectContext*>(context.get());
+    if (quillonContext == nullptr) continue;
+    auto coordinator = context->persistentStoreCoordinator();
+    if (!coordinator || coordinator->persistentStores().empty()) continue;
+
+    auto refreshInto = [&](Value& into) {
+      return [&, quillonContext](const ManagedObjectPtr& object) {
+        Value member = Value::object(object);
+        if (!refreshed.contains(member)) {
+          quillonRefreshObject(*quillonContext, object, this);
+          refreshed.append(member);
+        }
+        into.append(member);
+      };
+    };
+    Value userInfo;
+    auto work = [&] {
+      std::shared_ptr<UndoManager> undoManager = context->undoManager();
+      context->setUndoManager(nullptr);
+      forEachObject(*this, *context, inserts, refreshInto(inserted));
+      forEachObject(*this, *context, updates, refreshInto(updated));
+      forEachObject(*this, *context, deletes,
+                    [&](const ManagedObjectPtr& object) { deleted.append(Value::object(object)); });
+      for (const Value& member : deleted.elements()) inserted.remove(member);
+      context->setUndoManager(undoManager);
+      userInfo = Value::dictionary({{kQuillonInsertedObjectsKey, inserted.copy()},
+                                    {kQuillonDeletedObjectsKey, deleted.copy()},
+                                    {kQuillonUpdatedObjectsKey, updated.copy()}});
+    };
+    if (context->concurrencyType() == ConcurrencyType::PrivateQueue) {
+      context->performAndWait(work);
+    } else {
+      work();
+    }
+    auto& center = NotificationCenter::defaultCenter();
+    center.post(kQuillonObjectsWillChangeExternally, context.get(), userInfo);
+    center.post(kObjectsChangedPrivateNotification, context.get(), userInfo);
+    center.post(kQuillonObjectsDidChangeExternally, context.get(), userInfo);
+  }
 }
 
-// PENDING
-void QuillonStore::processChanges() {}
+void QuillonStore::processChanges() { updateChanges(); }
 
-// PENDING
-void QuillonStore::discardChangeFromMenu(const Url& changeURL) { (void)changeURL; }
+void QuillonStore::discardChangeFromMenu(const Url& changeURL) {
+  log(fmt::format("Discarding a change is not available yet: {}", changeURL.absoluteString()),
+      kQuillonLogTypeWarning);
+}
 
-// PENDING
-void QuillonStore::insertChangeFromMenu(const Url& changeURL) { (void)changeURL; }
+void QuillonStore::insertChangeFromMenu(const Url& changeURL) {
+  // The URL came from a menu built from a change file: it must name a file
+  // directly inside this package's "Changes".
+  const std::string name = changeURL.lastPathComponent();
+  if (!isSafePathComponent(name) ||
+      changeURL.deletingLastPathComponent().path() != changesURL().path()) {
+    log(fmt::format("Cannot insert a change outside the package: {}", changeURL.absoluteString()),
+        kQuillonLogTypeError);
+    return;
+  }
+  insertChange(changesURL().appending(name));
+}
 
-// PENDING
-void QuillonStore::showInFinder(const Url& url) { (void)url; }
+void QuillonStore::showInFinder(const Url& url) {
+  if (!FileViewer::reveal(url.path())) {
+    systemLog(fmt::format("Could not show {} in the file manager", url.path()));
+  }
+}
 
 }  // namespace quillon

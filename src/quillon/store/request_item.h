@@ -2,8 +2,10 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "quillon/base/value.h"
+#include "quillon/graph/managed_object.h"
 #include "quillon/graph/managed_object_id.h"
 
 namespace quillon {
@@ -12,10 +14,47 @@ class ManagedObjectContext;
 class QuillonCacheItem;
 class QuillonStore;
 
-// PENDING
-class QuillonRequestItem {
+// One candidate object of a fetch: predicates and sort descriptors read its
+// keys from the cached stored values (valueForKey), so a fetch can filter
+// and order thousands of objects without filling their faults. Relations
+// come back as the context's objects.
+//
+// Made and dropped by QuillonStore::executeFetchRequest; used on the
+// requesting context's thread only.
+class QuillonRequestItem final : public Object {
  public:
-  QuillonRequestItem() = default;
+  QuillonRequestItem(ManagedObjectContext* context, ManagedObjectIDPtr objectID,
+                     QuillonStore* store)
+      : context_(context), objectID_(std::move(objectID)), store_(store) {}
+
+  ManagedObjectContext* context() const { return context_; }
+  const ManagedObjectIDPtr& objectID() const { return objectID_; }
+  QuillonStore* store() const { return store_; }
+  // Set only for fetches that answer objects.
+  const ManagedObjectPtr& managedObject() const { return managedObject_; }
+  void setManagedObject(ManagedObjectPtr object) { managedObject_ = std::move(object); }
+  // Set only when the fetch needs stored values.
+  const std::shared_ptr<QuillonCacheItem>& cacheItem() const { return cacheItem_; }
+  void setCacheItem(std::shared_ptr<QuillonCacheItem> item) { cacheItem_ = std::move(item); }
+
+  // Every stored value: attributes, relations as identifiers, external data.
+  Value dictionary() const;
+
+  // Object. Equal to its own identifier and to the managed object that has
+  // it; another item is equal only to itself.
+  std::string className() const override { return "QuillonRequestItem"; }
+  bool isEqual(const Object& other) const override;
+  size_t hash() const override;
+  // "objectID" answers the identifier; any other key the stored value of
+  // that property, identifiers turned into the context's objects.
+  Value valueForKey(std::string_view key) const override;
+
+ private:
+  ManagedObjectContext* context_;
+  ManagedObjectIDPtr objectID_;
+  QuillonStore* store_;
+  ManagedObjectPtr managedObject_;
+  std::shared_ptr<QuillonCacheItem> cacheItem_;
 };
 
 }  // namespace quillon

@@ -386,8 +386,14 @@ class QuillonStore : public IncrementalStore {
   // [validation.cc]
 
   // [update.cc]
+  struct UpdatePass;
+  // Reads, validates and merges the pass's change files (read queue).
+  void applyChangeFiles(const std::shared_ptr<QuillonStore>& self,
+                        const std::shared_ptr<UpdatePass>& pass);
 
   // [observation.cc]
+  // Guards watcher_ against willWriteChangeFile() from the save threads.
+  mutable std::mutex watcherMutex_;
 
   // [log.cc]
   // log_ holds the entries oldest first, so that adding one is cheap;
