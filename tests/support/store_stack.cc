@@ -1,21 +1,74 @@
 #include "support/store_stack.h"
 
+#include "quillon/base/operation_queue.h"
+#include "quillon/cache/cache.h"
+#include "quillon/platform/main_queue.h"
+#include "quillon/platform/standard_paths.h"
+#include "quillon/store/quillon.h"
+#include "support/sample_models.h"
+
 namespace quillon {
 
-// PENDING
-StoreStack::StoreStack(const std::string&, Value, std::string) {}
-// PENDING
-StoreStack::~StoreStack() = default;
-// PENDING
-bool StoreStack::waitUntilReady(double) { return false; }
-// PENDING
-bool StoreStack::saveAndWait(Error*) { return false; }
-// PENDING
-void StoreStack::close() {}
+StoreStack::StoreStack(const std::string& packagePath, Value options, std::string machineName) {
+  MainQueue::setMainThreadToCurrent();
+  Quillon::registerStore();
+  readyObserver_ = ScopedObserver(NotificationCenter::defaultCenter(), kQuillonReady, nullptr,
+                                  [this](const Notification&) { ++readyCount; });
+  coordinator = std::make_shared<QuillonPersistentStoreCoordinator>(notesModel());
+  Value storeOptions = Value::mutableDictionary();
+  if (options.isDictionary()) {
+    for (const auto& entry : options.items()) storeOptions.set(entry.first, entry.second);
+  }
+  Error error;
+  auto added = coordinator->addPersistentStore(kQuillonStoreType, Url::fileURL(packagePath, true),
+                                               storeOptions, &error);
+  store = std::dynamic_pointer_cast<QuillonStore>(added);
+  if (store) store->setMachineName(std::move(machineName));
+  context = QuillonManagedObjectContext::create(ConcurrencyType::MainQueue);
+  context->setPersistentStoreCoordinator(coordinator);
+}
 
-// PENDING
-ScopedCacheHome::ScopedCacheHome(std::string folder) : previous_(std::move(folder)) {}
-// PENDING
-ScopedCacheHome::~ScopedCacheHome() = default;
+StoreStack::~StoreStack() {
+  close();
+  context.reset();
+  // Let blocks already posted for the store run (they find it gone), and
+  // let the recent-files record finish before the test's folders go away.
+  MainQueue::drain();
+  QuillonStore::waitForRegistrations();
+}
+
+bool StoreStack::waitUntilReady(double timeoutSeconds) {
+  bool ready = MainQueue::runUntil([this] { return readyCount > seenReady_; }, timeoutSeconds);
+  seenReady_ = readyCount;
+  return ready;
+}
+
+bool StoreStack::saveAndWait(Error* error) {
+  bool saved = context->save(error);
+  if (store) {
+    store->saveOperationQueue().waitUntilAllOperationsAreFinished();
+    MainQueue::drain();
+    if (auto cache = store->cachePointer()) cache->saveQueue().waitUntilAllOperationsAreFinished();
+    MainQueue::drain();
+  }
+  return saved;
+}
+
+void StoreStack::close() {
+  if (!store || !coordinator) return;
+  for (const auto& attached : coordinator->persistentStores()) {
+    if (attached == store) {
+      coordinator->removePersistentStore(store);
+      break;
+    }
+  }
+}
+
+ScopedCacheHome::ScopedCacheHome(std::string folder)
+    : previous_(StandardPaths::userCacheDirectory()) {
+  StandardPaths::setUserCacheDirectory(std::move(folder));
+}
+
+ScopedCacheHome::~ScopedCacheHome() { StandardPaths::setUserCacheDirectory(previous_); }
 
 }  // namespace quillon

@@ -1,20 +1,134 @@
+// Opening a package the way an application does, for the commands that read
+// or edit objects.
+
 #include "package.h"
 
+#include "quillon/base/env.h"
+#include "quillon/base/operation_queue.h"
+#include "quillon/base/version.h"
+#include "quillon/cache/cache.h"
+#include "quillon/coding/sea_crypto.h"
+#include "quillon/coding/string_utils.h"
+#include "quillon/graph/entity_description.h"
+#include "quillon/graph/managed_object.h"
+#include "quillon/platform/main_queue.h"
+#include "quillon/store/quillon.h"
 #include "tool.h"
 
 namespace quillon::tool {
 
-// PENDING
-OpenPackage::OpenPackage(const Options&) { throw ToolError("not available yet"); }
-// PENDING
-OpenPackage::~OpenPackage() = default;
-// PENDING
-void OpenPackage::waitUntilReady() {}
-// PENDING
-void OpenPackage::save() {}
-// PENDING
-std::string objectPath(const ManagedObject&) { return std::string(); }
-// PENDING
-ManagedObjectPtr objectForPath(OpenPackage&, const std::string&) { return nullptr; }
+namespace {
+
+// How long opening may take before the tool gives up: the first update reads
+// and validates every change file that the local cache does not know yet.
+constexpr double kReadyTimeoutSeconds = 60;
+
+std::shared_ptr<const ManagedObjectModel> loadModel(const std::string& path) {
+  std::vector<uint8_t> bytes = readWholeFile(path);
+  Error error;
+  auto model = ManagedObjectModel::fromJSON(
+      std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()), &error);
+  if (!model) throw ToolError("cannot load model " + path + ": " + error.localizedDescription());
+  return model;
+}
+
+void useToolIdentity() {
+  Quillon::setApplicationInfo(
+      Value::dictionary({{"CFBundleIdentifier", "org.quillon.cli"},
+                         {"CFBundleName", "quillon"},
+                         {"CFBundleVersion", kQuillonFrameworkVersion},
+                         {"CFBundleShortVersionString", kQuillonFrameworkShortVersion}}));
+}
+
+}  // namespace
+
+void checkPackageAccess(const std::string& path, const std::optional<std::string>& password) {
+  Env* env = QuillonStore::defaultEnv();
+  if (!env->exists(path)) throw ToolError(path + " does not exist");
+  if (!env->isDirectory(path) || !QuillonStore::isCorrectFormat(path)) {
+    throw ToolError(path + " is not a Quillon package");
+  }
+  Url url = Url::fileURL(path, true);
+  if (QuillonStore::canOpenURL(url, password ? Value(*password) : Value())) return;
+  bool encrypted = !QuillonStore::infoDictionaryForURL(url).get(kSeaCryptoEncryptionKey).isNil();
+  if (!encrypted) throw ToolError(path + " is not encrypted: leave out --password");
+  if (!password) throw ToolError(path + " is encrypted: give --password");
+  throw ToolError("wrong password for " + path);
+}
+
+OpenPackage::OpenPackage(const Options& options) {
+  useToolIdentity();
+  MainQueue::setMainThreadToCurrent();
+  Quillon::setRecoveryRequested(options.recover);
+  Quillon::registerStore();
+  model_ = loadModel(options.modelPath);
+  // Refuse before a store touches anything at the location.
+  if (!options.create || QuillonStore::defaultEnv()->exists(options.path)) {
+    checkPackageAccess(options.path, options.password);
+  }
+
+  readyObserver_ = ScopedObserver(NotificationCenter::defaultCenter(), kQuillonReady, nullptr,
+                                  [this](const Notification&) { ++ready_; });
+  coordinator_ = std::make_shared<QuillonPersistentStoreCoordinator>(model_);
+  Value storeOptions = Value::mutableDictionary();
+  if (options.password) storeOptions.set(kQuillonPasswordOption, *options.password);
+  if (options.documentIdentifier) {
+    storeOptions.set(kQuillonDocumentIdentifierOption, *options.documentIdentifier);
+  }
+  Error error;
+  auto store = coordinator_->addPersistentStore(kQuillonStoreType, Url::fileURL(options.path, true),
+                                                storeOptions, &error);
+  store_ = std::dynamic_pointer_cast<QuillonStore>(store);
+  if (!store_) {
+    throw ToolError("cannot open " + options.path + ": " +
+                    (error ? error.localizedDescription() : std::string("no store")));
+  }
+  context_ = QuillonManagedObjectContext::create(ConcurrencyType::MainQueue);
+  context_->setPersistentStoreCoordinator(coordinator_);
+}
+
+OpenPackage::~OpenPackage() {
+  if (store_ && coordinator_) coordinator_->removePersistentStore(store_);
+  context_.reset();
+  MainQueue::drain();
+  QuillonStore::waitForRegistrations();
+}
+
+void OpenPackage::waitUntilReady() {
+  if (!MainQueue::runUntil([this] { return ready_ > 0; }, kReadyTimeoutSeconds)) {
+    throw ToolError("timed out reading the changes of " + store_->url().path());
+  }
+}
+
+void OpenPackage::save() {
+  Error error;
+  bool saved = context_->save(&error);
+  store_->saveOperationQueue().waitUntilAllOperationsAreFinished();
+  MainQueue::drain();
+  if (auto cache = store_->cachePointer()) cache->saveQueue().waitUntilAllOperationsAreFinished();
+  if (!saved) {
+    const Value& reason = error.userInfo().get(kLocalizedFailureReasonErrorKey);
+    throw ToolError("cannot save: " + (reason.isString() ? std::string(reason.str())
+                                                         : error.localizedDescription()));
+  }
+}
+
+std::string objectPath(const ManagedObject& object) {
+  return object.objectID() ? storeSavePath(*object.objectID()) : std::string();
+}
+
+ManagedObjectPtr objectForPath(OpenPackage& package, const std::string& path) {
+  std::string entityName = storeEntityName(path);
+  std::string uid = storeUID(std::string_view(path));
+  const EntityDescription* entity = package.model().entity(entityName);
+  if (!entity) throw ToolError("unknown entity in " + path);
+  if (!isSafePathComponent(uid) || path.find('/') == std::string::npos) {
+    throw ToolError("not an object path (Entity/UID): " + path);
+  }
+  ManagedObjectIDPtr id = package.store().newObjectIDForEntity(entity, Value(uid));
+  ManagedObjectPtr object = id ? package.context().existingObjectWithID(id) : nullptr;
+  if (!object) throw ToolError("no object " + path);
+  return object;
+}
 
 }  // namespace quillon::tool

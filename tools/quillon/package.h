@@ -56,6 +56,12 @@ class OpenPackage {
   int ready_ = 0;
 };
 
+// Raises ToolError unless `path` is a package (a folder whose Info.plist
+// names the framework) that `password` opens: a clear one-line reason for a
+// missing path, another kind of folder, an encrypted package without a
+// password, a password for a plain package, or a wrong password.
+void checkPackageAccess(const std::string& path, const std::optional<std::string>& password);
+
 // "Entity/UID" of an object; the object a path names (ToolError when the
 // entity is unknown or no such object exists).
 std::string objectPath(const ManagedObject& object);

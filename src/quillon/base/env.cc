@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cmath>
 
 namespace quillon {
 namespace {
@@ -168,6 +169,19 @@ class PosixEnv final : public Env {
     struct stat st;
     return ::lstat(path.c_str(), &st) == 0;
   }
+
+  Error setModificationDate(const std::string& path, double date) override {
+    double unixTime = date + kUnixToReferenceDate;
+    struct timespec times[2];
+    times[0].tv_sec = 0;
+    times[0].tv_nsec = UTIME_OMIT;
+    times[1].tv_sec = static_cast<time_t>(std::floor(unixTime));
+    times[1].tv_nsec = static_cast<long>((unixTime - std::floor(unixTime)) * 1e9);
+    if (::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
+      return Error::posix(errno, path);
+    }
+    return {};
+  }
 };
 
 }  // namespace
@@ -175,6 +189,10 @@ class PosixEnv final : public Env {
 Env* Env::Default() {
   static Env* env = new PosixEnv();
   return env;
+}
+
+Error Env::setModificationDate(const std::string& path, double /*date*/) {
+  return Error::posix(ENOTSUP, path);
 }
 
 bool Env::isDirectory(const std::string& path) {

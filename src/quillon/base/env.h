@@ -53,6 +53,9 @@ class Env {
   // Attributes of the item itself (symbolic links are not followed).
   virtual Error attributes(const std::string& path, FileAttributes* attributes) = 0;
   virtual bool exists(const std::string& path) = 0;
+  // Sets an item's modification date (seconds since 2001-01-01 UTC). An Env
+  // that cannot answers ENOTSUP.
+  virtual Error setModificationDate(const std::string& path, double date);
 
   // Conveniences built on the operations above.
   bool isDirectory(const std::string& path);
@@ -91,6 +94,9 @@ class EnvWrapper : public Env {
     return target_->attributes(path, attributes);
   }
   bool exists(const std::string& path) override { return target_->exists(path); }
+  Error setModificationDate(const std::string& path, double date) override {
+    return target_->setModificationDate(path, date);
+  }
   using Env::writeFileAtomically;
 
  private:

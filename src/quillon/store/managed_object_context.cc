@@ -1,27 +1,113 @@
 #include "quillon/store/managed_object_context.h"
 
+#include <mutex>
+#include <unordered_set>
+
+#include "quillon/base/system_log.h"
+#include "quillon/base/url.h"
+#include "quillon/cache/cache.h"
+#include "quillon/graph/fetch_request.h"
+#include "quillon/graph/managed_object.h"
+#include "quillon/graph/persistent_store_coordinator.h"
+#include "quillon/platform/main_queue.h"
+#include "quillon/store/store.h"
+
 namespace quillon {
 
-// PENDING
+namespace {
+
+// The contexts whose flag is set. The flag is only ever set for the span of
+// one refresh, so an entry never outlives its context.
+std::mutex gMergingMutex;
+std::unordered_set<const ManagedObjectContext*>& mergingContexts() {
+  static auto* contexts = new std::unordered_set<const ManagedObjectContext*>();
+  return *contexts;
+}
+
+std::optional<Url> uriOf(const Value& uri) {
+  if (uri.isUrl()) return uri.urlValue();
+  if (uri.isString()) return Url::parse(uri.str());
+  return std::nullopt;
+}
+
+}  // namespace
+
 std::shared_ptr<QuillonManagedObjectContext> QuillonManagedObjectContext::create(
     ConcurrencyType type) {
   return std::make_shared<QuillonManagedObjectContext>(type);
 }
-// PENDING
-bool QuillonManagedObjectContext::save(Error*) { return false; }
-// PENDING
-bool isMergingExternally(const ManagedObjectContext&) { return false; }
-// PENDING
-void setIsMergingExternally(const ManagedObjectContext&, bool) {}
-// PENDING
-Value device(const ManagedObjectContext&) { return Value(); }
-// PENDING
-void quillonRefreshObject(ManagedObjectContext&, const ManagedObjectPtr&, QuillonStore*) {}
-// PENDING
-ManagedObjectPtr storeObjectWithURI(ManagedObjectContext&, const Value&) { return nullptr; }
-// PENDING
-std::vector<ManagedObjectPtr> storeObjectsWithURIs(ManagedObjectContext&, const Value&) {
-  return {};
+
+bool QuillonManagedObjectContext::save(Error* error) {
+  // Saves happen on the main thread only; a background request counts as done.
+  if (!MainQueue::isMainThread()) return true;
+  // Damaged objects get repaired here before they are written
+  // (qlValidateForInsertAndFix on the inserted objects, then
+  // qlValidateForUpdateAndFix on the updated ones) once healing exists.
+  std::shared_ptr<PersistentStoreCoordinator> coordinator = persistentStoreCoordinator();
+  if (!parentContext() && (!coordinator || coordinator->persistentStores().empty())) {
+    systemLog("No file to save to yet");
+    return false;
+  }
+  return ManagedObjectContext::save(error);
+}
+
+bool isMergingExternally(const ManagedObjectContext& context) {
+  std::lock_guard<std::mutex> lock(gMergingMutex);
+  return mergingContexts().count(&context) != 0;
+}
+
+void setIsMergingExternally(const ManagedObjectContext& context, bool merging) {
+  std::lock_guard<std::mutex> lock(gMergingMutex);
+  if (merging) {
+    mergingContexts().insert(&context);
+  } else {
+    mergingContexts().erase(&context);
+  }
+}
+
+Value device(const ManagedObjectContext& /*context*/) { return Value(); }
+
+void quillonRefreshObject(ManagedObjectContext& context, const ManagedObjectPtr& object,
+                          QuillonStore* store) {
+  if (!object) return;
+  if (store) store->cache().removeObjectID(object->objectID());
+  setIsMergingExternally(context, true);
+  context.refreshObject(object, true);
+  setIsMergingExternally(context, false);
+}
+
+ManagedObjectPtr storeObjectWithURI(ManagedObjectContext& context, const Value& uri) {
+  std::optional<Url> url = uriOf(uri);
+  if (!url) return nullptr;
+  std::shared_ptr<PersistentStoreCoordinator> coordinator = context.persistentStoreCoordinator();
+  if (!coordinator) return nullptr;
+  std::string wanted = url->absoluteString();
+  ManagedObjectIDPtr id = coordinator->managedObjectIDForURIRepresentation(*url);
+  if (id && id->uriString() == wanted) {
+    // existingObjectWithID rather than a bare fault: a URI of an object that
+    // is gone answers nothing.
+    if (ManagedObjectPtr object = context.existingObjectWithID(id)) return object;
+  }
+  std::vector<std::string> components = url->pathComponents();
+  if (components.size() < 2) return nullptr;
+  std::string entityName = components[components.size() - 2];
+  if (!coordinator->managedObjectModel()->entity(entityName)) return nullptr;
+  FetchRequest request(entityName);
+  for (const ManagedObjectPtr& object : context.fetchObjects(request)) {
+    if (object && object->objectID() && object->objectID()->uriString() == wanted) return object;
+  }
+  return nullptr;
+}
+
+std::vector<ManagedObjectPtr> storeObjectsWithURIs(ManagedObjectContext& context,
+                                                   const Value& uris) {
+  std::vector<ManagedObjectPtr> objects;
+  if (uris.isNil()) return objects;
+  const Value list = uris.isSequence() ? uris : Value::array({uris});
+  for (const Value& uri : list.elements()) {
+    if (ManagedObjectPtr object = storeObjectWithURI(context, uri)) objects.push_back(object);
+  }
+  return objects;
 }
 
 }  // namespace quillon

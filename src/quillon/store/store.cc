@@ -1,161 +1,742 @@
+// QuillonStore: the package on disk, opening, encryption hand-off, entity
+// keys and object identity.
+
 #include "quillon/store/store.h"
 
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cctype>
+#include <condition_variable>
+#include <thread>
+
+#include "quillon/base/date_format.h"
 #include "quillon/base/dispatch_queue.h"
 #include "quillon/base/operation_queue.h"
+#include "quillon/base/plist.h"
+#include "quillon/base/system_log.h"
+#include "quillon/base/user_defaults.h"
+#include "quillon/base/uuid.h"
+#include "quillon/base/version.h"
 #include "quillon/cache/cache.h"
+#include "quillon/coding/data_utils.h"
+#include "quillon/coding/file_manager_utils.h"
 #include "quillon/coding/sea_crypto.h"
+#include "quillon/coding/string_utils.h"
+#include "quillon/coding/url_utils.h"
+#include "quillon/graph/entity_description.h"
+#include "quillon/graph/fetch_request.h"
+#include "quillon/graph/managed_object.h"
+#include "quillon/graph/managed_object_context.h"
+#include "quillon/graph/managed_object_model.h"
+#include "quillon/graph/persistent_store_coordinator.h"
+#include "quillon/graph/save_changes_request.h"
 #include "quillon/platform/directory_watcher.h"
+#include "quillon/platform/main_queue.h"
+#include "quillon/platform/trash.h"
+#include "quillon/platform/user_info.h"
+#include "quillon/store/quillon.h"
 
 namespace quillon {
 
-// PENDING
-void QuillonStore::setDefaultEnv(Env*) {}
-// PENDING
-Env* QuillonStore::defaultEnv() { return Env::Default(); }
-// PENDING
-std::optional<std::string> QuillonStore::fileExtension() { return std::nullopt; }
-// PENDING
-Value QuillonStore::documentIdentifierForURL(const Url&) { return Value(); }
-// PENDING
-bool QuillonStore::isCorrectFormat(const std::string&) { return false; }
-// PENDING
-bool QuillonStore::canOpenURL(const Url&, const Value&) { return false; }
-// PENDING
-void QuillonStore::prepareNewStoreAtURL(const Url&) {}
-// PENDING
-void QuillonStore::registerURL(const Url&, Value, Value) {}
-// PENDING
-void QuillonStore::waitForRegistrations() {}
-// PENDING
-Value QuillonStore::infoDictionaryForURL(const Url&) { return Value(); }
-// PENDING
+namespace {
+
+std::atomic<Env*> gDefaultEnv{nullptr};
+
+// Registrations of recent packages still being written.
+std::mutex gRegistrationsMutex;
+std::condition_variable gRegistrationsDone;
+int gRegistrationsRunning = 0;
+
+Value readInfoPlist(Env* env, const Url& packageURL) {
+  std::vector<uint8_t> bytes;
+  if (env->readFile(packageURL.appending("Info.plist").path(), &bytes)) return Value();
+  Value info = readPropertyList(bytes);
+  return info.isDictionary() ? info : Value();
+}
+
+bool writeInfoPlist(Env* env, const Url& infoURL, const Value& info) {
+  Error error;
+  std::string xml = writePropertyListXML(info, &error);
+  if (error) {
+    systemLog(fmt::format("Cannot write {}: {}", infoURL.path(), error.localizedDescription()));
+    return false;
+  }
+  return !env->writeFileAtomically(infoURL.path(), std::string_view(xml));
+}
+
+// The three bundle keys a package records of the application and the framework.
+Value bundleSummary(const Value& bundleInfo) {
+  Value summary = Value::mutableDictionary();
+  for (const char* key : {"CFBundleIdentifier", "CFBundleVersion", "CFBundleShortVersionString"}) {
+    summary.set(key, bundleInfo.get(key));
+  }
+  return summary;
+}
+
+// LIKE of the record predicates: `*` any run of characters, `?` one, case
+// sensitive. Anything but two strings does not match.
+bool likeMatches(const Value& value, const Value& pattern) {
+  if (!value.isString() || !pattern.isString()) return false;
+  std::string_view text = value.str(), glob = pattern.str();
+  size_t t = 0, g = 0, starG = std::string_view::npos, starT = 0;
+  while (t < text.size()) {
+    if (g < glob.size() && glob[g] == '*') {
+      starG = g++;
+      starT = t;
+    } else if (g < glob.size() && (glob[g] == '?' || glob[g] == text[t])) {
+      ++g;
+      ++t;
+    } else if (starG != std::string_view::npos) {
+      g = starG + 1;
+      t = ++starT;
+    } else {
+      return false;
+    }
+  }
+  while (g < glob.size() && glob[g] == '*') ++g;
+  return g == glob.size();
+}
+
+bool endsWithJSON(std::string_view name) {
+  if (name.size() < 4) return false;
+  std::string_view tail = name.substr(name.size() - 4);
+  static constexpr std::string_view kJSON = "json";
+  for (size_t i = 0; i < 4; ++i) {
+    if (std::tolower(static_cast<unsigned char>(tail[i])) != kJSON[i]) return false;
+  }
+  return true;
+}
+
+std::string stringOrNull(const Value& value) {
+  return value.isString() ? std::string(value.str()) : std::string("(null)");
+}
+
+}  // namespace
+
+// ---- Package and opening ----
+
+void QuillonStore::setDefaultEnv(Env* env) { gDefaultEnv.store(env); }
+
+Env* QuillonStore::defaultEnv() {
+  Env* env = gDefaultEnv.load();
+  return env ? env : Env::Default();
+}
+
+std::optional<std::string> QuillonStore::fileExtension() {
+  Value types = Quillon::applicationInfo().get("CFBundleDocumentTypes");
+  if (!types.isArray()) return std::nullopt;
+  for (const Value& type : types.elements()) {
+    const Value& storeType = type.get("NSPersistentStoreTypeKey");
+    if (!storeType.isString() || storeType.str() != kQuillonStoreType) continue;
+    const Value& extensions = type.get("CFBundleTypeExtensions");
+    if (extensions.isArray() && !extensions.empty() && extensions[0].isString()) {
+      return std::string(extensions[0].str());
+    }
+    return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+Value QuillonStore::infoDictionaryForURL(const Url& url) { return readInfoPlist(defaultEnv(), url); }
+
+Value QuillonStore::documentIdentifierForURL(const Url& url) {
+  Value identifier = infoDictionaryForURL(url).get("DocumentIdentifier");
+  return identifier.isString() ? identifier : Value();
+}
+
+bool QuillonStore::isCorrectFormat(const std::string& path) {
+  Value info = infoDictionaryForURL(Url::fileURL(path, true));
+  const Value& framework = info.get("Quillon");
+  return framework.isDictionary() && !framework.get("CFBundleIdentifier").isNil();
+}
+
+bool QuillonStore::canOpenURL(const Url& url, const Value& password) {
+  Value info = infoDictionaryForURL(url);
+  const Value& encryption = info.get(kSeaCryptoEncryptionKey);
+  if (password.isNil() && encryption.isNil()) return true;
+  if (!password.isString()) return false;
+  if (!encryption.isDictionary()) return false;
+  const Value& check = encryption.get(kSeaCryptoInfoKey);
+  const Value& salt = encryption.get(kSeaCryptoSaltKey);
+  if (!check.isData() || !salt.isData()) return false;
+  SeaCrypto crypto;
+  crypto.setSalt(salt);
+  crypto.setRounds(encryption.get(kSeaCryptoRoundsKey));
+  if (!crypto.setPassword(password)) return false;
+  Value plain = crypto.decryptData(check);
+  if (!plain.isData()) return false;
+  std::span<const uint8_t> bytes = plain.bytes();
+  return std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()) ==
+         password.str();
+}
+
+void QuillonStore::prepareNewStoreAtURL(const Url& url) {
+  std::string path = url.path();
+  if (defaultEnv()->exists(path)) {
+    std::string trashPath;
+    Error ignored;
+    Trash::trashItem(path, &trashPath, &ignored);
+    UserDefaults& defaults = UserDefaults::standard();
+    Value records = defaults.objectForKey(kQuillonOverwrittenFilesKey);
+    records = records.isArray() ? records.mutableCopy() : Value::mutableArray();
+    records.append(Value::dictionary({{"date", Value::date(dateNow())},
+                                      {"originalPath", path},
+                                      {"trashPath", trashPath}}));
+    defaults.setObject(kQuillonOverwrittenFilesKey, records);
+  }
+  QuillonCache::resetCacheForURL(url);
+}
+
+void QuillonStore::registerURL(const Url& url, Value fileInfo, Value volumeInfo) {
+  Env* env = defaultEnv();
+  {
+    std::lock_guard<std::mutex> lock(gRegistrationsMutex);
+    ++gRegistrationsRunning;
+  }
+  // One worker per call, like a fresh serial queue: registrations never wait
+  // for each other, and the last writer of the list wins.
+  std::thread([url, fileInfo, volumeInfo, env]() mutable {
+    std::string path = url.path();
+    if (env->exists(path)) {
+      if (fileInfo.isNil()) fileInfo = infoDictionaryForURL(url);
+      if (volumeInfo.isNil()) volumeInfo = QuillonVolumeInformation(url, env);
+      UserDefaults& defaults = UserDefaults::standard();
+      Value stored = defaults.objectForKey(kQuillonRecentFilesKey);
+      Value records = Value::mutableArray();
+      Value pathValue = Value::string(path);
+      const Value& identifier = fileInfo.get("DocumentIdentifier");
+      if (stored.isArray()) {
+        for (const Value& record : stored.elements()) {
+          bool same = likeMatches(record.get("Path"), pathValue) &&
+                      likeMatches(record.get("DocumentInfo").get("DocumentIdentifier"), identifier);
+          if (!same) records.append(record);
+        }
+      }
+      FileAttributes attributes;
+      Value fileNumber;
+      if (!env->attributes(path, &attributes)) {
+        fileNumber = Value::integer(static_cast<int64_t>(attributes.fileNumber));
+      }
+      std::vector<std::string> backups = timeMachineBackupPath(path, env);
+      Value record = Value::mutableDictionary();
+      record.set("DocumentInfo", fileInfo);
+      record.set("VolumeInfo", volumeInfo);
+      record.set("Path", pathValue);
+      record.set("DocumentFileNumber", fileNumber);
+      record.set("BackupPath",
+                 backups.empty() ? std::string("No Time Machine Backup found") : backups.front());
+      record.set("LastOpened", Value::date(dateNow()));
+      records.append(record);
+      defaults.setObject(kQuillonRecentFilesKey, records);
+    }
+    std::lock_guard<std::mutex> lock(gRegistrationsMutex);
+    if (--gRegistrationsRunning == 0) gRegistrationsDone.notify_all();
+  }).detach();
+}
+
+void QuillonStore::waitForRegistrations() {
+  std::unique_lock<std::mutex> lock(gRegistrationsMutex);
+  gRegistrationsDone.wait(lock, [] { return gRegistrationsRunning == 0; });
+}
+
 QuillonStore::QuillonStore(PersistentStoreCoordinator* coordinator, std::string configurationName,
                            Url url, Value options)
     : IncrementalStore(coordinator, std::move(configurationName), std::move(url),
                        std::move(options)),
-      env_(Env::Default()) {}
-// PENDING
-QuillonStore::~QuillonStore() = default;
-// PENDING
-Value QuillonStore::password() const { return Value(); }
-// PENDING
-std::string QuillonStore::identifier() const { return std::string(); }
-// PENDING
-std::string QuillonStore::documentIdentifier() { return std::string(); }
-// PENDING
-void QuillonStore::setDocumentIdentifier(const std::string&) {}
-// PENDING
-void QuillonStore::setURL(const Url& url) { IncrementalStore::setURL(url); }
-// PENDING
-void QuillonStore::refreshURLs() {}
-// PENDING
-Url QuillonStore::infoURL() const { return Url(); }
-// PENDING
-Url QuillonStore::entitiesURL() const { return Url(); }
-// PENDING
-Url QuillonStore::changesURL() const { return Url(); }
-// PENDING
-Url QuillonStore::cacheURL() const { return Url(); }
-// PENDING
-Url QuillonStore::errorsURL() const { return Url(); }
-// PENDING
-void QuillonStore::writeInfo(const Value&) {}
-// PENDING
-void QuillonStore::setMetadata(Value) {}
-// PENDING
-Value QuillonStore::metadata() const { return Value(); }
-// PENDING
-bool QuillonStore::loadMetadata(Error*) { return false; }
-// PENDING
-void QuillonStore::setupCrypto() {}
-// PENDING
-Value QuillonStore::encrypt(const Value&) { return Value(); }
-// PENDING
-Value QuillonStore::decrypt(const Value&) { return Value(); }
-// PENDING
-bool QuillonStore::encrypt(std::span<const uint8_t>, std::vector<uint8_t>*) { return false; }
-// PENDING
-bool QuillonStore::decrypt(std::span<const uint8_t>, std::vector<uint8_t>*) { return false; }
-// PENDING
-Url QuillonStore::correctedDataURL(const Url&) { return Url(); }
-// PENDING
-void QuillonStore::updatePackageDate() {}
-// PENDING
-void QuillonStore::resetCache() {}
-// PENDING
-void QuillonStore::checkAllFiles() {}
-// PENDING
-bool QuillonStore::loadedAllChanges() { return false; }
-// PENDING
-std::string QuillonStore::changesInfo() { return std::string(); }
-// PENDING
-void QuillonStore::preventFromSaving() {}
-// PENDING
-Value QuillonStore::executeRequest(const PersistentStoreRequest&, ManagedObjectContext*, Error*) {
+      env_(defaultEnv()) {
+  readQueue_ = std::make_unique<DispatchQueue>(std::string(kQuillonFrameworkIdentifier) +
+                                               ".ReadQueue");
+  session_ = makeUUIDString();
+  fullUserName_ = UserInfo::fullUserName();
+  userName_ = UserInfo::userName();
+  osVersion_ = UserInfo::osVersionString();
+  recover_.store(Quillon::recoveryRequested());
+  machineName_ = UserInfo::hostName();
+  Value storeOptions = IncrementalStore::options().mutableCopy();
+  upToChange_ = storeOptions.get(kQuillonUpToChange);
+  storeOptions.erase(Value::string(kQuillonUpToChange));
+  cache_ = QuillonCache::cacheForStore(this);
+  setupEntityKeys();
+  writeInfo(storeOptions);
+  documentIdentifier_ = documentIdentifier();
+  computeURLs();
+}
+
+QuillonStore::~QuillonStore() {
+  for (const char* selector : {"updateChanges", "processChanges", "refreshLog"}) {
+    MainQueue::cancelPreviousPerformRequests(this, selector);
+  }
+  unobserveDirectory();
+}
+
+Value QuillonStore::password() const {
+  const Value& password = options().get(kQuillonPasswordOption);
+  return password.isString() ? password : Value();
+}
+
+std::string QuillonStore::identifier() const {
+  std::lock_guard<std::recursive_mutex> lock(monitor_);
+  return documentIdentifier_;
+}
+
+std::string QuillonStore::documentIdentifier() {
+  std::lock_guard<std::recursive_mutex> lock(monitor_);
+  if (infoDictionary_.isNil()) {
+    Value info = readInfoPlist(env_, url());
+    infoDictionary_ = info.isDictionary() ? info.mutableCopy() : Value::mutableDictionary();
+  }
+  const Value& identifier = infoDictionary_.get("DocumentIdentifier");
+  return identifier.isString() ? std::string(identifier.str()) : std::string();
+}
+
+void QuillonStore::setDocumentIdentifier(const std::string& identifier) {
+  Value info = readInfoPlist(env_, url());
+  info = info.isDictionary() ? info.mutableCopy() : Value::mutableDictionary();
+  info.set("DocumentIdentifier", identifier);
+  writeInfoPlist(env_, infoURL(), info);
+}
+
+void QuillonStore::setURL(const Url& url) {
+  if (url.absoluteString() == IncrementalStore::url().absoluteString()) {
+    IncrementalStore::setURL(url);
+    return;
+  }
+  if (!bound_) {
+    IncrementalStore::setURL(url);
+    computeURLs();
+    return;
+  }
+  unobserveDirectory();
+  IncrementalStore::setURL(url);
+  refreshURLs();
+  observeDirectory();
+}
+
+void QuillonStore::computeURLs() {
+  Url package = url();
+  {
+    std::lock_guard<std::recursive_mutex> lock(monitor_);
+    entitiesURL_ = package.appending("Entities", true);
+    changesURL_ = package.appending("Changes", true);
+    cacheURL_ = package.appending("Cache", true);
+    errorsURL_ = package.appending("Errors", true);
+  }
+  createDirectoryAtPathIfNeeded(errorsURL().path(), env_);
+}
+
+void QuillonStore::refreshURLs() {
+  computeURLs();
+  if (cache_) cache_->setStoreURL(url());
+  registerURL(url());
+}
+
+Url QuillonStore::infoURL() const { return url().appending("Info.plist"); }
+
+Url QuillonStore::entitiesURL() const {
+  std::lock_guard<std::recursive_mutex> lock(monitor_);
+  return entitiesURL_;
+}
+
+Url QuillonStore::changesURL() const {
+  std::lock_guard<std::recursive_mutex> lock(monitor_);
+  return changesURL_;
+}
+
+Url QuillonStore::cacheURL() const {
+  std::lock_guard<std::recursive_mutex> lock(monitor_);
+  return cacheURL_;
+}
+
+Url QuillonStore::errorsURL() const {
+  std::lock_guard<std::recursive_mutex> lock(monitor_);
+  return errorsURL_;
+}
+
+void QuillonStore::writeInfo(const Value& options) {
+  std::string path = url().path();
+  if (env_->exists(path)) return;
+  createDirectoryAtPathIfNeeded(path, env_);
+  Value info = Value::mutableDictionary();
+  const Value& identifier = options.get(kQuillonDocumentIdentifierOption);
+  info.set("DocumentIdentifier", identifier.isString() ? identifier : Value(makeUUIDString()));
+  info.set("DocumentInfo", options.get(kQuillonDocumentInfoOption));
+  info.set("Application", bundleSummary(Quillon::applicationInfo()));
+  info.set("Quillon", bundleSummary(Quillon::frameworkInfo()));
+  info.set("DateCreation", Value::date(dateNow()));
+  Value password = this->password();
+  if (!password.isNil()) {
+    // The cipher takes its salt and rounds from the file on disk, so they
+    // must be there before the password check value can be sealed.
+    Value encryption = Value::mutableDictionary();
+    encryption.set(kSeaCryptoSaltKey, SeaCrypto::generateSalt());
+    encryption.set(kSeaCryptoRoundsKey, SeaCrypto::defaultRounds());
+    info.set(kSeaCryptoEncryptionKey, encryption);
+    writeInfoPlist(env_, infoURL(), info);
+    std::string_view text = password.str();
+    encryption.set(kSeaCryptoInfoKey, encrypt(Value::data(text)));
+  }
+  writeInfoPlist(env_, infoURL(), info);
+  std::lock_guard<std::recursive_mutex> lock(monitor_);
+  infoDictionary_ = info;
+}
+
+void QuillonStore::setMetadata(Value metadata) {
+  Value merged;
+  {
+    std::lock_guard<std::recursive_mutex> lock(monitor_);
+    Value info = readInfoPlist(env_, url());
+    if (info.isDictionary()) infoDictionary_ = info.mutableCopy();
+    if (!infoDictionary_.isDictionary()) infoDictionary_ = Value::mutableDictionary();
+    if (metadata.isDictionary()) {
+      for (const auto& entry : metadata.items()) infoDictionary_.set(entry.first, entry.second);
+    }
+    merged = infoDictionary_.copy();
+  }
+  IncrementalStore::setMetadata(merged);
+}
+
+Value QuillonStore::metadata() const {
+  std::lock_guard<std::recursive_mutex> lock(monitor_);
+  if (cachedMetadata_.isDictionary() && cachedMetadata_.find("Quillon")) return cachedMetadata_;
+  cachedMetadata_ = IncrementalStore::metadata();
+  return cachedMetadata_;
+}
+
+bool QuillonStore::loadMetadata(Error* /*error*/) { return true; }
+
+void QuillonStore::setupCrypto() {
+  std::call_once(cryptoOnce_, [this] {
+    auto crypto = std::make_unique<SeaCrypto>();
+    Value encryption = readInfoPlist(env_, url()).get(kSeaCryptoEncryptionKey);
+    crypto->setSalt(encryption.get(kSeaCryptoSaltKey));
+    crypto->setRounds(encryption.get(kSeaCryptoRoundsKey));
+    crypto->setPassword(password());
+    crypto_ = std::move(crypto);
+  });
+}
+
+Value QuillonStore::encrypt(const Value& data) {
+  if (password().isNil()) return data;
+  setupCrypto();
+  return crypto_->encryptData(data);
+}
+
+Value QuillonStore::decrypt(const Value& data) {
+  if (password().isNil()) return data;
+  setupCrypto();
+  return crypto_->decryptData(data);
+}
+
+bool QuillonStore::encrypt(std::span<const uint8_t> plain, std::vector<uint8_t>* out) {
+  if (password().isNil()) {
+    out->assign(plain.begin(), plain.end());
+    return true;
+  }
+  setupCrypto();
+  out->clear();
+  return crypto_->encryptBytes(plain, out);
+}
+
+bool QuillonStore::decrypt(std::span<const uint8_t> stored, std::vector<uint8_t>* out) {
+  if (password().isNil()) {
+    out->assign(stored.begin(), stored.end());
+    return true;
+  }
+  setupCrypto();
+  out->clear();
+  return crypto_->decryptBytes(stored, out);
+}
+
+Url QuillonStore::correctedDataURL(const Url& url) {
+  std::string wanted = url.path();
+  if (env_->exists(wanted)) return url;
+  Url folder = url.deletingLastPathComponent();
+  std::vector<std::string> names;
+  if (env_->listDirectory(folder.path(), &names)) return url;
+  // Sorted, so that the choice among several candidates is the same on
+  // every computer.
+  std::sort(names.begin(), names.end());
+  std::string folderPath = folder.path();
+  for (const std::string& name : names) {
+    std::string candidate = folderPath == "/" ? "/" + name : folderPath + "/" + name;
+    if (candidate.compare(0, wanted.size(), wanted) == 0) return folder.appending(name);
+  }
+  return url;
+}
+
+void QuillonStore::updatePackageDate() { env_->setModificationDate(url().path(), dateNow()); }
+
+void QuillonStore::resetCache() { env_->removeItem(cacheURL().path()); }
+
+void QuillonStore::checkAllFiles() {
+  if (cache_) cache_->checkAllFiles();
+}
+
+bool QuillonStore::loadedAllChanges() {
+  return (cache_ ? cache_->changes().size() : 0) >= changesFileCount();
+}
+
+std::string QuillonStore::changesInfo() {
+  size_t inCache = cache_ ? cache_->changes().size() : 0;
+  std::vector<std::string> names;
+  env_->listDirectory(changesURL().path(), &names);
+  size_t onDisk = static_cast<size_t>(std::count_if(
+      names.begin(), names.end(), [](const std::string& name) { return endsWithJSON(name); }));
+  return fmt::format("{} in Cache / {} on Disk", inCache, onDisk);
+}
+
+void QuillonStore::preventFromSaving() { blockSaves_.store(true); }
+
+Value QuillonStore::executeRequest(const PersistentStoreRequest& request,
+                                   ManagedObjectContext* context, Error* error) {
+  if (context) {
+    std::lock_guard<std::recursive_mutex> lock(monitor_);
+    bool known = false;
+    std::erase_if(contexts_, [&](const std::weak_ptr<ManagedObjectContext>& weak) {
+      auto held = weak.lock();
+      if (held.get() == context) known = true;
+      return !held;
+    });
+    if (!known) contexts_.push_back(context->weak_from_this());
+  }
+  switch (request.requestType()) {
+    case PersistentStoreRequestType::Fetch:
+      return executeFetchRequest(static_cast<const FetchRequest&>(request), context);
+    case PersistentStoreRequestType::Save: {
+      if (!blockSaves()) {
+        return executeSaveRequest(static_cast<const SaveChangesRequest&>(request), context);
+      }
+      Value versions = sessionInfo();
+      std::string newest = "(null)";
+      if (versions.isSequence()) {
+        std::string best;
+        bool found = false;
+        for (const Value& session : versions.elements()) {
+          const Value& version = session.get("version");
+          if (!version.isString()) continue;
+          std::string folded(version.str());
+          for (char& c : folded) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+          if (!found || folded > best) {
+            best = folded;
+            newest = std::string(version.str());
+            found = true;
+          }
+        }
+      }
+      auto fill = [](std::string format, const std::string& value) {
+        size_t at = format.find("%@");
+        if (at != std::string::npos) format.replace(at, 2, value);
+        return format;
+      };
+      std::string reason =
+          fill(QuillonLocalizedString("Because it was created with a newer version of %@."),
+               stringOrNull(Quillon::applicationInfo().get("CFBundleName")));
+      std::string suggestion = fill(QuillonLocalizedString("Please update to version %@."), newest);
+      if (error) {
+        *error = Error(std::string(kQuillonFrameworkIdentifier), -1,
+                       Value::dictionary({{kLocalizedFailureReasonErrorKey, reason},
+                                          {kLocalizedRecoverySuggestionErrorKey, suggestion}}));
+      }
+      return Value();
+    }
+  }
   return Value();
 }
-// PENDING
-void QuillonStore::willRemoveFromPersistentStoreCoordinator(PersistentStoreCoordinator*) {}
-// PENDING
-Value QuillonStore::userInfo() const { return Value(); }
-// PENDING
-void QuillonStore::setUserInfo(Value) {}
-// PENDING
-std::string QuillonStore::formatChangeDate(double) const { return std::string(); }
-// PENDING
-std::vector<std::shared_ptr<ManagedObjectContext>> QuillonStore::contexts() const { return {}; }
 
-// PENDING
-void QuillonStore::setupEntityKeys() {}
-// PENDING
+void QuillonStore::didAddToPersistentStoreCoordinator(PersistentStoreCoordinator* /*coordinator*/) {
+  bound_ = true;
+  refreshURLs();
+  observeDirectory();
+}
+
+void QuillonStore::willRemoveFromPersistentStoreCoordinator(
+    PersistentStoreCoordinator* /*coordinator*/) {
+  // Records and change files first: their completion hands changes to the
+  // cache, whose save must then include them.
+  saveOperationQueue().waitUntilAllOperationsAreFinished();
+  if (!cache_) return;
+  cache_->save();
+  cache_->saveQueue().waitUntilAllOperationsAreFinished();
+}
+
+Value QuillonStore::userInfo() const {
+  std::lock_guard<std::recursive_mutex> lock(monitor_);
+  return userInfo_;
+}
+
+void QuillonStore::setUserInfo(Value userInfo) {
+  std::lock_guard<std::recursive_mutex> lock(monitor_);
+  userInfo_ = std::move(userInfo);
+}
+
+std::string QuillonStore::formatChangeDate(double secondsSinceReferenceDate) const {
+  return quillon::formatChangeDate(secondsSinceReferenceDate);
+}
+
+std::vector<std::shared_ptr<ManagedObjectContext>> QuillonStore::contexts() const {
+  std::lock_guard<std::recursive_mutex> lock(monitor_);
+  std::vector<std::shared_ptr<ManagedObjectContext>> held;
+  for (const auto& weak : contexts_) {
+    if (auto context = weak.lock()) held.push_back(std::move(context));
+  }
+  return held;
+}
+
+// ---- Entity keys and identity ----
+
+void QuillonStore::setupEntityKeys() {
+  entities_.clear();
+  entityKeys_.clear();
+  reverseEntityKeys_.clear();
+  PersistentStoreCoordinator* coordinator = persistentStoreCoordinator();
+  if (!coordinator || !coordinator->managedObjectModel()) return;
+  for (const auto& [name, entity] : coordinator->managedObjectModel()->entitiesByName()) {
+    entities_[name] = entity;
+  }
+  bool encrypted = !password().isNil();
+  for (const auto& [name, entity] : entities_) {
+    // The salt is not known yet when the keys are made, so the digest's
+    // first field is always the text of an absent value; existing encrypted
+    // packages are named this way.
+    std::string key =
+        encrypted ? quillonSHA256HexDigest(
+                        fmt::format("(null).{}.{}", name, kQuillonFrameworkIdentifier))
+                  : name;
+    entityKeys_[name] = key;
+    reverseEntityKeys_[key] = name;
+  }
+}
+
 const std::unordered_map<std::string, const EntityDescription*>& QuillonStore::entities() const {
   return entities_;
 }
-// PENDING
-const EntityDescription* QuillonStore::entityNamed(std::string_view) const { return nullptr; }
-// PENDING
-std::optional<std::string> QuillonStore::fileNameForEntity(const EntityDescription&) const {
-  return std::nullopt;
+
+const EntityDescription* QuillonStore::entityNamed(std::string_view name) const {
+  auto found = entities_.find(std::string(name));
+  return found == entities_.end() ? nullptr : found->second;
 }
-// PENDING
-std::optional<std::string> QuillonStore::fileNameForEntityName(std::string_view) const {
-  return std::nullopt;
+
+std::optional<std::string> QuillonStore::fileNameForEntity(const EntityDescription& entity) const {
+  return fileNameForEntityName(entity.name());
 }
-// PENDING
-std::optional<std::string> QuillonStore::entityNameForFileName(std::string_view) const {
-  return std::nullopt;
+
+std::optional<std::string> QuillonStore::fileNameForEntityName(std::string_view name) const {
+  auto found = entityKeys_.find(std::string(name));
+  if (found == entityKeys_.end()) return std::nullopt;
+  return found->second;
 }
-// PENDING
-ManagedObjectIDPtr QuillonStore::newObjectIDForEntity(const EntityDescription*, Value) {
+
+std::optional<std::string> QuillonStore::entityNameForFileName(std::string_view key) const {
+  auto found = reverseEntityKeys_.find(std::string(key));
+  if (found == reverseEntityKeys_.end()) return std::nullopt;
+  return found->second;
+}
+
+ManagedObjectIDPtr QuillonStore::newObjectIDForEntity(const EntityDescription* entity,
+                                                      Value referenceObject) {
+  if (!entity || closed() || !persistentStoreCoordinator()) return nullptr;
+  return IncrementalStore::newObjectIDForEntity(entity, std::move(referenceObject));
+}
+
+std::vector<ManagedObjectIDPtr> QuillonStore::obtainPermanentIDsForObjects(
+    const std::vector<std::shared_ptr<ManagedObject>>& objects, Error* /*error*/) {
+  std::vector<ManagedObjectIDPtr> ids;
+  ids.reserve(objects.size());
+  for (const auto& object : objects) {
+    std::string uid = makeUUIDString();
+    ManagedObjectIDPtr id = newObjectIDForEntity(object ? object->entity() : nullptr, uid);
+    if (id) id->setCachedUID(uid);
+    ids.push_back(std::move(id));
+  }
+  return ids;
+}
+
+std::string QuillonStore::uidForObjectID(const ManagedObjectIDPtr& objectID,
+                                         ManagedObjectContext* context) {
+  if (!objectID) return std::string();
+  if (objectID->isTemporaryID() && context) {
+    ManagedObjectPtr object = context->objectWithID(objectID);
+    if (object && context->obtainPermanentIDsForObjects({object})) {
+      return storeUID(*object->objectID());
+    }
+  }
+  return storeUID(*objectID);
+}
+
+ManagedObjectIDPtr QuillonStore::managedObjectIDForReference(std::string_view reference) {
+  std::lock_guard<std::mutex> lock(managedObjectIDsMutex_);
+  auto found = managedObjectIDs_.find(std::string(reference));
+  return found == managedObjectIDs_.end() ? nullptr : found->second;
+}
+
+void QuillonStore::setManagedObjectIDForReference(std::string_view reference,
+                                                  ManagedObjectIDPtr objectID) {
+  std::lock_guard<std::mutex> lock(managedObjectIDsMutex_);
+  if (objectID) {
+    managedObjectIDs_[std::string(reference)] = std::move(objectID);
+  } else {
+    managedObjectIDs_.erase(std::string(reference));
+  }
+}
+
+// ---- Identity helpers ----
+
+std::string storeUID(const ManagedObjectID& objectID) {
+  if (auto cached = objectID.cachedUID()) return *cached;
+  const Value& reference = objectID.referenceObject();
+  std::string uid = reference.isString() ? storeUID(reference.str()) : makeUUIDString();
+  objectID.setCachedUID(uid);
+  return uid;
+}
+
+std::string storeUID(const ManagedObject& object) {
+  return object.objectID() ? storeUID(*object.objectID()) : std::string();
+}
+
+std::string storeSavePath(const ManagedObjectID& objectID) {
+  std::string entity = objectID.entity() ? objectID.entity()->name() : std::string();
+  return fmt::format("{}/{}", entity, storeUID(objectID));
+}
+
+Value arrayForStore(const Value& value) {
+  if (value.isNil()) return Value::array();
+  if (value.isArray()) return value;
+  if (value.isSet() || value.isOrderedSet()) {
+    std::span<const Value> members = value.elements();
+    return Value::array(std::vector<Value>(members.begin(), members.end()));
+  }
+  return Value::array({value});
+}
+
+QuillonStore* quillonStore(const ManagedObject& object) {
+  ManagedObjectContext* context = object.managedObjectContext();
+  if (!context) return nullptr;
+  std::shared_ptr<PersistentStoreCoordinator> coordinator = context->persistentStoreCoordinator();
+  if (!coordinator) return nullptr;
+  if (object.objectID()) {
+    if (auto store = object.objectID()->persistentStore()) {
+      if (auto* quillon = dynamic_cast<QuillonStore*>(store.get())) return quillon;
+    }
+  }
+  for (const auto& store : coordinator->persistentStores()) {
+    if (auto* quillon = dynamic_cast<QuillonStore*>(store.get())) return quillon;
+  }
   return nullptr;
 }
-// PENDING
-std::vector<ManagedObjectIDPtr> QuillonStore::obtainPermanentIDsForObjects(
-    const std::vector<std::shared_ptr<ManagedObject>>&, Error*) {
-  return {};
-}
-// PENDING
-std::string QuillonStore::uidForObjectID(const ManagedObjectIDPtr&, ManagedObjectContext*) {
-  return std::string();
-}
-// PENDING
-ManagedObjectIDPtr QuillonStore::managedObjectIDForReference(std::string_view) { return nullptr; }
-// PENDING
-void QuillonStore::setManagedObjectIDForReference(std::string_view, ManagedObjectIDPtr) {}
 
-// PENDING
-std::string storeUID(const ManagedObjectID&) { return std::string(); }
-// PENDING
-std::string storeUID(const ManagedObject&) { return std::string(); }
-// PENDING
-std::string storeSavePath(const ManagedObjectID&) { return std::string(); }
-// PENDING
-Value arrayForStore(const Value&) { return Value(); }
-// PENDING
-QuillonStore* quillonStore(const ManagedObject&) { return nullptr; }
-// PENDING
-bool isSafePathComponent(std::string_view) { return false; }
-// PENDING
-void registerQuillonStoreType() {}
+bool isSafePathComponent(std::string_view name) {
+  if (name.empty() || name == "." || name == "..") return false;
+  return name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
+}
+
+void registerQuillonStoreType() {
+  PersistentStoreCoordinator::registerStoreClass(
+      std::string(kQuillonStoreType),
+      [](PersistentStoreCoordinator* coordinator, const std::string& configurationName,
+         const Url& url, const Value& options) -> std::shared_ptr<IncrementalStore> {
+        return std::make_shared<QuillonStore>(coordinator, configurationName, url, options);
+      });
+}
 
 }  // namespace quillon

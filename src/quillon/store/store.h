@@ -160,6 +160,12 @@ class QuillonStore : public IncrementalStore {
 
   Value executeRequest(const PersistentStoreRequest& request, ManagedObjectContext* context,
                        Error* error) override;
+  // Binds the cache to the package (setStoreURL, which loads the change log
+  // and starts the first update), records the package as recently opened and
+  // starts observing "Changes". This is the last step of opening; it runs
+  // here rather than in the constructor because the work it schedules holds
+  // the store weakly, which needs the coordinator's shared_ptr to exist.
+  void didAddToPersistentStoreCoordinator(PersistentStoreCoordinator* coordinator) override;
   void willRemoveFromPersistentStoreCoordinator(PersistentStoreCoordinator* coordinator) override;
 
   // Session facts, fixed at initialisation.
@@ -376,6 +382,11 @@ class QuillonStore : public IncrementalStore {
   // Further private state and helpers, one block per implementation file;
   // each file's owner adds only inside its own block.
   // [store.cc]
+  // The folder URLs of the package URL; creates "Errors".
+  void computeURLs();
+  // Set once didAddToPersistentStoreCoordinator bound the cache: a later
+  // setURL re-binds, an earlier one only recomputes the folder URLs.
+  bool bound_ = false;
 
   // [fetching.cc]
 
