@@ -1,11 +1,11 @@
 #include "quillon/cache/merge.h"
 
+#include <fmt/format.h>
+
 #include <string>
 #include <unordered_set>
 #include <utility>
 #include <vector>
-
-#include <fmt/format.h>
 
 #include "quillon/base/error.h"
 
@@ -49,9 +49,7 @@ bool canMergeWithObj(const Value& receiver, const Value& other) {
   return false;
 }
 
-bool isMutableObj(const Value& receiver) {
-  return isMergeFamily(receiver) && receiver.isMutable();
-}
+bool isMutableObj(const Value& receiver) { return isMergeFamily(receiver) && receiver.isMutable(); }
 
 bool Merge::mergeObj(const Value& a, const Value& b, Value* result) {
   Value target;

@@ -1,3 +1,5 @@
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cctype>
 #include <mutex>
@@ -5,8 +7,6 @@
 #include <string_view>
 #include <utility>
 #include <vector>
-
-#include <fmt/format.h>
 
 #include "quillon/base/date_format.h"
 #include "quillon/base/notification_center.h"
@@ -33,8 +33,7 @@ struct QuillonStore::LogLink {
   QuillonStore* store;
 };
 
-QuillonStore::LogLinkOwner::LogLinkOwner(QuillonStore* store)
-    : link_(std::make_shared<LogLink>()) {
+QuillonStore::LogLinkOwner::LogLinkOwner(QuillonStore* store) : link_(std::make_shared<LogLink>()) {
   link_->store = store;
 }
 
@@ -58,6 +57,17 @@ void postValueChange(const QuillonStore* store, std::string_view notification,
                                            Value::dictionary({{"key", Value(key)}}));
 }
 
+// Whether the store's last owner has let go, so that its members are being
+// torn down: work still running then (a queue the cache drains as it goes)
+// may call the log, which must not reach for members that are gone. A store
+// still under construction has no owner yet and logs normally.
+bool isBeingDestroyed(const QuillonStore& store) {
+  std::weak_ptr<const IncrementalStore> self = store.weak_from_this();
+  const std::weak_ptr<const IncrementalStore> none;
+  const bool owned = self.owner_before(none) || none.owner_before(self);
+  return owned && self.expired();
+}
+
 // Runs `work` on the main queue with the store, unless the store is gone by then.
 template <typename Link, typename Work>
 void onMainQueueWithStore(std::shared_ptr<Link> link, Work work) {
@@ -72,32 +82,29 @@ void onMainQueueWithStore(std::shared_ptr<Link> link, Work work) {
 // ---- The log ----
 
 void QuillonStore::log(const std::string& message, std::string_view type, const Value& menu) {
-  onMainQueueWithStore(
-      logLink_.link(), [message, type = std::string(type), menu](
-                           QuillonStore& store, const std::shared_ptr<LogLink>& link) {
-        std::vector<Value::Entry> entry;
-        entry.emplace_back("date", Value::date(dateNow()));
-        entry.emplace_back("message", Value(message));
-        if (!menu.isNil()) entry.emplace_back("menu", menu);
-        entry.emplace_back(Value(kQuillonLogType), Value(type));
-        if (store.log_.isNil()) store.log_ = Value::mutableArray();
-        store.log_.append(Value::dictionary(std::move(entry)));
+  if (isBeingDestroyed(*this)) return;
+  auto add = [message, type = std::string(type), menu](QuillonStore& store,
+                                                       const std::shared_ptr<LogLink>& link) {
+    std::vector<Value::Entry> entry;
+    entry.emplace_back("date", Value::date(dateNow()));
+    entry.emplace_back("message", Value(message));
+    if (!menu.isNil()) entry.emplace_back("menu", menu);
+    entry.emplace_back(Value(kQuillonLogType), Value(type));
+    if (store.log_.isNil()) store.log_ = Value::mutableArray();
+    store.log_.append(Value::dictionary(std::move(entry)));
 
-        // One notice for a burst: each entry pushes the refresh a second further.
-        MainQueue::cancelPreviousPerformRequests(&store, "refreshLog");
-        MainQueue::afterDelay(
-            1.0,
-            [link] {
-              std::lock_guard<std::recursive_mutex> lock(link->mutex);
-              if (link->store) link->store->refreshLog();
-            },
-            &store, "refreshLog");
-      });
+    // One notice for a burst: each entry pushes the refresh a second further.
+    MainQueue::cancelPreviousPerformRequests(&store, "refreshLog");
+    auto refresh = [link] {
+      std::lock_guard<std::recursive_mutex> lock(link->mutex);
+      if (link->store) link->store->refreshLog();
+    };
+    MainQueue::afterDelay(1.0, std::move(refresh), &store, "refreshLog");
+  };
+  onMainQueueWithStore(logLink_.link(), std::move(add));
 }
 
-void QuillonStore::log(const std::string& message) {
-  log(message, kQuillonLogTypeWarning);
-}
+void QuillonStore::log(const std::string& message) { log(message, kQuillonLogTypeWarning); }
 
 Value QuillonStore::logEntries() const {
   std::vector<Value> newestFirst(log_.elements().rbegin(), log_.elements().rend());
@@ -119,15 +126,13 @@ void QuillonStore::logErrorString(const std::string& text, const std::string& do
 }
 
 void QuillonStore::setErrorLevel(std::string_view type) {
-  onMainQueueWithStore(logLink_.link(),
-                       [type = std::string(type)](QuillonStore& store,
-                                                  const std::shared_ptr<LogLink>&) {
-                         postValueChange(&store, kQuillonWillChangeValueNotification,
-                                         "errorLevel");
-                         store.errorLevel_ = type;
-                         postValueChange(&store, kQuillonDidChangeValueNotification,
-                                         "errorLevel");
-                       });
+  if (isBeingDestroyed(*this)) return;
+  auto set = [type = std::string(type)](QuillonStore& store, const std::shared_ptr<LogLink>&) {
+    postValueChange(&store, kQuillonWillChangeValueNotification, "errorLevel");
+    store.errorLevel_ = type;
+    postValueChange(&store, kQuillonDidChangeValueNotification, "errorLevel");
+  };
+  onMainQueueWithStore(logLink_.link(), std::move(set));
 }
 
 std::string QuillonStore::errorLevel() const { return errorLevel_; }
@@ -243,7 +248,7 @@ Value QuillonStore::infoArrayForContext(ManagedObjectContext* context) {
   PersistentStoreCoordinator* coordinator = persistentStoreCoordinator();
   if (coordinator && coordinator->managedObjectModel()) {
     for (const EntityDescription* entity : coordinator->managedObjectModel()->entities()) {
-      if (entityNamed(entity->name()) == entity) ordered.push_back(entity);
+      if (const EntityDescription* mine = entityNamed(entity->name())) ordered.push_back(mine);
     }
   } else {
     for (const auto& [name, entity] : entities()) ordered.push_back(entity);

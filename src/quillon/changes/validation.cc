@@ -1,9 +1,9 @@
+#include <fmt/format.h>
+
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
-
-#include <fmt/format.h>
 
 #include "quillon/base/json.h"
 #include "quillon/coding/data_utils.h"
@@ -27,14 +27,24 @@ std::string clip(std::string text) {
   return text + "…";
 }
 
-// A name from a change file as the log shows it: JSON-quoted, so that
-// control characters, NUL and leading or trailing spaces are visible.
+// A name from a change file as the log shows it: in double quotes, with
+// quotes, backslashes and control characters (NUL included) escaped, so that
+// nothing in it is hidden or breaks the line.
 std::string quoted(const Value& name) {
-  if (name.isString()) {
-    std::string text = writeJSON(name);
-    if (!text.empty()) return clip(std::move(text));
+  if (!name.isString()) return clip(name.description());
+  std::string text = "\"";
+  for (char c : name.str()) {
+    if (c == '"' || c == '\\') {
+      text += '\\';
+      text += c;
+    } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
+      text += fmt::format("\\u{:04x}", static_cast<unsigned char>(c));
+    } else {
+      text += c;
+    }
   }
-  return clip(name.description());
+  text += '"';
+  return clip(std::move(text));
 }
 
 Value menuItem(std::string_view title, std::string_view action, const Url& url) {
@@ -98,8 +108,7 @@ Value QuillonStore::validatedChanges(const Value& change, bool lightWeight) {
   const std::string changeText = shortURL(changeURL);
   log(fmt::format("Begin validation {}", changeText), success);
 
-  const Value ignoreMenu =
-      Value::array({menuItem("Ignore", "discardChangeFromMenu:", changeURL)});
+  const Value ignoreMenu = Value::array({menuItem("Ignore", "discardChangeFromMenu:", changeURL)});
   bool failed = false;
   // Records a failed check; answers whether validation ends here.
   auto fail = [&](const std::string& message, std::string_view type, const Value& menu) {
@@ -160,17 +169,17 @@ Value QuillonStore::validatedChanges(const Value& change, bool lightWeight) {
       if (!isSafePathComponent(uid)) continue;  // reported with the file's shape
       const Url folder = entityURL.appending(uid, true);
       const Url record = folder.appending(name);
-      const std::string recordText = shortURL(record);
+      auto recordText = [&] { return shortURL(record); };
 
       if (!lightWeight) {
         const std::string recordPath = record.path();
         if (!env_->exists(recordPath)) {
           Value menu = Value::array({menuItem("Ignore", "discardChangeFromMenu:", changeURL),
                                      menuItem("Show in Finder", "showInFinder:", record)});
-          if (fail(fmt::format("Missing file: {}", recordText), warning, menu)) return Value();
+          if (fail(fmt::format("Missing file: {}", recordText()), warning, menu)) return Value();
         }
         if (!QuillonIsOnDisk(recordPath, env_)) {
-          if (fail(fmt::format("File not on disk: {}", recordText), error, ignoreMenu)) {
+          if (fail(fmt::format("File not on disk: {}", recordText()), error, ignoreMenu)) {
             return Value();
           }
         }
@@ -178,14 +187,15 @@ Value QuillonStore::validatedChanges(const Value& change, bool lightWeight) {
         Error readError = env_->readFile(recordPath, &stored);
         std::vector<uint8_t> plain;
         if (readError || stored.empty()) {
-          if (fail(fmt::format("Empty file: {}", recordText), warning, ignoreMenu)) return Value();
+          if (fail(fmt::format("Empty file: {}", recordText()), warning, ignoreMenu))
+            return Value();
         } else if (!decrypt(stored, &plain)) {
           // Decrypting may fail for a reason of this computer (a changed
           // password), so it never ends validation by itself.
-          fail(fmt::format("Decryption error on file: {} {}", clip(entity), recordText), warning,
+          fail(fmt::format("Decryption error on file: {} {}", clip(entity), recordText()), warning,
                Value());
         } else if (readJSON(std::span<const uint8_t>(plain)).isNil()) {
-          if (fail(fmt::format("Incomplete file: {}", recordText), warning, ignoreMenu)) {
+          if (fail(fmt::format("Incomplete file: {}", recordText()), warning, ignoreMenu)) {
             return Value();
           }
         }
