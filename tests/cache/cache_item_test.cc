@@ -64,25 +64,27 @@ TEST_F(CacheItemTest, AttributesDefaultsBinaryAndRelations) {
 
 TEST_F(CacheItemTest, ToManyAddsRemovesAndOrders) {
   QuillonCacheItem item;
+  update(
+      item,
+      Value::dictionary(
+          {{"tags", Value::dictionary(
+                        {{"addedValues", Value::array({"Tag/A", "Tag/B", "Tag/C", "Tag/D"})}})}}));
   update(item, Value::dictionary(
-                   {{"tags", Value::dictionary({{"addedValues",
-                                                 Value::array({"Tag/A", "Tag/B", "Tag/C", "Tag/D"})}})}}));
-  update(item, Value::dictionary({{"tags", Value::dictionary({
-                                               {"addedValues", Value::array({"Tag/E"})},
-                                               {"removedValues", Value::array({"Tag/B"})},
-                                               // Tag/X is not in the relation: ignored.
-                                               {"orderedValues",
-                                                Value::array({"Tag/D", "Tag/X", "Tag/A"})},
-                                           })}}));
+                   {{"tags", Value::dictionary({
+                                 {"addedValues", Value::array({"Tag/E"})},
+                                 {"removedValues", Value::array({"Tag/B"})},
+                                 // Tag/X is not in the relation: ignored.
+                                 {"orderedValues", Value::array({"Tag/D", "Tag/X", "Tag/A"})},
+                             })}}));
   EXPECT_EQ(item.relations().get("tags"), Value::array({"Tag/D", "Tag/A", "Tag/C", "Tag/E"}));
 }
 
 TEST_F(CacheItemTest, KeyedCodingKeepsStoredFormOnly) {
   auto item = std::make_shared<QuillonCacheItem>();
-  update(*item, Value::dictionary({{"title", entry("Coded")},
-                                   {"data", entry("BEEF")},
-                                   {"tags", Value::dictionary({{"addedValues",
-                                                                Value::array({"Tag/A"})}})}}));
+  update(*item, Value::dictionary(
+                    {{"title", entry("Coded")},
+                     {"data", entry("BEEF")},
+                     {"tags", Value::dictionary({{"addedValues", Value::array({"Tag/A"})}})}}));
   item->setExtraData(Value("x"), "key");
   Value shard = Value::dictionary({{"7A", Value::object(item)}}, true);
   Value decoded = DenseCoder::objectWithData(DenseCoder::dataWithRootObject(shard));
@@ -124,12 +126,12 @@ class CacheItemStoreTest : public ::testing::Test {
 
 TEST_F(CacheItemStoreTest, RelationsParseToIdentifiersAndUnknownEntitiesBlockSaving) {
   QuillonCacheItem item;
-  item.updateValues(Value::dictionary({
-                        {"folder", entry(Value::array({"Folder/F1"}))},
-                        {"tags", Value::dictionary({{"addedValues",
-                                                     Value::array({"Tag/T2", "Tag/T1"})}})},
-                    }),
-                    *note_, Url(), Value("3"));
+  item.updateValues(
+      Value::dictionary({
+          {"folder", entry(Value::array({"Folder/F1"}))},
+          {"tags", Value::dictionary({{"addedValues", Value::array({"Tag/T2", "Tag/T1"})}})},
+      }),
+      *note_, Url(), Value("3"));
   ManagedObjectIDPtr id = noteID("7A");
   Value values = item.allValuesForObjectID(id, store_, nullptr);
   auto folder = objectIDFromValue(values.get("folder"));
@@ -157,14 +159,13 @@ TEST_F(CacheItemStoreTest, RelationsParseToIdentifiersAndUnknownEntitiesBlockSav
 TEST_F(CacheItemStoreTest, ExternalDataIsReadLazilyAndForgottenOnEveryUpdate) {
   auto key = store_->fileNameForEntity(*note_);
   ASSERT_TRUE(key);
-  Url folder = store_->entitiesURL().appending(*key, true).appending("7B", true).appending("Data",
-                                                                                         true);
+  Url folder =
+      store_->entitiesURL().appending(*key, true).appending("7B", true).appending("Data", true);
   ASSERT_FALSE(store_->env()->createDirectories(folder.path()));
   std::vector<uint8_t> stored;
   std::string_view plain = "bytes of the note";
-  ASSERT_TRUE(store_->encrypt(std::span(reinterpret_cast<const uint8_t*>(plain.data()),
-                                        plain.size()),
-                              &stored));
+  ASSERT_TRUE(store_->encrypt(
+      std::span(reinterpret_cast<const uint8_t*>(plain.data()), plain.size()), &stored));
   ASSERT_FALSE(store_->env()->writeFileAtomically(folder.appending("D1").path(), stored));
 
   QuillonCacheItem item;
@@ -174,9 +175,8 @@ TEST_F(CacheItemStoreTest, ExternalDataIsReadLazilyAndForgottenOnEveryUpdate) {
 
   // The file changes on disk; an attribute update forgets the bytes read.
   std::string_view newer = "newer bytes";
-  ASSERT_TRUE(store_->encrypt(std::span(reinterpret_cast<const uint8_t*>(newer.data()),
-                                        newer.size()),
-                              &stored));
+  ASSERT_TRUE(store_->encrypt(
+      std::span(reinterpret_cast<const uint8_t*>(newer.data()), newer.size()), &stored));
   ASSERT_FALSE(store_->env()->writeFileAtomically(folder.appending("D1").path(), stored));
   EXPECT_EQ(item.valuesForObjectID(id, store_, nullptr).get("data"), Value::data(plain));
   item.updateValues(Value::dictionary({{"title", entry("t")}}), *note_, Url(), Value("3"));

@@ -1,8 +1,7 @@
 #include "quillon/cache/cache.h"
 
-#include <gtest/gtest.h>
-
 #include <fmt/format.h>
+#include <gtest/gtest.h>
 
 #include "quillon/base/env.h"
 #include "quillon/base/operation_queue.h"
@@ -93,9 +92,8 @@ TEST_F(CacheTest, CacheFolderIsKeyedByThePackageURLWithoutTrailingSlash) {
   ASSERT_TRUE(a && b);
   EXPECT_EQ(a->path(), b->path());
   EXPECT_EQ(a->lastPathComponent(), storeMD5String("file:///data/Notes.quillon"));
-  EXPECT_EQ(a->deletingLastPathComponent().path(), dir_.file("caches") + "/" +
-                                                       Quillon::applicationIdentifier() +
-                                                       "/LocalDatabaseCache");
+  EXPECT_EQ(a->deletingLastPathComponent().path(),
+            dir_.file("caches") + "/" + Quillon::applicationIdentifier() + "/LocalDatabaseCache");
   EXPECT_TRUE(Env::Default()->isDirectory(a->path()));
   EXPECT_NE(QuillonCache::cacheURLForStoreURL(Url::fileURL("/data/Other.quillon"))->path(),
             a->path());
@@ -144,9 +142,9 @@ TEST_F(CacheTest, ExtraDataNeedsACachedItem) {
 }
 
 TEST_F(CacheTest, AddAndRemoveChangeKeepTheirAsymmetry) {
-  Value change = Value::dictionary(
-      {{"name", "2026-01-01-00-00-00.000.A"},
-       {"changes", sections(Value::dictionary({{"Note", uids({"N1", "N2"})}}))}});
+  Value change =
+      Value::dictionary({{"name", "2026-01-01-00-00-00.000.A"},
+                         {"changes", sections(Value::dictionary({{"Note", uids({"N1", "N2"})}}))}});
   cache_->addChange(change, false);
   waitForIndexing();
   EXPECT_EQ(cache_->objectUIDsForEntity(*note_), Value::set({"N1", "N2"}));
@@ -159,8 +157,8 @@ TEST_F(CacheTest, AddAndRemoveChangeKeepTheirAsymmetry) {
   EXPECT_FALSE(cache_->changes().contains(change));
   EXPECT_FALSE(cache_->changeNames().contains(Value("2026-01-01-00-00-00.000.A")));
 
-  cache_->removeChange(Value::dictionary({{"inserts", Value::dictionary({{"Note", uids({"N1"})}})}}),
-                       false);
+  cache_->removeChange(
+      Value::dictionary({{"inserts", Value::dictionary({{"Note", uids({"N1"})}})}}), false);
   EXPECT_EQ(cache_->objectUIDsForEntity(*note_), Value::set({"N2"}));
 
   // Recovery changes are logged but not named.
@@ -172,8 +170,8 @@ TEST_F(CacheTest, AddAndRemoveChangeKeepTheirAsymmetry) {
 TEST_F(CacheTest, ExternalChangesInvalidateUntilAnUnknownEntity) {
   cacheNote("E1", "e1");
   cacheNote("E2", "e2");
-  cache_->invalidateObjectUIDs(Value::dictionary(
-      {{"Unknown", uids({"X"})}, {"Note", uids({"E1"})}}));
+  cache_->invalidateObjectUIDs(
+      Value::dictionary({{"Unknown", uids({"X"})}, {"Note", uids({"E1"})}}));
   EXPECT_NE(cache_->cacheItemForObjectID(noteID("E1")), nullptr);
 
   cache_->addChange(

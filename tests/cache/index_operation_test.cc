@@ -59,14 +59,14 @@ TEST_F(IndexOperationTest, IndexesEveryConcreteEntityOnce) {
   const EntityDescription* note = store_->entityNamed("Note");
   cache_->updateCacheForObjectID(
       store_->newObjectIDForEntity(note, Value("N1")),
-      Value::dictionary({{"version", "3"},
-                         {"payload", Value::dictionary({{"title", Value::dictionary(
-                                                                      {{"value", "one"}})}})}}),
+      Value::dictionary(
+          {{"version", "3"},
+           {"payload", Value::dictionary({{"title", Value::dictionary({{"value", "one"}})}})}}),
       Url());
-  cache_->addObjectUIDs(Value::dictionary({{"Note", uids({"N1", "N2"})},
-                                           {"Item", uids({"I1"})},
-                                           {"Tag", uids({"T1"})}}),
-                        false);
+  cache_->addObjectUIDs(
+      Value::dictionary(
+          {{"Note", uids({"N1", "N2"})}, {"Item", uids({"I1"})}, {"Tag", uids({"T1"})}}),
+      false);
   EXPECT_TRUE(cache_->cachedMissingItems());
   OperationQueue* first = cache_->indexQueue();
   ASSERT_NE(first, nullptr);
@@ -85,15 +85,6 @@ TEST_F(IndexOperationTest, IndexesEveryConcreteEntityOnce) {
   EXPECT_EQ(first->operationCount(), 0u);
   MainQueue::drain();
   EXPECT_EQ(cache_->maxItemsToIndex(), 3u);
-}
-
-TEST_F(IndexOperationTest, DestroyingTheCacheStopsIndexing) {
-  Value many = Value::mutableDictionary();
-  for (int i = 0; i < 2000; ++i) many.set(Value("U" + std::to_string(i)), Value::dictionary());
-  cache_->addObjectUIDs(Value::dictionary({{"Note", many}}), false);
-  cache_.reset();  // cancels and waits; nothing may run against the freed cache
-  MainQueue::drain();
-  SUCCEED();
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 #include "quillon/cache/cache.h"
 
-#include <algorithm>
-
 #include <fmt/format.h>
+
+#include <algorithm>
 
 #include "quillon/base/date_format.h"
 #include "quillon/base/dispatch_queue.h"
@@ -108,8 +108,7 @@ bool QuillonCache::checkWritePermissionsForStoreURL(const Url& storeURL) {
 QuillonCache::QuillonCache(QuillonStore* store)
     : store_(store),
       queue_(std::make_unique<DispatchQueue>(
-          std::string(Quillon::frameworkInfo().get("CFBundleIdentifier").str()) +
-          ".CacheQueue")),
+          std::string(Quillon::frameworkInfo().get("CFBundleIdentifier").str()) + ".CacheQueue")),
       saveQueue_(std::make_unique<OperationQueue>("QuillonCacheSaveQueue")) {
   QuillonCacheItem::registerCoding();
 }
@@ -413,7 +412,8 @@ void QuillonCache::removeObjectUIDs(const Value& objects, bool isExternal) {
   if (isExternal) invalidateObjectUIDs(objects);
   for (const auto& [entityName, uids] : objects.items()) {
     if (!entityName.isString() || !isSafePathComponent(entityName.str())) continue;
-    if (auto set = cacheForEntityUIDs(entityName.str())) set->removeObjects(Value::array(uids.keys()));
+    if (auto set = cacheForEntityUIDs(entityName.str()))
+      set->removeObjects(Value::array(uids.keys()));
   }
 }
 
@@ -620,20 +620,18 @@ void QuillonCache::resetExtraDataForObjectID(const ManagedObjectIDPtr& objectID)
 
 void QuillonCache::save() {
   if (!url_.isEmpty()) store_->env()->createDirectories(url_.path());
-  std::vector<std::shared_ptr<QuillonCacheCollection>> dirty;
+  std::vector<std::shared_ptr<QuillonCacheCollection>> all;
   {
     std::lock_guard lock(entitiesMutex_);
-    for (const auto& [key, shard] : entities_) {
-      if (shard->invalid()) dirty.push_back(shard);
-    }
+    for (const auto& [key, shard] : entities_) all.push_back(shard);
   }
   {
     std::lock_guard lock(uidsMutex_);
-    for (const auto& [key, set] : uids_) {
-      if (set->invalid()) dirty.push_back(set);
-    }
+    for (const auto& [key, set] : uids_) all.push_back(set);
   }
-  for (auto& collection : dirty) {
+  for (auto& collection : all) {
+    // Clean collections would only take a queue slot to find nothing to do.
+    if (!collection->invalid()) continue;
     saveQueue_->addOperationWithBlock([collection] { collection->saveIfNeeded(); });
   }
   if (std::shared_ptr<QuillonCacheArray> log = changeLog()) log->saveIfNeeded();
@@ -712,10 +710,9 @@ void QuillonCache::cacheMissingItems() {
   for (const auto& [name, entity] : store_->entities()) {
     if (entity && !entity->isAbstract()) entities.push_back(entity);
   }
-  std::sort(entities.begin(), entities.end(),
-            [](const EntityDescription* a, const EntityDescription* b) {
-              return a->name() < b->name();
-            });
+  std::sort(
+      entities.begin(), entities.end(),
+      [](const EntityDescription* a, const EntityDescription* b) { return a->name() < b->name(); });
   for (const EntityDescription* entity : entities) {
     auto operation = std::make_shared<QuillonIndexOperation>(this, entity, indexQueue_.get());
     operation->setQueuePriority(QueuePriority::VeryLow);

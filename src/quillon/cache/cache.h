@@ -163,8 +163,8 @@ class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
   void postChangesNotice(const std::function<void()>& change);
   void installChangeLog(const std::shared_ptr<QuillonCacheArray>& log);
   std::shared_ptr<QuillonCacheArray> makeChangeLog() const;
-  std::shared_ptr<QuillonCacheItem> itemInShard(const std::shared_ptr<QuillonCacheDictionary>& shard,
-                                                const std::string& uid) const;
+  std::shared_ptr<QuillonCacheItem> itemInShard(
+      const std::shared_ptr<QuillonCacheDictionary>& shard, const std::string& uid) const;
 
   mutable std::recursive_mutex monitor_;  // changeNames, extra data, record updates
   std::atomic<bool> terminated_{false};

@@ -10,9 +10,7 @@ namespace {
 
 constexpr std::string_view kFileExtension = "fast";
 
-Env* envOf(const QuillonStore* store) {
-  return store ? store->env() : QuillonStore::defaultEnv();
-}
+Env* envOf(const QuillonStore* store) { return store ? store->env() : QuillonStore::defaultEnv(); }
 
 }  // namespace
 
@@ -25,8 +23,8 @@ void QuillonCacheCollection::loadIfNeeded() {
   if (!content_.isNil()) return;
   if (!url_.isEmpty()) {
     std::vector<uint8_t> stored;
-    Error error = envOf(store_)->readFile(url_.appendingPathExtension(kFileExtension).path(),
-                                          &stored);
+    Error error =
+        envOf(store_)->readFile(url_.appendingPathExtension(kFileExtension).path(), &stored);
     if (!error) {
       try {
         std::vector<uint8_t> plain;
@@ -83,8 +81,8 @@ void QuillonCacheCollection::saveInBundle() {
   loadIfNeeded();
   std::vector<uint8_t> bytes = encodedContent();
   if (bytes.empty()) return;
-  Url target = store_->cacheURL().appending(url_.lastPathComponent() + "." +
-                                            std::string(kFileExtension));
+  Url target =
+      store_->cacheURL().appending(url_.lastPathComponent() + "." + std::string(kFileExtension));
   store_->env()->writeFileAtomically(target.path(), bytes);
 }
 
@@ -93,15 +91,14 @@ void QuillonCacheCollection::removeFile() {
   envOf(store_)->removeItem(url_.path());
 }
 
+// Writers take the lock so that a save in progress cannot clear a mark made
+// after it encoded the content; readers need none.
 void QuillonCacheCollection::invalidate() {
   std::lock_guard lock(mutex_);
   invalid_ = true;
 }
 
-bool QuillonCacheCollection::invalid() const {
-  std::lock_guard lock(mutex_);
-  return invalid_;
-}
+bool QuillonCacheCollection::invalid() const { return invalid_; }
 
 void QuillonCacheCollection::setInvalid(bool invalid) {
   std::lock_guard lock(mutex_);
@@ -167,8 +164,7 @@ void QuillonCacheDictionary::removeObjectForKey(const std::string& key) {
 
 // ---- Array ----
 
-std::shared_ptr<QuillonCacheArray> QuillonCacheArray::arrayWithStore(QuillonStore* store,
-                                                                     Url url) {
+std::shared_ptr<QuillonCacheArray> QuillonCacheArray::arrayWithStore(QuillonStore* store, Url url) {
   return std::make_shared<QuillonCacheArray>(store, std::move(url));
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -69,7 +70,7 @@ class QuillonCacheCollection : public std::enable_shared_from_this<QuillonCacheC
 
   mutable std::recursive_mutex mutex_;
   bool contentShared_ = false;
-  bool invalid_ = false;
+  std::atomic<bool> invalid_{false};  // read without the lock
   bool fromBundle_ = false;
   Url url_;
   QuillonStore* store_;

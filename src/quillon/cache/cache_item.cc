@@ -96,8 +96,8 @@ Value parseData(const Value& data, const ManagedObjectIDPtr& objectID, QuillonSt
   std::optional<std::string> entityKey = store->fileNameForEntity(*objectID->entity());
   std::string uid = storeUID(*objectID);
   if (!entityKey || !isSafePathComponent(*entityKey) || !isSafePathComponent(uid)) return parsed;
-  Url folder = store->entitiesURL().appending(*entityKey, true).appending(uid, true).appending(
-      "Data", true);
+  Url folder =
+      store->entitiesURL().appending(*entityKey, true).appending(uid, true).appending("Data", true);
   for (const auto& [name, fileName] : data.items()) {
     if (!fileName.isString() || !isSafePathComponent(fileName.str())) continue;
     Url url = store->correctedDataURL(folder.appending(fileName.str()));

@@ -20,7 +20,8 @@ void QuillonIndexOperation::main() {
   uint64_t scheduled = 0;
   for (const Value& uid : uids.elements()) {
     if (!uid.isString()) continue;
-    auto load = std::make_shared<QuillonIndexLoadOperation>(cache_, entity_, std::string(uid.str()));
+    auto load =
+        std::make_shared<QuillonIndexLoadOperation>(cache_, entity_, std::string(uid.str()));
     load->setQueuePriority(QueuePriority::VeryLow);
     queue_->addOperation(std::move(load));
     ++scheduled;

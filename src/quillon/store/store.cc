@@ -264,6 +264,9 @@ QuillonStore::QuillonStore(PersistentStoreCoordinator* coordinator, std::string 
 }
 
 QuillonStore::~QuillonStore() {
+  // Indexing and cache checks call back into the store: stop them while the
+  // store is still whole.
+  if (cache_) cache_->stopBackgroundWork();
   for (const char* selector : {"updateChanges", "processChanges", "refreshLog"}) {
     MainQueue::cancelPreviousPerformRequests(this, selector);
   }
