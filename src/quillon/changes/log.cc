@@ -107,8 +107,12 @@ void QuillonStore::log(const std::string& message, std::string_view type, const 
 void QuillonStore::log(const std::string& message) { log(message, kQuillonLogTypeWarning); }
 
 Value QuillonStore::logEntries() const {
-  std::vector<Value> newestFirst(log_.elements().rbegin(), log_.elements().rend());
-  return Value::array(std::move(newestFirst));
+  // The log only grows, so an equal count means the snapshot is current.
+  if (logSnapshot_.isNil() || logSnapshot_.size() != log_.size()) {
+    std::vector<Value> newestFirst(log_.elements().rbegin(), log_.elements().rend());
+    logSnapshot_ = Value::array(std::move(newestFirst));
+  }
+  return logSnapshot_;
 }
 
 void QuillonStore::refreshLog() {

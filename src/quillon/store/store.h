@@ -408,7 +408,9 @@ class QuillonStore : public IncrementalStore {
 
   // [log.cc]
   // log_ holds the entries oldest first, so that adding one is cheap;
-  // logEntries() answers them newest first.
+  // logEntries() answers them newest first from logSnapshot_, which the
+  // store keeps so that the answer's elements outlive a temporary handle.
+  mutable Value logSnapshot_;
   //
   // The log's main-queue blocks and delayed calls reach the store through a
   // shared link that the store detaches as its members go, so a block that
