@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "quillon/base/env.h"
 #include "quillon/base/operation_queue.h"
 #include "quillon/cache/cache_collection.h"
@@ -119,6 +121,34 @@ TEST_F(CacheTest, ValuesAreShardedByFirstCharacterAndWrittenOnlyWhenDirty) {
   cache_->save();
   cache_->saveQueue().waitUntilAllOperationsAreFinished();
   EXPECT_FALSE(Env::Default()->exists(shardFile));
+}
+
+TEST_F(CacheTest, ConcurrentUpdatesReadsAndSavesOfOneShard) {
+  // Writers, readers and saves of the same shard at once: every save must
+  // see a whole shard and nothing may be lost.
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 3; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 200; ++i) {
+        std::string uid = fmt::format("D{}{:03}", t, i);
+        cacheNote(uid, uid);
+        cache_->allValuesForObjectID(noteID(uid), nullptr);
+      }
+    });
+  }
+  threads.emplace_back([&] {
+    for (int i = 0; i < 20; ++i) cache_->save();
+  });
+  for (auto& thread : threads) thread.join();
+  cache_->save();
+  cache_->saveQueue().waitUntilAllOperationsAreFinished();
+
+  auto shard = QuillonCacheDictionary::dictionaryWithStore(store_, *cache_->URLForKey("Note_D"));
+  Value stored = shard->content();
+  ASSERT_EQ(stored.size(), 600u);
+  auto* item = stored.get("D2199").objectAs<QuillonCacheItem>();
+  ASSERT_NE(item, nullptr);
+  EXPECT_EQ(item->attributes().get("title"), Value("D2199"));
 }
 
 TEST_F(CacheTest, ExtraDataNeedsACachedItem) {

@@ -14,9 +14,11 @@
 #include "quillon/graph/predicate.h"
 #include "quillon/graph/sort_descriptor.h"
 #include "quillon/platform/main_queue.h"
+#include "quillon/store/persistent_store_coordinator.h"
 #include "quillon/store/request_item.h"
 #include "quillon/store/store.h"
 #include "support/fault_env.h"
+#include "support/sample_models.h"
 #include "support/store_stack.h"
 #include "support/temp_dir.h"
 
@@ -95,6 +97,25 @@ class FetchingTest : public ::testing::Test {
 
   TempDir dir_{"quillon-fetching"};
 };
+
+TEST_F(FetchingTest, NothingIsAnsweredBeforeTheChangeLogIsLoaded) {
+  // A store that is made but not yet added to its coordinator has not bound
+  // its cache to the package, so no change log is loaded. Even when the
+  // cache already knows objects, a fetch answers nothing rather than blocking.
+  auto coordinator = std::make_shared<QuillonPersistentStoreCoordinator>(notesModel());
+  auto store = std::make_shared<QuillonStore>(coordinator.get(), std::string(),
+                                              Url::fileURL(packagePath(), true), Value());
+  store->cache().addObjectUIDs(
+      Value::dictionary({{Value::string("Note"),
+                          Value::dictionary({{Value::string("0A1B"), Value::dictionary()}})}}),
+      false);
+  ASSERT_EQ(store->cache().changeLog(), nullptr);
+  ASSERT_EQ(store->cache().objectUIDsForEntityName("Note").size(), 1u);
+  EXPECT_EQ(store->executeFetchRequest(request("Note"), nullptr), Value::array());
+  EXPECT_EQ(store->executeFetchRequest(request("Note", "priority > 1"), nullptr), Value::array());
+  EXPECT_EQ(store->executeFetchRequest(request("Note", {}, FetchRequestResultType::Count), nullptr),
+            Value::array({Value::integer(0)}));
+}
 
 TEST_F(FetchingTest, CountsWithAndWithoutPredicatesOverSubentities) {
   auto stack = open();
@@ -266,17 +287,19 @@ TEST_F(RecordLoadingTest, CloudOnlyRecordGivesNilAndOneRemoteFileIssue) {
 
   EXPECT_EQ(load(), nullptr);
   ASSERT_EQ(issueTypes(), std::vector<std::string>{"Remote File"});
-  const Value& issue = stack_->store->loadingIssues()[0].dictionary();
+  Value issue = stack_->store->loadingIssues()[0].dictionary();
   EXPECT_EQ(issue.get("url"), Value::string(files_[1].absoluteString()));
   EXPECT_TRUE(issue.get("date").isDate());
 }
 
 TEST_F(RecordLoadingTest, UnreadableRecordsEndTheLoadWithTheirIssue) {
   const std::string path = files_[2].path();
-  // Missing: the read fails.
+  // Missing: nothing can be read under the record's name.
   ASSERT_FALSE(Env::Default()->removeItem(path));
+  ASSERT_FALSE(Env::Default()->createDirectories(path));
   EXPECT_EQ(load(), nullptr);
   // Empty: zero bytes.
+  ASSERT_FALSE(Env::Default()->removeItem(path));
   ASSERT_FALSE(Env::Default()->writeFileAtomically(path, std::string_view()));
   EXPECT_EQ(load(), nullptr);
   EXPECT_EQ(issueTypes(), (std::vector<std::string>{"Missing File", "Empty File"}));
@@ -327,7 +350,7 @@ class ReopenTest : public FetchingTest {
   }
 
   std::vector<std::string> answers(StoreStack& stack) {
-    FetchRequest fetch = request("Note", "priority >= 3 AND folder.name == 'even'");
+    FetchRequest fetch = request("Note", "priority >= 1 AND folder.name == 'even'");
     fetch.setSortDescriptors({SortDescriptor("title")});
     std::vector<std::string> out = titles(stack, fetch);
     out.push_back(std::to_string(countOf(stack.store->executeFetchRequest(

@@ -39,6 +39,7 @@ class FetchCommandTest : public ::testing::Test {
     ManagedObjectPtr tag = context.insertNewObjectForEntityForName("Tag");
     tag->setValue("name", Value::string("work"));
     int priorities[] = {2, 7, 5};
+    ManagedObjectPtr tagged;
     for (int i = 0; i < 3; ++i) {
       ManagedObjectPtr note = context.insertNewObjectForEntityForName("Note");
       note->setValue("title", Value::string("note " + std::to_string(i)));
@@ -46,13 +47,14 @@ class FetchCommandTest : public ::testing::Test {
       if (i == 1) {
         note->setValue("folder", Value::object(folder));
         note->addObject("tags", tag);
-        noteID_ = "Note/" + storeUID(*note);
-        folderID_ = "Folder/" + storeUID(*folder);
-        tagID_ = "Tag/" + storeUID(*tag);
+        tagged = note;
       }
     }
     Error error;
     ASSERT_TRUE(stack.saveAndWait(&error)) << error.localizedDescription();
+    noteID_ = "Note/" + storeUID(*tagged);
+    folderID_ = "Folder/" + storeUID(*folder);
+    tagID_ = "Tag/" + storeUID(*tag);
   }
 
   std::string package() const { return dir_.file("Doc.quillon"); }

@@ -152,7 +152,11 @@ class Computer {
       if (!objects.isContainer()) continue;
       for (const Value& member : objects.elements()) {
         auto object = std::dynamic_pointer_cast<ManagedObject>(member.objectValue());
-        if (object) lines.push_back(fmt::format("  {} {}", verb, describe(object)));
+        if (!object) continue;
+        // A deleted object's values are gone; its path says which it was.
+        std::string text = key == kQuillonDeletedObjectsKey ? storeSavePath(*object->objectID())
+                                                            : describe(object);
+        lines.push_back(fmt::format("  {} {}", verb, text));
       }
     }
     if (lines.empty()) return;

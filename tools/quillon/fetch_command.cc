@@ -13,10 +13,11 @@
 #include "quillon/base/json.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/graph/fetch_request.h"
+#include "quillon/graph/managed_object_model.h"
 #include "quillon/graph/predicate.h"
 #include "quillon/graph/sort_descriptor.h"
-#include "tool.h"
 #include "package.h"
+#include "tool.h"
 
 namespace quillon::tool {
 namespace {
@@ -53,16 +54,19 @@ SortDescriptor sortDescriptorFor(const std::string& text, const EntityDescriptio
   return SortDescriptor(key, ascending);
 }
 
-void runFetch(const FetchOptions& options) {
-  OpenPackage package({.path = options.package,
-                       .modelPath = options.model,
-                       .password = options.password});
-  const EntityDescription* entity = package.model().entity(options.entity);
+// The request the options describe; bad options are refused before the
+// package is opened.
+FetchRequest requestFor(const FetchOptions& options) {
+  std::vector<uint8_t> modelText = readWholeFile(options.model);
+  Error error;
+  auto model = ManagedObjectModel::fromJSON(
+      std::string_view(reinterpret_cast<const char*>(modelText.data()), modelText.size()), &error);
+  if (!model) throw ToolError("cannot load the model: " + error.localizedDescription());
+  const EntityDescription* entity = model->entity(options.entity);
   if (!entity) throw ToolError("unknown entity \"" + options.entity + "\"");
 
   FetchRequest request(options.entity);
   if (options.where) {
-    Error error;
     auto predicate = Predicate::parse(*options.where, {}, &error);
     if (!predicate) {
       throw ToolError("cannot parse --where: " + error.localizedDescription());
@@ -71,6 +75,14 @@ void runFetch(const FetchOptions& options) {
   }
   if (options.sort) request.setSortDescriptors({sortDescriptorFor(*options.sort, *entity)});
   request.setFetchLimit(options.limit);
+  return request;
+}
+
+void runFetch(const FetchOptions& options) {
+  FetchRequest request = requestFor(options);
+  OpenPackage package({.path = options.package,
+                       .modelPath = options.model,
+                       .password = options.password});
   package.waitUntilReady();
 
   if (options.count) {

@@ -46,7 +46,7 @@ std::shared_ptr<QuillonStore> lockStore(const std::weak_ptr<IncrementalStore>& w
 Value menuItem(std::string_view title, std::string_view action, const Url& url) {
   return Value::dictionary({{"title", Value(title)},
                             {"action", Value(action)},
-                            {"URL", Value::url(url)}});
+                            {"URL", Value(url.absoluteString())}});
 }
 
 Value ignoreItem(const Url& changeURL) {
@@ -200,15 +200,18 @@ void QuillonStore::updateChangesWithCompletion(std::function<void(bool success)>
   }
   if (start == 0) cache().reset();
   pass->start = start;
-  readQueue().async([self, pass] { self->applyChangeFiles(self, pass); });
+  // The read queue belongs to the store, so the store must never be released
+  // there: the reference moves on to the pass's last main-queue block.
+  readQueue().async([self, pass]() mutable { applyChangeFiles(std::move(self), pass); });
 }
 
-// Read queue. Every block handed to the main queue holds the store, so the
-// last reference is never dropped on this queue (which the store owns).
-void QuillonStore::applyChangeFiles(const std::shared_ptr<QuillonStore>& self,
+// Read queue. `self` ends in the last block handed to the main queue, so the
+// last reference is never dropped on this queue, which the store owns.
+void QuillonStore::applyChangeFiles(std::shared_ptr<QuillonStore> self,
                                     const std::shared_ptr<UpdatePass>& pass) {
-  const Url changes = changesURL();
-  const bool recovering = recover();
+  QuillonStore& store = *self;
+  const Url changes = store.changesURL();
+  const bool recovering = store.recover();
   for (size_t i = pass->start; i < pass->names.size(); ++i) {
     const std::string& name = pass->names[i];
     const Url fileURL = changes.appending(name);
@@ -216,27 +219,27 @@ void QuillonStore::applyChangeFiles(const std::shared_ptr<QuillonStore>& self,
     const std::string shown = fileURL.absoluteString();
     const Value ignoreMenu = Value::array({ignoreItem(fileURL)});
 
-    if (!QuillonIsOnDisk(path, env())) {
-      log(fmt::format("Change file is not on disk: {}", shown), kQuillonLogTypeError);
+    if (!QuillonIsOnDisk(path, store.env())) {
+      store.log(fmt::format("Change file is not on disk: {}", shown), kQuillonLogTypeError);
       pass->hadError = true;
       pass->remoteFiles = true;
     }
 
     Value change;
-    ChangeFileReading reading = readChangeFile(*this, path, name, &change);
+    ChangeFileReading reading = readChangeFile(store, path, name, &change);
     if (reading.outcome == ChangeFileReading::kMissing) {
-      log(fmt::format("Missing change file: {}", shown), kQuillonLogTypeWarning, ignoreMenu);
+      store.log(fmt::format("Missing change file: {}", shown), kQuillonLogTypeWarning, ignoreMenu);
       pass->hadError = true;
       if (!recovering) break;
     } else if (reading.outcome != ChangeFileReading::kRead) {
       if (reading.outcome == ChangeFileReading::kUndecryptable) {
-        log(fmt::format("Could not decrypt change file: {}", shown), kQuillonLogTypeWarning,
+        store.log(fmt::format("Could not decrypt change file: {}", shown), kQuillonLogTypeWarning,
             ignoreMenu);
       }
       Value menu = Value::array({ignoreItem(fileURL), showItem(fileURL)});
-      log(fmt::format("Incomplete change file: {}", shown), kQuillonLogTypeWarning, menu);
+      store.log(fmt::format("Incomplete change file: {}", shown), kQuillonLogTypeWarning, menu);
       if (reading.outcome == ChangeFileReading::kInvalid) {
-        log(fmt::format("Refused change file: {}: {}", shown, reading.problem),
+        store.log(fmt::format("Refused change file: {}: {}", shown, reading.problem),
             kQuillonLogTypeWarning, menu);
       }
       pass->hadError = true;
@@ -249,18 +252,18 @@ void QuillonStore::applyChangeFiles(const std::shared_ptr<QuillonStore>& self,
       if (previous.isString()) {
         const Value& ownName = change.get("name");
         if (ownName.isString() && ownName.str() < previous.str()) {
-          log(fmt::format("Date inconsistency in change file: {}. Use the menu File/Save as and "
+          store.log(fmt::format("Date inconsistency in change file: {}. Use the menu File/Save as and "
                           "create a new file.",
                           ownName.str()),
               kQuillonLogTypeError);
-          setErrorLevel(kQuillonLogTypeError);
+          store.setErrorLevel(kQuillonLogTypeError);
         }
         // The reader has checked that the name is one path component.
         const Url previousURL = changes.appending(previous.str());
-        if (!env()->exists(previousURL.path())) {
+        if (!store.env()->exists(previousURL.path())) {
           Value menu = Value::array({menuItem("Ignore", "insertChangeFromMenu:", previousURL),
                                      showItem(previousURL)});
-          log(fmt::format("Missing change file: {}", previous.str()), kQuillonLogTypeWarning,
+          store.log(fmt::format("Missing change file: {}", previous.str()), kQuillonLogTypeWarning,
               menu);
           pass->hadError = true;
           if (!recovering) break;
@@ -268,12 +271,12 @@ void QuillonStore::applyChangeFiles(const std::shared_ptr<QuillonStore>& self,
       }
     }
 
-    Value validated = validatedChanges(change);
+    Value validated = store.validatedChanges(change);
     if (validated.isNil()) {
-      MainQueue::async([self, pass] { pass->completion(false); });
+      MainQueue::async([self = std::move(self), pass] { pass->completion(false); });
       return;
     }
-    setErrorLevel(kQuillonLogTypeSuccess);
+    store.setErrorLevel(kQuillonLogTypeSuccess);
     const bool isRecovery = change.get("type").isString() && change.get("type").str() == "recovery";
     const Value& sections = change.get(isRecovery ? "refreshes" : kQuillonChanges);
     if (sections.isDictionary()) {
@@ -288,7 +291,7 @@ void QuillonStore::applyChangeFiles(const std::shared_ptr<QuillonStore>& self,
           mergeWithDictionary(pass->deletes, sections.get(kQuillonDelete));
         }
       } catch (const std::exception& e) {
-        log(fmt::format("Could not merge change file: {}: {}", shown, e.what()),
+        store.log(fmt::format("Could not merge change file: {}: {}", shown, e.what()),
             kQuillonLogTypeWarning);
       }
     }
@@ -298,7 +301,7 @@ void QuillonStore::applyChangeFiles(const std::shared_ptr<QuillonStore>& self,
   MainQueue::async([self, pass] {
     self->refreshInsertedObjects(pass->inserts, pass->updates, pass->deletes);
   });
-  MainQueue::async([self, pass, recovering] {
+  MainQueue::async([self = std::move(self), pass, recovering] {
     self->hasRemoteFiles_.store(pass->remoteFiles);
     pass->completion(recovering || (!pass->hadError && !pass->remoteFiles));
   });

@@ -399,8 +399,8 @@ class QuillonStore : public IncrementalStore {
   // [update.cc]
   struct UpdatePass;
   // Reads, validates and merges the pass's change files (read queue).
-  void applyChangeFiles(const std::shared_ptr<QuillonStore>& self,
-                        const std::shared_ptr<UpdatePass>& pass);
+  static void applyChangeFiles(std::shared_ptr<QuillonStore> self,
+                               const std::shared_ptr<UpdatePass>& pass);
 
   // [observation.cc]
   // Guards watcher_ against willWriteChangeFile() from the save threads.

@@ -1,0 +1,214 @@
+// Applying another computer's change files: two stores with separate caches
+// and machine names on one package, updates run explicitly, time on a manual
+// clock.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "changes/two_computers.h"
+#include "quillon/base/env.h"
+#include "quillon/platform/main_queue.h"
+#include "support/manual_clock.h"
+#include "support/store_stack.h"
+#include "support/temp_dir.h"
+
+namespace quillon {
+namespace {
+
+using testing::ExternalChanges;
+using testing::fetchNotes;
+using testing::insertNote;
+using testing::logContains;
+using testing::loggedChangeNames;
+using Strings = std::vector<std::string>;
+
+class UpdateTest : public ::testing::Test {
+ protected:
+  // Updates here run when the test says, never from folder events.
+  void SetUp() override { QuillonStore::setObservationLatency(3600); }
+  void TearDown() override { QuillonStore::setObservationLatency(2.0); }
+
+  std::unique_ptr<StoreStack> open(const std::string& machine, Value options = Value()) {
+    std::unique_ptr<StoreStack> stack;
+    {
+      ScopedCacheHome home(dir.file("cache-" + machine));
+      stack = std::make_unique<StoreStack>(package, options, machine);
+    }
+    EXPECT_TRUE(stack->waitUntilReady());
+    return stack;
+  }
+  void update(StoreStack& stack) {
+    stack.store->updateChanges();
+    ASSERT_TRUE(stack.waitUntilReady());
+    MainQueue::drain();
+  }
+  std::string recordPath(const std::string& uid, const std::string& change) {
+    return package + "/Entities/Note/" + uid + "/" + change;
+  }
+
+  TempDir dir{"quillon-update"};
+  std::string package = dir.file("Doc.quillon");
+  testing::ManualClock clock;
+};
+
+// Inserts, updates and deletes arriving through folder events: e2e/two_stores_test.
+TEST_F(UpdateTest, AnUpdateAppliesOnlyWhatIsNewAndAnnouncesItOnce) {
+  auto a = open("A");
+  auto b = open("B");
+  fetchNotes(*b);
+  ExternalChanges seen(b->context.get());
+  ManagedObjectPtr note = insertNote(*a, "first");
+  ASSERT_TRUE(a->saveAndWait());
+  update(*b);
+  EXPECT_EQ(seen.order(), "WPD");
+  EXPECT_EQ(seen.uids("inserted"), Strings{storeUID(*note)});
+  EXPECT_EQ(loggedChangeNames(*b->store), loggedChangeNames(*a->store));
+  EXPECT_EQ(b->store->checkSum(), a->store->checkSum());
+
+  update(*b);  // the folder lists exactly the change log
+  EXPECT_EQ(seen.count(), 1);
+  EXPECT_TRUE(logContains(*b->store, "No new changes to apply"));
+}
+
+TEST_F(UpdateTest, AnObjectInsertedAndDeletedInOnePassIsOnlyDeleted) {
+  auto a = open("A");
+  auto b = open("B");
+  fetchNotes(*b);
+  ExternalChanges seen(b->context.get());
+  ManagedObjectPtr note = insertNote(*a, "short-lived");
+  ASSERT_TRUE(a->saveAndWait());
+  const std::string uid = storeUID(*note);
+  a->context->deleteObject(note);
+  ASSERT_TRUE(a->saveAndWait());
+  update(*b);
+  EXPECT_EQ(seen.uids("deleted"), Strings{uid});
+  EXPECT_EQ(seen.uids("inserted"), Strings{});
+}
+
+TEST_F(UpdateTest, AChangeWhoseRecordsHaveNotArrivedIsHeldBackAndRetried) {
+  auto a = open("A");
+  auto b = open("B");
+  fetchNotes(*b);
+  ExternalChanges seen(b->context.get());
+  ManagedObjectPtr note = insertNote(*a, "late");
+  ASSERT_TRUE(a->saveAndWait());
+  const std::string uid = storeUID(*note);
+  const std::string change = loggedChangeNames(*a->store).back();
+  ASSERT_FALSE(Env::Default()->moveItem(recordPath(uid, change), dir.file("away")));
+
+  update(*b);
+  EXPECT_TRUE(logContains(*b->store, "Missing files: Abort and trying again in some seconds"));
+  EXPECT_EQ(seen.count(), 0);
+  EXPECT_TRUE(loggedChangeNames(*b->store).empty());
+
+  // The record arrives; the retry ten seconds later applies the change.
+  ASSERT_FALSE(Env::Default()->moveItem(dir.file("away"), recordPath(uid, change)));
+  clock.advance(10.0);
+  ASSERT_TRUE(b->waitUntilReady());
+  MainQueue::drain();
+  EXPECT_EQ(seen.uids("inserted"), Strings{uid});
+  EXPECT_EQ(loggedChangeNames(*b->store), Strings{change});
+}
+
+TEST_F(UpdateTest, ALateDataFileIsWaitedForAndFoundUnderASuffixedName) {
+  auto a = open("A");
+  auto b = open("B");
+  fetchNotes(*b);
+  ExternalChanges seen(b->context.get());
+  ManagedObjectPtr note = insertNote(*a, "with data");
+  note->setValue("data", Value::data(std::string_view("attachment bytes")));
+  ASSERT_TRUE(a->saveAndWait());
+  const std::string folder = package + "/Entities/Note/" + storeUID(*note) + "/Data";
+  std::vector<std::string> files;
+  ASSERT_FALSE(Env::Default()->listDirectory(folder, &files));
+  ASSERT_EQ(files.size(), 1u);
+  ASSERT_FALSE(Env::Default()->moveItem(folder + "/" + files[0], dir.file("away")));
+
+  update(*b);
+  EXPECT_TRUE(logContains(*b->store, "Missing files: Abort and trying again in some seconds"));
+  EXPECT_EQ(seen.count(), 0);
+
+  // The synchronisation service delivers it as a conflict copy.
+  ASSERT_FALSE(Env::Default()->moveItem(dir.file("away"), folder + "/" + files[0] + " (2)"));
+  clock.advance(10.0);
+  ASSERT_TRUE(b->waitUntilReady());
+  MainQueue::drain();
+  EXPECT_EQ(seen.uids("inserted"), Strings{storeUID(*note)});
+}
+
+TEST_F(UpdateTest, RecoveryModeAppliesAnIncompleteChangeAndLogsTheProblem) {
+  auto a = open("A");
+  auto b = open("B");
+  b->store->setRecover(true);
+  fetchNotes(*b);
+  ExternalChanges seen(b->context.get());
+  ManagedObjectPtr note = insertNote(*a, "damaged");
+  ASSERT_TRUE(a->saveAndWait());
+  const std::string change = loggedChangeNames(*a->store).back();
+  ASSERT_FALSE(Env::Default()->removeItem(recordPath(storeUID(*note), change)));
+
+  update(*b);
+  EXPECT_EQ(loggedChangeNames(*b->store), Strings{change});
+  EXPECT_EQ(seen.uids("inserted"), Strings{storeUID(*note)});
+  EXPECT_TRUE(logContains(*b->store, "Failed validation"));
+  EXPECT_FALSE(logContains(*b->store, "Missing files: Abort"));
+}
+
+TEST_F(UpdateTest, AChangeThatArrivesInTheMiddleCutsTheLogAndReappliesTheRest) {
+  auto a = open("A");
+  auto b = open("B");
+  insertNote(*a, "one");
+  ASSERT_TRUE(a->saveAndWait());
+  insertNote(*a, "two");
+  ASSERT_TRUE(a->saveAndWait());
+  update(*b);
+  Strings names = loggedChangeNames(*b->store);
+  ASSERT_EQ(names.size(), 2u);
+
+  // An older save of a third computer: sorts after the first, before the second.
+  std::string middle = names[0].substr(0, names[0].size() - 5) + "~.json";
+  dir.write("Doc.quillon/Changes/" + middle,
+            "{\"name\": \"" + middle + "\", \"type\": \"recovery\"}");
+  update(*b);
+  EXPECT_EQ(loggedChangeNames(*b->store), (Strings{names[0], middle, names[1]}));
+  EXPECT_EQ(fetchNotes(*b).size(), 2u);
+}
+
+TEST_F(UpdateTest, UpToChangeStopsAtTheNamedChange) {
+  auto a = open("A");
+  for (const char* title : {"one", "two", "three", "four"}) {
+    insertNote(*a, title);
+    ASSERT_TRUE(a->saveAndWait());
+  }
+  Strings names = loggedChangeNames(*a->store);
+  ASSERT_EQ(names.size(), 4u);
+  auto b = open("B", Value::dictionary({{kQuillonUpToChange,
+                                         Value::dictionary({{"name", Value(names[2])}})}}));
+  EXPECT_EQ(loggedChangeNames(*b->store), (Strings{names[0], names[1], names[2]}));
+  EXPECT_EQ(b->store->changesFileCount(), 4u);
+  EXPECT_EQ(fetchNotes(*b).size(), 3u);
+}
+
+TEST_F(UpdateTest, AnUpdateRequestedWhileOneRunsIsDeferredTenSeconds) {
+  auto a = open("A");
+  auto b = open("B");
+  insertNote(*a, "one");
+  ASSERT_TRUE(a->saveAndWait());
+  b->store->updateChanges();
+  b->store->updateChanges();
+  ASSERT_TRUE(b->waitUntilReady());
+  MainQueue::drain();
+  EXPECT_TRUE(logContains(*b->store, "Update in progress: Abort and trying again in some seconds"));
+  EXPECT_FALSE(b->store->updating());
+
+  clock.advance(9.5);
+  EXPECT_FALSE(b->waitUntilReady(0.3));
+  clock.advance(1.0);
+  EXPECT_TRUE(b->waitUntilReady());
+}
+
+}  // namespace
+}  // namespace quillon
