@@ -509,7 +509,12 @@ std::shared_ptr<QuillonCacheItem> QuillonCache::cacheItemForObjectID(
     return item;
   }
   item = loadValuesForObjectID(objectID, context, shard);
-  if (item) shard->setValue(Value::object(item), uid);
+  if (!item) return nullptr;
+  // The load ran without the shard's lock; a save may have stored a newer
+  // item meanwhile, which a load from the records must not replace.
+  std::lock_guard lock(shard->lock());
+  if (std::shared_ptr<QuillonCacheItem> stored = itemInShard(shard, uid)) return stored;
+  shard->setValue(Value::object(item), uid);
   return item;
 }
 
@@ -526,10 +531,18 @@ Value QuillonCache::valuesForObjectID(const ManagedObjectIDPtr& objectID,
   std::string uid = storeUID(*objectID);
   std::shared_ptr<QuillonCacheItem> item = itemInShard(shard, uid);
   if (!item || item->attributes().isNil()) {
-    item = store_->loadValuesForObjectID(objectID, context);
-    if (!item) return Value();
-    item->setCollection(shard);
-    shard->setValue(Value::object(item), uid);
+    std::shared_ptr<QuillonCacheItem> loaded = store_->loadValuesForObjectID(objectID, context);
+    if (!loaded) return Value();
+    loaded->setCollection(shard);
+    std::lock_guard lock(shard->lock());
+    std::shared_ptr<QuillonCacheItem> stored = itemInShard(shard, uid);
+    // Keep an item that a save stored while the records were read.
+    if (stored && stored != item && !stored->attributes().isNil()) {
+      item = stored;
+    } else {
+      item = loaded;
+      shard->setValue(Value::object(item), uid);
+    }
   }
   return item->valuesForObjectID(objectID, store_, context);
 }

@@ -6,6 +6,7 @@
 #include "quillon/base/system_log.h"
 #include "quillon/base/url.h"
 #include "quillon/cache/cache.h"
+#include "quillon/graph/entity_description.h"
 #include "quillon/graph/fetch_request.h"
 #include "quillon/graph/managed_object.h"
 #include "quillon/graph/persistent_store_coordinator.h"
@@ -84,9 +85,16 @@ ManagedObjectPtr storeObjectWithURI(ManagedObjectContext& context, const Value& 
   std::string wanted = url->absoluteString();
   ManagedObjectIDPtr id = coordinator->managedObjectIDForURIRepresentation(*url);
   if (id && id->uriString() == wanted) {
-    // existingObjectWithID rather than a bare fault: a URI of an object that
-    // is gone answers nothing.
-    if (ManagedObjectPtr object = context.existingObjectWithID(id)) return object;
+    if (ManagedObjectPtr registered = context.objectRegisteredForID(id)) return registered;
+    // A fault would be made for any identifier; only a uid the store knows
+    // names an object that still exists.
+    auto* store = dynamic_cast<QuillonStore*>(id->persistentStore().get());
+    if (store && id->entity()) {
+      Value uids = store->cache().objectUIDsForEntityName(id->entity()->name());
+      if (uids.contains(Value(storeUID(*id)))) return context.objectWithID(id);
+    } else if (ManagedObjectPtr object = context.existingObjectWithID(id)) {
+      return object;
+    }
   }
   std::vector<std::string> components = url->pathComponents();
   if (components.size() < 2) return nullptr;
