@@ -127,7 +127,7 @@ void prepare() {
       notes.push_back(note);
     }
     writer.save();
-    for (auto& note : notes) note->setValue("rank", Value(kObjects - note->value("rank").intValue()));
+    for (auto& note : notes) note->setValue("rank", Value(kObjects + note->value("rank").intValue()));
     writer.save();
     for (auto& note : notes) fixture->uids.push_back(storeUID(*note));
   }

@@ -52,7 +52,12 @@ void QuillonStore::observeDirectory() {
       [this, changesPath](std::vector<std::string> paths) {
         std::vector<std::string> relevant;
         for (std::string& path : paths) {
-          if (isAtOrBelow(path, changesPath)) relevant.push_back(std::move(path));
+          if (!isAtOrBelow(path, changesPath)) continue;
+          // The folder appearing (made by this store's first save) brings
+          // nothing by itself: files arriving in it have events of their own.
+          // Its removal or replacement does count.
+          if (path.size() == changesPath.size() && env()->isDirectory(changesPath)) continue;
+          relevant.push_back(std::move(path));
         }
         if (!relevant.empty()) invalidatePaths(relevant);
       });

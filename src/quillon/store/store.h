@@ -416,6 +416,27 @@ class QuillonStore : public IncrementalStore {
   mutable std::mutex watcherMutex_;
 
   // [log.cc]
+  // log_ holds the entries oldest first, so that adding one is cheap;
+  // logEntries() answers them newest first from logSnapshot_, which the
+  // store keeps so that the answer's elements outlive a temporary handle.
+  mutable Value logSnapshot_;
+  //
+  // The log's main-queue blocks and delayed calls reach the store through a
+  // shared link that the store detaches as its members go, so a block that
+  // runs after the store is gone does nothing.
+  struct LogLink;
+  class LogLinkOwner {
+   public:
+    explicit LogLinkOwner(QuillonStore* store);
+    ~LogLinkOwner();
+    LogLinkOwner(const LogLinkOwner&) = delete;
+    LogLinkOwner& operator=(const LogLinkOwner&) = delete;
+    const std::shared_ptr<LogLink>& link() const { return link_; }
+
+   private:
+    std::shared_ptr<LogLink> link_;
+  };
+  LogLinkOwner logLink_{this};
 
   // [end]
 };
