@@ -60,6 +60,12 @@ TEST_F(CacheItemTest, AttributesDefaultsBinaryAndRelations) {
   EXPECT_EQ(item.relations().find("folder"), nullptr);
   EXPECT_EQ(item.attributes().get("score"), Value(2.5));
   EXPECT_EQ(item.attributes().get("title"), Value("Hello"));
+
+  // URI attributes have no transformer: clearing one needs none, and a value
+  // that none can read (another computer's record) counts as absent.
+  EXPECT_NO_THROW(update(item, Value::dictionary({{"link", Value::dictionary()}})));
+  EXPECT_NO_THROW(update(item, Value::dictionary({{"link", entry("http://x")}})));
+  EXPECT_EQ(item.attributes().find("link"), nullptr);
 }
 
 TEST_F(CacheItemTest, ToManyAddsRemovesAndOrders) {

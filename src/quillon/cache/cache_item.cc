@@ -172,8 +172,18 @@ void QuillonCacheItem::updateValues(const Value& values, const EntityDescription
     if (!key.isString() || !entry.isDictionary()) continue;
     std::string_view name = key.str();
     if (const AttributeDescription* attribute = entity.attribute(name)) {
-      Value value = QuillonValueTransformerForAttribute(*attribute, version)
-                        ->transformedValue(entry.get("value"));
+      // A cleared value needs no transformer; a record from another computer
+      // whose value no transformer reads counts as absent rather than
+      // stopping the load on this thread.
+      Value value;
+      if (const Value* stored = entry.find("value"); stored && !stored->isNil()) {
+        try {
+          value = QuillonValueTransformerForAttribute(*attribute, version)
+                      ->transformedValue(*stored);
+        } catch (const Exception&) {
+          value = Value();
+        }
+      }
       if (value.isNil()) value = attribute->defaultValue();
       (attribute->attributeType() == AttributeType::Binary ? data : attributes)
           .set(key, std::move(value));
