@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdlib>
 #include <string>
 
 #include "quillon/base/env.h"
@@ -12,15 +10,12 @@
 #include "quillon/coding/dense_coder.h"
 #include "quillon/coding/sea_crypto.h"
 #include "support/temp_dir.h"
+#include "support/tool_run.h"
 
 namespace quillon {
 namespace {
 
-struct ToolRun {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
+using testing::ToolRun;
 
 class DecodeCacheTest : public ::testing::Test {
  protected:
@@ -33,16 +28,7 @@ class DecodeCacheTest : public ::testing::Test {
     return write(name, DenseCoder::dataWithRootObject(root).bytes());
   }
 
-  ToolRun tool(const std::string& arguments) {
-    std::string command = std::string("'") + QUILLON_TOOL_PATH + "' " + arguments + " > '" +
-                          dir_.file("stdout") + "' 2> '" + dir_.file("stderr") + "'";
-    ToolRun run;
-    int raw = std::system(command.c_str());
-    run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    run.out = dir_.read("stdout");
-    run.err = dir_.read("stderr");
-    return run;
-  }
+  ToolRun tool(const std::string& arguments) { return testing::runTool(dir_, arguments); }
 
   TempDir dir_{"quillon-decode-cache"};
 };

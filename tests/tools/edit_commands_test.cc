@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -10,36 +7,21 @@
 #include "support/package_reader.h"
 #include "support/sample_models.h"
 #include "support/temp_dir.h"
+#include "support/tool_run.h"
 
 namespace quillon {
 namespace {
 
-namespace fs = std::filesystem;
-
 const std::vector<std::string> kEntities{"Folder", "Note", "Tag", "Person", "Pet",
                                          "Item", "Book", "Album"};
 
-struct ToolRun {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
+using testing::ToolRun;
 
 class EditCommandsTest : public ::testing::Test {
  protected:
   void SetUp() override { dir_.write("model.json", kNotesModelJSON); }
 
-  ToolRun tool(const std::string& arguments) {
-    std::string command = "XDG_CACHE_HOME='" + dir_.file("caches") + "' '" + QUILLON_TOOL_PATH +
-                          "' " + arguments + " > '" + dir_.file("stdout") + "' 2> '" +
-                          dir_.file("stderr") + "'";
-    ToolRun run;
-    int raw = std::system(command.c_str());
-    run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    run.out = dir_.read("stdout");
-    run.err = dir_.read("stderr");
-    return run;
-  }
+  ToolRun tool(const std::string& arguments) { return testing::runTool(dir_, arguments); }
   std::string common() const {
     return "'" + package() + "' --model '" + dir_.file("model.json") + "'" +
            (password_.empty() ? "" : " --password " + password_);
@@ -66,26 +48,8 @@ class EditCommandsTest : public ::testing::Test {
     EXPECT_TRUE(reader.problems().empty()) << reader.problemsText();
     return reader;
   }
-  // Every file of the package, to prove a refused command changed nothing.
-  std::vector<std::string> snapshot() const {
-    std::vector<std::string> files;
-    for (const auto& item : fs::recursive_directory_iterator(package())) {
-      files.push_back(item.path().string() + ":" +
-                      (item.is_regular_file() ? std::to_string(item.file_size()) : "dir"));
-    }
-    std::sort(files.begin(), files.end());
-    return files;
-  }
   static std::string errorLine(const ToolRun& run) {
-    std::vector<std::string> errors;
-    size_t start = 0;
-    while (start < run.err.size()) {
-      size_t end = run.err.find('\n', start);
-      if (end == std::string::npos) end = run.err.size();
-      std::string line = run.err.substr(start, end - start);
-      if (line.starts_with("error: ")) errors.push_back(line);
-      start = end + 1;
-    }
+    std::vector<std::string> errors = run.errorLines();
     EXPECT_EQ(errors.size(), 1u) << run.err;
     return errors.empty() ? "" : errors[0];
   }
@@ -144,7 +108,7 @@ TEST_F(EditCommandsTest, BadInputIsOneLineErrorAndLeavesThePackageAsItWas) {
   ToolRun first = edit("insert", "Tag --values '{\"name\": \"x\"}'");
   ASSERT_EQ(first.status, 0) << first.err;
   const std::string tag = inserted(first).at(0);
-  const auto before = snapshot();
+  const std::string before = testing::folderSnapshot(package());
 
   struct Case {
     std::string command, rest, message;
@@ -181,7 +145,7 @@ TEST_F(EditCommandsTest, BadInputIsOneLineErrorAndLeavesThePackageAsItWas) {
   EXPECT_EQ(wrong.status, 1);
   EXPECT_NE(errorLine(wrong).find("wrong password"), std::string::npos) << wrong.err;
 
-  EXPECT_EQ(snapshot(), before);
+  EXPECT_EQ(testing::folderSnapshot(package()), before);
   password_ = "pw";
   EXPECT_EQ(read().changes().size(), 1u);
 }

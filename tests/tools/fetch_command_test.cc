@@ -1,27 +1,21 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
-#include "quillon/base/env.h"
 #include "quillon/base/json.h"
 #include "quillon/graph/managed_object.h"
 #include "support/private_home.h"
 #include "support/sample_models.h"
 #include "support/store_stack.h"
 #include "support/temp_dir.h"
+#include "support/tool_run.h"
 
 namespace quillon {
 namespace {
 
-struct ToolRun {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
+using testing::ToolRun;
 
 // A package with three notes (priorities 2, 7, 5; the second in a folder
 // and tagged) written by the framework, then read by the tool.
@@ -59,27 +53,9 @@ class FetchCommandTest : public ::testing::Test {
 
   std::string package() const { return dir_.file("Doc.quillon"); }
 
-  ToolRun tool(const std::string& arguments) {
-    std::string command = std::string("'") + QUILLON_TOOL_PATH + "' " + arguments + " > '" +
-                          dir_.file("stdout") + "' 2> '" + dir_.file("stderr") + "'";
-    ToolRun run;
-    int raw = std::system(command.c_str());
-    run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    run.out = dir_.read("stdout");
-    run.err = dir_.read("stderr");
-    return run;
-  }
-
-  ToolRun fetch(const std::string& arguments) {
-    return tool("fetch '" + package() + "' --model '" + dir_.file("model.json") + "' " +
-                arguments);
-  }
-
-  std::vector<std::string> listing(const std::string& folder) {
-    std::vector<std::string> names;
-    Env::Default()->listRecursively(package() + "/" + folder, &names);
-    std::sort(names.begin(), names.end());
-    return names;
+  ToolRun tool(const std::string& command, const std::string& arguments = "") {
+    return testing::runTool(dir_, command + " '" + package() + "' --model '" +
+                                      dir_.file("model.json") + "' " + arguments);
   }
 
   TempDir dir_{"quillon-fetch-command"};
@@ -87,10 +63,10 @@ class FetchCommandTest : public ::testing::Test {
 };
 
 TEST_F(FetchCommandTest, PrintsObjectsWithEveryPropertyInResultOrder) {
-  std::vector<std::string> entitiesBefore = listing("Entities");
-  std::vector<std::string> changesBefore = listing("Changes");
+  const std::string entitiesBefore = testing::folderSnapshot(package() + "/Entities");
+  const std::string changesBefore = testing::folderSnapshot(package() + "/Changes");
 
-  ToolRun run = fetch("Note --sort priority:desc --limit 2");
+  ToolRun run = tool("fetch", "Note --sort priority:desc --limit 2");
   ASSERT_EQ(run.status, 0) << run.err;
   Error error;
   Value results = readJSON(run.out, &error);
@@ -109,18 +85,18 @@ TEST_F(FetchCommandTest, PrintsObjectsWithEveryPropertyInResultOrder) {
   EXPECT_EQ(first.size(), 11u);
   EXPECT_TRUE(first.get("body").isNull());
 
-  EXPECT_EQ(listing("Entities"), entitiesBefore);
-  EXPECT_EQ(listing("Changes"), changesBefore);
+  EXPECT_EQ(testing::folderSnapshot(package() + "/Entities"), entitiesBefore);
+  EXPECT_EQ(testing::folderSnapshot(package() + "/Changes"), changesBefore);
 }
 
 TEST_F(FetchCommandTest, CountPrintsTheNumberAlone) {
-  ToolRun all = fetch("Note --count");
+  ToolRun all = tool("fetch", "Note --count");
   ASSERT_EQ(all.status, 0) << all.err;
   EXPECT_EQ(all.out, "3\n");
-  ToolRun some = fetch("Note --count --where 'priority > 4'");
+  ToolRun some = tool("fetch", "Note --count --where 'priority > 4'");
   ASSERT_EQ(some.status, 0) << some.err;
   EXPECT_EQ(some.out, "2\n");
-  ToolRun none = fetch("Tag --where 'name == \"home\"'");
+  ToolRun none = tool("fetch", "Tag --where 'name == \"home\"'");
   ASSERT_EQ(none.status, 0) << none.err;
   EXPECT_EQ(readJSON(none.out), Value::array());
 }
@@ -128,22 +104,15 @@ TEST_F(FetchCommandTest, CountPrintsTheNumberAlone) {
 TEST_F(FetchCommandTest, BadInputIsOneErrorLine) {
   for (const char* arguments : {"Note --where 'priority >'", "Nothing", "Note --sort colour",
                                 "Note --sort title:sideways"}) {
-    ToolRun run = fetch(arguments);
-    EXPECT_EQ(run.status, 1) << arguments;
-    EXPECT_EQ(run.err.rfind("error: ", 0), 0u) << arguments << ": " << run.err;
-    EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
-    EXPECT_TRUE(run.out.empty()) << arguments;
+    SCOPED_TRACE(arguments);
+    testing::expectOneErrorLine(tool("fetch", arguments));
   }
 }
 
 TEST_F(FetchCommandTest, InfoPrintsKeyValueLinesThenWriters) {
-  ToolRun run = tool("info '" + package() + "' --model '" + dir_.file("model.json") + "'");
+  ToolRun run = tool("info");
   ASSERT_EQ(run.status, 0) << run.err;
-  std::vector<std::string> lines;
-  for (size_t start = 0, end; (end = run.out.find('\n', start)) != std::string::npos;
-       start = end + 1) {
-    lines.push_back(run.out.substr(start, end - start));
-  }
+  std::vector<std::string> lines = run.outLines();
   ASSERT_GE(lines.size(), 3u) << run.out;
   EXPECT_EQ(lines[0].rfind("Document Identifier: ", 0), 0u) << lines[0];
   EXPECT_EQ(lines[1].rfind("Checksum: ", 0), 0u) << lines[1];

@@ -1,25 +1,19 @@
 // `quillon log`: opens a package, applies what is new and prints the log.
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdlib>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "quillon/base/env.h"
 #include "support/sample_models.h"
 #include "support/temp_dir.h"
+#include "support/tool_run.h"
 
 namespace quillon {
 namespace {
 
-struct ToolRun {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
+using testing::ToolRun;
 
 class LogCommandTest : public ::testing::Test {
  protected:
@@ -27,23 +21,7 @@ class LogCommandTest : public ::testing::Test {
     dir_.write("model.json", kNotesModelJSON);
     common_ = "'" + dir_.file("Doc.quillon") + "' --model '" + dir_.file("model.json") + "'";
   }
-  ToolRun tool(const std::string& arguments) {
-    std::string command = "XDG_CACHE_HOME='" + dir_.file("cache") + "' '" +
-                          std::string(QUILLON_TOOL_PATH) + "' " + arguments + " > '" +
-                          dir_.file("stdout") + "' 2> '" + dir_.file("stderr") + "'";
-    ToolRun run;
-    int raw = std::system(command.c_str());
-    run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    run.out = dir_.read("stdout");
-    run.err = dir_.read("stderr");
-    return run;
-  }
-  static std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-  }
+  ToolRun tool(const std::string& arguments) { return testing::runTool(dir_, arguments); }
 
   TempDir dir_{"quillon-log-command"};
   std::string common_;
@@ -59,7 +37,7 @@ TEST_F(LogCommandTest, PrintsOneTypedEntryPerLineOldestFirstWithMenus) {
 
   ToolRun run = tool("log " + common_);
   ASSERT_EQ(run.status, 0) << run.err;
-  std::vector<std::string> printed = lines(run.out);
+  std::vector<std::string> printed = run.outLines();
   ASSERT_FALSE(printed.empty());
   // "<type>\t<message>", exactly one tab, a non-empty message.
   auto wellFormed = [](const std::string& line) {

@@ -1,9 +1,7 @@
 // The tool's new, cat and changes commands, run as a user runs them.
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <string>
 
@@ -14,51 +12,21 @@
 #include "quillon/coding/sea_crypto.h"
 #include "support/sample_models.h"
 #include "support/temp_dir.h"
+#include "support/tool_run.h"
 
 namespace quillon {
 namespace {
 
-struct ToolRun {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
+using testing::expectOneErrorLine;
+using testing::ToolRun;
 
 class PackageCommandsTest : public ::testing::Test {
  protected:
   void SetUp() override { dir_.write("model.json", kNotesModelJSON); }
 
-  ToolRun tool(const std::string& arguments) {
-    std::string command = "cd '" + dir_.path() + "' && '" + QUILLON_TOOL_PATH + "' " + arguments +
-                          " > '" + dir_.file("stdout") + "' 2> '" + dir_.file("stderr") + "'";
-    ToolRun run;
-    int raw = std::system(command.c_str());
-    run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    run.out = dir_.read("stdout");
-    run.err = dir_.read("stderr");
-    return run;
-  }
-
-  // Fails the test unless the run ended with exactly one "error: …" line.
-  void expectOneErrorLine(const ToolRun& run, const std::string& fragment) {
-    EXPECT_EQ(run.status, 1) << run.err;
-    EXPECT_EQ(run.err.rfind("error: ", 0), 0u) << run.err;
-    EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
-    EXPECT_NE(run.err.find(fragment), std::string::npos) << run.err;
-    EXPECT_TRUE(run.out.empty()) << run.out;
-  }
-
-  // Every file below a folder with its contents, to prove nothing changed.
+  ToolRun tool(const std::string& arguments) { return testing::runTool(dir_, arguments); }
   std::string snapshot(const std::string& relative) {
-    std::vector<std::string> items;
-    EXPECT_FALSE(Env::Default()->listRecursively(dir_.file(relative), &items));
-    std::string all;
-    for (const std::string& item : items) {
-      std::string path = dir_.file(relative + "/" + item);
-      all += item + "\n";
-      if (!Env::Default()->isDirectory(path)) all += dir_.read(relative + "/" + item) + "\n";
-    }
-    return all;
+    return testing::folderSnapshot(dir_.file(relative));
   }
 
   TempDir dir_{"quillon-package-commands"};
