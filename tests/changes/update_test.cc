@@ -29,7 +29,12 @@ class UpdateTest : public ::testing::Test {
  protected:
   // Updates here run when the test says, never from folder events.
   void SetUp() override { QuillonStore::setObservationLatency(3600); }
-  void TearDown() override { QuillonStore::setObservationLatency(2.0); }
+  void TearDown() override {
+    seen.reset();
+    b.reset();
+    a.reset();
+    QuillonStore::setObservationLatency(2.0);
+  }
 
   std::unique_ptr<StoreStack> open(const std::string& machine, Value options = Value()) {
     std::unique_ptr<StoreStack> stack;
@@ -40,9 +45,23 @@ class UpdateTest : public ::testing::Test {
     EXPECT_TRUE(stack->waitUntilReady());
     return stack;
   }
+  // Opens computer A and computer B; B's context takes part in updates and
+  // `seen` records what it is told.
+  void openBoth() {
+    a = open("A");
+    b = open("B");
+    fetchNotes(*b);
+    seen = std::make_unique<ExternalChanges>(b->context.get());
+  }
   void update(StoreStack& stack) {
     stack.store->updateChanges();
     ASSERT_TRUE(stack.waitUntilReady());
+    MainQueue::drain();
+  }
+  // Lets B's ten-second retry of a held-back update run.
+  void retry() {
+    clock.advance(10.0);
+    ASSERT_TRUE(b->waitUntilReady());
     MainQueue::drain();
   }
   std::string recordPath(const std::string& uid, const std::string& change) {
@@ -52,47 +71,40 @@ class UpdateTest : public ::testing::Test {
   TempDir dir{"quillon-update"};
   std::string package = dir.file("Doc.quillon");
   testing::ManualClock clock;
+  std::unique_ptr<StoreStack> a, b;
+  std::unique_ptr<ExternalChanges> seen;
 };
 
 // Inserts, updates and deletes arriving through folder events: e2e/two_stores_test.
 TEST_F(UpdateTest, AnUpdateAppliesOnlyWhatIsNewAndAnnouncesItOnce) {
-  auto a = open("A");
-  auto b = open("B");
-  fetchNotes(*b);
-  ExternalChanges seen(b->context.get());
+  openBoth();
   ManagedObjectPtr note = insertNote(*a, "first");
   ASSERT_TRUE(a->saveAndWait());
   update(*b);
-  EXPECT_EQ(seen.order(), "WPD");
-  EXPECT_EQ(seen.uids("inserted"), Strings{storeUID(*note)});
+  EXPECT_EQ(seen->order(), "WPD");
+  EXPECT_EQ(seen->uids("inserted"), Strings{storeUID(*note)});
   EXPECT_EQ(loggedChangeNames(*b->store), loggedChangeNames(*a->store));
   EXPECT_EQ(b->store->checkSum(), a->store->checkSum());
 
   update(*b);  // the folder lists exactly the change log
-  EXPECT_EQ(seen.count(), 1);
+  EXPECT_EQ(seen->count(), 1);
   EXPECT_TRUE(logContains(*b->store, "No new changes to apply"));
 }
 
 TEST_F(UpdateTest, AnObjectInsertedAndDeletedInOnePassIsOnlyDeleted) {
-  auto a = open("A");
-  auto b = open("B");
-  fetchNotes(*b);
-  ExternalChanges seen(b->context.get());
+  openBoth();
   ManagedObjectPtr note = insertNote(*a, "short-lived");
   ASSERT_TRUE(a->saveAndWait());
   const std::string uid = storeUID(*note);
   a->context->deleteObject(note);
   ASSERT_TRUE(a->saveAndWait());
   update(*b);
-  EXPECT_EQ(seen.uids("deleted"), Strings{uid});
-  EXPECT_EQ(seen.uids("inserted"), Strings{});
+  EXPECT_EQ(seen->uids("deleted"), Strings{uid});
+  EXPECT_EQ(seen->uids("inserted"), Strings{});
 }
 
 TEST_F(UpdateTest, AChangeWhoseRecordsHaveNotArrivedIsHeldBackAndRetried) {
-  auto a = open("A");
-  auto b = open("B");
-  fetchNotes(*b);
-  ExternalChanges seen(b->context.get());
+  openBoth();
   ManagedObjectPtr note = insertNote(*a, "late");
   ASSERT_TRUE(a->saveAndWait());
   const std::string uid = storeUID(*note);
@@ -101,23 +113,18 @@ TEST_F(UpdateTest, AChangeWhoseRecordsHaveNotArrivedIsHeldBackAndRetried) {
 
   update(*b);
   EXPECT_TRUE(logContains(*b->store, "Missing files: Abort and trying again in some seconds"));
-  EXPECT_EQ(seen.count(), 0);
+  EXPECT_EQ(seen->count(), 0);
   EXPECT_TRUE(loggedChangeNames(*b->store).empty());
 
   // The record arrives; the retry ten seconds later applies the change.
   ASSERT_FALSE(Env::Default()->moveItem(dir.file("away"), recordPath(uid, change)));
-  clock.advance(10.0);
-  ASSERT_TRUE(b->waitUntilReady());
-  MainQueue::drain();
-  EXPECT_EQ(seen.uids("inserted"), Strings{uid});
+  retry();
+  EXPECT_EQ(seen->uids("inserted"), Strings{uid});
   EXPECT_EQ(loggedChangeNames(*b->store), Strings{change});
 }
 
 TEST_F(UpdateTest, ALateDataFileIsWaitedForAndFoundUnderASuffixedName) {
-  auto a = open("A");
-  auto b = open("B");
-  fetchNotes(*b);
-  ExternalChanges seen(b->context.get());
+  openBoth();
   ManagedObjectPtr note = insertNote(*a, "with data");
   note->setValue("data", Value::data(std::string_view("attachment bytes")));
   ASSERT_TRUE(a->saveAndWait());
@@ -129,22 +136,17 @@ TEST_F(UpdateTest, ALateDataFileIsWaitedForAndFoundUnderASuffixedName) {
 
   update(*b);
   EXPECT_TRUE(logContains(*b->store, "Missing files: Abort and trying again in some seconds"));
-  EXPECT_EQ(seen.count(), 0);
+  EXPECT_EQ(seen->count(), 0);
 
   // The synchronisation service delivers it as a conflict copy.
   ASSERT_FALSE(Env::Default()->moveItem(dir.file("away"), folder + "/" + files[0] + " (2)"));
-  clock.advance(10.0);
-  ASSERT_TRUE(b->waitUntilReady());
-  MainQueue::drain();
-  EXPECT_EQ(seen.uids("inserted"), Strings{storeUID(*note)});
+  retry();
+  EXPECT_EQ(seen->uids("inserted"), Strings{storeUID(*note)});
 }
 
 TEST_F(UpdateTest, RecoveryModeAppliesAnIncompleteChangeAndLogsTheProblem) {
-  auto a = open("A");
-  auto b = open("B");
+  openBoth();
   b->store->setRecover(true);
-  fetchNotes(*b);
-  ExternalChanges seen(b->context.get());
   ManagedObjectPtr note = insertNote(*a, "damaged");
   ASSERT_TRUE(a->saveAndWait());
   const std::string change = loggedChangeNames(*a->store).back();
@@ -152,14 +154,14 @@ TEST_F(UpdateTest, RecoveryModeAppliesAnIncompleteChangeAndLogsTheProblem) {
 
   update(*b);
   EXPECT_EQ(loggedChangeNames(*b->store), Strings{change});
-  EXPECT_EQ(seen.uids("inserted"), Strings{storeUID(*note)});
+  EXPECT_EQ(seen->uids("inserted"), Strings{storeUID(*note)});
   EXPECT_TRUE(logContains(*b->store, "Failed validation"));
   EXPECT_FALSE(logContains(*b->store, "Missing files: Abort"));
 }
 
 TEST_F(UpdateTest, AChangeThatArrivesInTheMiddleCutsTheLogAndReappliesTheRest) {
-  auto a = open("A");
-  auto b = open("B");
+  a = open("A");
+  b = open("B");
   insertNote(*a, "one");
   ASSERT_TRUE(a->saveAndWait());
   insertNote(*a, "two");
@@ -178,14 +180,14 @@ TEST_F(UpdateTest, AChangeThatArrivesInTheMiddleCutsTheLogAndReappliesTheRest) {
 }
 
 TEST_F(UpdateTest, UpToChangeStopsAtTheNamedChange) {
-  auto a = open("A");
+  a = open("A");
   for (const char* title : {"one", "two", "three", "four"}) {
     insertNote(*a, title);
     ASSERT_TRUE(a->saveAndWait());
   }
   Strings names = loggedChangeNames(*a->store);
   ASSERT_EQ(names.size(), 4u);
-  auto b = open("B", Value::dictionary({{kQuillonUpToChange,
+  b = open("B", Value::dictionary({{kQuillonUpToChange,
                                          Value::dictionary({{"name", Value(names[2])}})}}));
   EXPECT_EQ(loggedChangeNames(*b->store), (Strings{names[0], names[1], names[2]}));
   EXPECT_EQ(b->store->changesFileCount(), 4u);
@@ -193,8 +195,8 @@ TEST_F(UpdateTest, UpToChangeStopsAtTheNamedChange) {
 }
 
 TEST_F(UpdateTest, AnUpdateRequestedWhileOneRunsIsDeferredTenSeconds) {
-  auto a = open("A");
-  auto b = open("B");
+  a = open("A");
+  b = open("B");
   insertNote(*a, "one");
   ASSERT_TRUE(a->saveAndWait());
   b->store->updateChanges();
