@@ -29,8 +29,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::vector<std::string> kEntities{"Folder", "Note", "Tag", "Person", "Pet",
-                                         "Item", "Book", "Album"};
+const std::vector<std::string> kEntities{"Folder", "Note", "Tag",  "Person",
+                                         "Pet",    "Item", "Book", "Album"};
 
 class Progress final : public QuillonProgressSink {
  public:
@@ -42,7 +42,9 @@ class SavingTest : public ::testing::Test {
  protected:
   void TearDown() override { QuillonStore::setDefaultEnv(nullptr); }
 
-  std::string package(const std::string& name = "Doc") const { return dir_.file(name + ".quillon"); }
+  std::string package(const std::string& name = "Doc") const {
+    return dir_.file(name + ".quillon");
+  }
 
   std::unique_ptr<StoreStack> open(Value options = Value(), const std::string& name = "Doc") {
     auto stack = std::make_unique<StoreStack>(package(name), options);
@@ -87,7 +89,9 @@ class SavingTest : public ::testing::Test {
   }
 
   static std::string uid(const ManagedObjectPtr& object) { return storeUID(*object); }
-  static std::string path(const ManagedObjectPtr& object) { return storeSavePath(*object->objectID()); }
+  static std::string path(const ManagedObjectPtr& object) {
+    return storeSavePath(*object->objectID());
+  }
   static Value paths(std::initializer_list<ManagedObjectPtr> objects) {
     Value array = Value::array(true);
     for (const auto& o : objects) array.append(Value::string(path(o)));
@@ -114,7 +118,8 @@ class SavingTest : public ::testing::Test {
 TEST_F(SavingTest, InsertWritesOneChangeAndARecordPerObject) {
   auto stack = open();
   std::vector<Value> begins;
-  ScopedObserver observer(NotificationCenter::defaultCenter(), kQuillonBeginSave, stack->store.get(),
+  ScopedObserver observer(NotificationCenter::defaultCenter(), kQuillonBeginSave,
+                          stack->store.get(),
                           [&](const Notification& n) { begins.push_back(n.userInfo); });
   Sample s = insertSample(*stack);
   save(*stack);
@@ -219,8 +224,8 @@ TEST_F(SavingTest, RelationshipChangesAreWrittenAsDifferencesAndOrder) {
   const auto* removed = reader.record("Note", uid(s.note), reader.changes()[2].fileName);
   ASSERT_NE(removed, nullptr);
   EXPECT_EQ(removed->content.get("payload").get("tags"),
-            Value::dictionary({{"orderedValues", paths({s.first})},
-                               {"removedValues", paths({s.second})}}));
+            Value::dictionary(
+                {{"orderedValues", paths({s.first})}, {"removedValues", paths({s.second})}}));
   EXPECT_EQ(removed->content.get("payload").get("folder"), Value::dictionary())
       << removed->content.description();
   // The other sides changed too and got records of their own.
@@ -245,7 +250,8 @@ TEST_F(SavingTest, DeleteWritesARecordWithoutPayloadAndDropsTheCachedObject) {
   EXPECT_EQ(deleted->content, Value::dictionary({{"version", "3"}, {"type", "delete"}}));
   EXPECT_EQ(keysOf(reader.changes()[1].content.get("changes")),
             (std::set<std::string>{"delete", "update"}));
-  EXPECT_FALSE(stack->store->cache().objectUIDsForEntityName("Tag").contains(Value::string(tagUID)));
+  EXPECT_FALSE(
+      stack->store->cache().objectUIDsForEntityName("Tag").contains(Value::string(tagUID)));
 
   FetchRequest tags("Tag");
   EXPECT_EQ(stack->context->fetchObjects(tags).size(), 1u);
@@ -317,17 +323,6 @@ TEST_F(SavingTest, FailedRecordWriteStillWritesTheChange) {
   EXPECT_NE(reader.problems()[0].find("Entities/Folder/" + uid(s.folder)), std::string::npos);
 }
 
-TEST_F(SavingTest, RefusedSaveWritesNothing) {
-  auto stack = open();
-  stack->store->preventFromSaving();
-  insertSample(*stack);
-  Error error;
-  EXPECT_FALSE(stack->saveAndWait(&error));
-  EXPECT_EQ(error.code(), -1);
-  EXPECT_FALSE(fs::exists(package() + "/Changes") && !fs::is_empty(package() + "/Changes"));
-  EXPECT_FALSE(fs::exists(package() + "/Entities") && !fs::is_empty(package() + "/Entities"));
-}
-
 TEST_F(SavingTest, EncryptedPackageShowsNoJSONAndReadsBackWithThePassword) {
   auto stack = open(Value::dictionary({{"password", "secret"}}));
   Sample s = insertSample(*stack);
@@ -396,9 +391,12 @@ TEST_F(SavingTest, WritingAllObjectsExportsFullRecordsInOneChange) {
   Value options = Value::dictionary(
       {{std::string(kQuillonBusyWindowControllerOptionsKey), Value::object(progress)},
        {std::string(kQuillonAnonymizeOptionsKey),
-        Value::dictionary({{"entities",
-                            Value::dictionary({{"Note", Value::dictionary({{"score", Value::dictionary({{"type", "nullify"}})},
-                                                                           {"title", Value::dictionary({{"type", "truncate"}})}})}})}})}});
+        Value::dictionary(
+            {{"entities",
+              Value::dictionary(
+                  {{"Note", Value::dictionary(
+                                {{"score", Value::dictionary({{"type", "nullify"}})},
+                                 {"title", Value::dictionary({{"type", "truncate"}})}})}})}})}});
   bool done = false;
   ManagedObjectContext* completed = nullptr;
   target->store->writeAllObjectsInContext(source->context, source->store.get(), options,

@@ -71,25 +71,22 @@ TEST_F(StoreTest, OpeningAnEmptyLocationCreatesThePackage) {
             "x-quillon://" + identifier + "/Note/p" + storeUID(*note));
 }
 
-TEST_F(StoreTest, IdentifierAndDocumentInfoOptionsAreRecorded) {
+TEST_F(StoreTest, CreationOptionsAreRecordedAndReopeningNeverRewritesInfo) {
   Value documentInfo = Value::dictionary({{"kind", "journal"}});
-  StoreStack stack(package("Named.quillon"),
-                   Value::dictionary({{"DocumentIdentifier", "DOC-1"}, {"DocumentInfo", documentInfo}}));
-  Value info = readInfo(package("Named.quillon"));
+  {
+    StoreStack first(package("Doc.quillon"), Value::dictionary({{"DocumentIdentifier", "DOC-1"},
+                                                                {"DocumentInfo", documentInfo}}));
+    EXPECT_EQ(first.store->identifier(), "DOC-1");
+  }
+  Value info = readInfo(package("Doc.quillon"));
   EXPECT_EQ(info.get("DocumentIdentifier"), Value("DOC-1"));
   EXPECT_EQ(info.get("DocumentInfo"), documentInfo);
-  EXPECT_EQ(stack.store->identifier(), "DOC-1");
-}
-
-TEST_F(StoreTest, ReopeningNeverRewritesInfo) {
-  { StoreStack first(package("Doc.quillon")); }
   std::vector<uint8_t> before = readBytes(package("Doc.quillon/Info.plist"));
-  std::string identifier(readInfo(package("Doc.quillon")).get("DocumentIdentifier").str());
 
   StoreStack again(package("Doc.quillon"),
                    Value::dictionary({{"password", "pw"}, {"DocumentIdentifier", "OTHER"}}));
   EXPECT_EQ(readBytes(package("Doc.quillon/Info.plist")), before);
-  EXPECT_EQ(again.store->identifier(), identifier);
+  EXPECT_EQ(again.store->identifier(), "DOC-1");
 }
 
 TEST_F(StoreTest, PasswordCheckValueAndCanOpen) {
@@ -137,9 +134,9 @@ TEST_F(StoreTest, PasswordCheckValueAndCanOpen) {
 TEST_F(StoreTest, FormatNeedsTheFrameworkIdentifier) {
   EXPECT_FALSE(QuillonStore::isCorrectFormat(package("Missing.quillon")));
   dir_.write("Other/Info.plist",
-             writePropertyListXML(Value::dictionary(
-                 {{"DocumentIdentifier", "X"},
-                  {"Quillon", Value::dictionary({{"CFBundleVersion", "1"}})}})));
+             writePropertyListXML(
+                 Value::dictionary({{"DocumentIdentifier", "X"},
+                                    {"Quillon", Value::dictionary({{"CFBundleVersion", "1"}})}})));
   EXPECT_FALSE(QuillonStore::isCorrectFormat(package("Other")));
   EXPECT_EQ(QuillonStore::documentIdentifierForURL(url("Other")), Value("X"));
   dir_.write("Garbage/Info.plist", "<plist><dict><key>");
@@ -170,8 +167,8 @@ TEST_F(StoreTest, PreparingANewPackageTrashesAndForgetsTheCache) {
   EXPECT_TRUE(UserDefaults::standard().objectForKey(kQuillonOverwrittenFilesKey).isNil());
 
   ASSERT_FALSE(Env::Default()->createDirectories(taken.path()));
-  ASSERT_FALSE(Env::Default()->writeFileAtomically(taken.path() + "/Info.plist",
-                                                   std::string_view("old")));
+  ASSERT_FALSE(
+      Env::Default()->writeFileAtomically(taken.path() + "/Info.plist", std::string_view("old")));
   std::string takenCache = plantCache(taken);
   QuillonStore::prepareNewStoreAtURL(taken);
   EXPECT_FALSE(Env::Default()->exists(taken.path()));
@@ -221,7 +218,8 @@ TEST_F(StoreTest, CorrectedDataURLFindsASuffixedFile) {
   EXPECT_EQ(stack.store->correctedDataURL(folder.appending("exact")), folder.appending("exact"));
   EXPECT_EQ(stack.store->correctedDataURL(folder.appending("blob.json")).lastPathComponent(),
             "blob.json (conflict 1)");
-  EXPECT_EQ(stack.store->correctedDataURL(folder.appending("missing")), folder.appending("missing"));
+  EXPECT_EQ(stack.store->correctedDataURL(folder.appending("missing")),
+            folder.appending("missing"));
   Url elsewhere = Url::fileURL(package("Data.quillon/Nowhere/x"));
   EXPECT_EQ(stack.store->correctedDataURL(elsewhere), elsewhere);
 }
@@ -320,7 +318,11 @@ TEST_F(StoreTest, SavesAreRefusedAfterPreventFromSaving) {
   EXPECT_EQ(error.userInfo().get("NSLocalizedRecoverySuggestion"),
             Value(stack.store->sessionInfo().empty() ? "Please update to version (null)."
                                                      : "Please update to version 2.0."));
+  stack.store->saveOperationQueue().waitUntilAllOperationsAreFinished();
   EXPECT_FALSE(Env::Default()->exists(package("Newer.quillon/Changes")));
+  std::vector<std::string> records;
+  Env::Default()->listRecursively(package("Newer.quillon/Entities"), &records);
+  EXPECT_TRUE(records.empty());
 
   // Reading still works.
   FetchRequest request("Note");
