@@ -112,32 +112,25 @@ TEST_F(DCNSCoderTest, CodedObjectBytesAreValueThenKeyEndingWithNil) {
   auto note = std::make_shared<Note>();
   note->title = "t";
   auto bytes = bytesOf(DenseCoder::dataWithRootObject(Value::object(note)));
-  auto expected = Bytes::header(2, 0, 9)
-                      .u8(43)
-                      .u8(8).cstr("TestNote")
-                      .u8(8).cstr("t")
-                      .u8(8).cstr("title")
-                      .u8(14).u8(8).cstr("pinned")
-                      .u8(46).u8(8).cstr("priority")
-                      .u8(46).u8(8).cstr("views")
-                      .u8(19).aligned<float>(0).u8(8).cstr("weight")
-                      .u8(20).aligned<double>(0).u8(8).cstr("score")
-                      .u8(21).aligned<uint32_t>(0).u8(8).cstr("blob")
-                      .u8(0)
-                      .vec();
-  EXPECT_EQ(bytes, expected);
+  Bytes expected = Bytes::header(2, 0, 9);
+  expected.u8(43).u8(8).cstr("TestNote");
+  expected.u8(8).cstr("t").u8(8).cstr("title");
+  expected.u8(14).u8(8).cstr("pinned");
+  expected.u8(46).u8(8).cstr("priority");
+  expected.u8(46).u8(8).cstr("views");
+  expected.u8(19).aligned<float>(0).u8(8).cstr("weight");
+  expected.u8(20).aligned<double>(0).u8(8).cstr("score");
+  expected.u8(21).aligned<uint32_t>(0).u8(8).cstr("blob");
+  expected.u8(0);
+  EXPECT_EQ(bytes, expected.vec());
 }
 
 TEST_F(DCNSCoderTest, UnregisteredClassesComeBackAsGenericObjectsAndGoBackTheSame) {
-  auto bytes = Bytes::header(1, 0, 3)
-                   .u8(43)
-                   .u8(8).cstr("Elsewhere")
-                   .u8(15).u8(9)
-                   .u8(8).cstr("n")
-                   .u8(8).cstr("s")
-                   .u8(5).u8(2)
-                   .u8(0)
-                   .vec();
+  Bytes coded = Bytes::header(1, 0, 3);
+  coded.u8(43).u8(8).cstr("Elsewhere");
+  coded.u8(15).u8(9).u8(8).cstr("n");
+  coded.u8(8).cstr("s").u8(5).u8(2);
+  auto bytes = coded.u8(0).vec();
   Value back = DenseCoder::objectWithData(bytes);
   auto* generic = back.objectAs<GenericObject>();
   ASSERT_NE(generic, nullptr);
@@ -165,17 +158,10 @@ TEST_F(DCNSCoderTest, ConditionalObjectsAreWrittenOnlyWhenAlreadyPresent) {
 }
 
 TEST_F(DCNSCoderTest, ClassInstancesOfRegisteredClassesAreMadeByTheirFactory) {
-  auto bytes = Bytes::header(1, 1, 0)
-                   .u8(29)
-                   .cstr("TestNote")
-                   .aligned<uint32_t>(2)
-                   .cstr("title")
-                   .cstr("views")
-                   .u8(30)
-                   .u8(0)
-                   .u8(8).cstr("from instance")
-                   .u8(16).aligned<int16_t>(1000)
-                   .vec();
+  Bytes instance = Bytes::header(1, 1, 0);
+  instance.u8(29).cstr("TestNote").aligned<uint32_t>(2).cstr("title").cstr("views");
+  instance.u8(30).u8(0).u8(8).cstr("from instance").u8(16).aligned<int16_t>(1000);
+  auto bytes = instance.vec();
   Value back = DenseCoder::objectWithData(bytes);
   auto* note = back.objectAs<Note>();
   ASSERT_NE(note, nullptr);

@@ -284,26 +284,12 @@ TEST(DenseCoderTest, AliasDictionariesStandForAValueElsewhereInTheGraph) {
 }
 
 TEST(DenseCoderTest, UnknownClassReadsBackAsClassDictionaryAndWritesTheSameDefinition) {
-  auto bytes = Bytes::header(3, 1, 1)
-                   .u8(25)
-                   .aligned<uint32_t>(2)
-                   .u8(29)
-                   .cstr("Gadget")
-                   .aligned<uint32_t>(2)
-                   .cstr("name")
-                   .cstr("size")
-                   .u8(30)
-                   .u8(0)
-                   .u8(8)
-                   .cstr("dial")
-                   .u8(16)
-                   .aligned<int16_t>(400)
-                   .u8(30)
-                   .u8(0)
-                   .u8(5)
-                   .u8(0)
-                   .u8(0)
-                   .vec();
+  Bytes b = Bytes::header(3, 1, 1);
+  b.u8(25).aligned<uint32_t>(2);                                           // an array of two
+  b.u8(29).cstr("Gadget").aligned<uint32_t>(2).cstr("name").cstr("size");  // the class
+  b.u8(30).u8(0).u8(8).cstr("dial").u8(16).aligned<int16_t>(400);
+  b.u8(30).u8(0).u8(5).u8(0).u8(0);  // the same name by alias, no size
+  auto bytes = b.vec();
   Value back = decode(bytes);
   ASSERT_TRUE(back.isArray());
   ASSERT_EQ(back.size(), 2u);
@@ -375,12 +361,9 @@ TEST(DenseCoderTest, HostileInputFailsWithAClearReason) {
   expectFailure(Bytes::header(0, 0, 0).u8(47).aligned<uint32_t>(0).vec(),
                 "DenseCoding cannot decode object of type: 47");
   // Huge counts in a short buffer are refused before anything is sized.
-  expectFailure(Bytes::header(0xffffffff, 0xffffffff, 0xffffffff)
-                    .u8(10)
-                    .aligned<uint32_t>(0xfffffff0)
-                    .u8(45)
-                    .vec(),
-                "Unexpected EOF when parsing object starting at 24");
+  Bytes huge = Bytes::header(0xffffffff, 0xffffffff, 0xffffffff);
+  huge.u8(10).aligned<uint32_t>(0xfffffff0).u8(45);
+  expectFailure(huge.vec(), "Unexpected EOF when parsing object starting at 24");
   expectFailure(Bytes::header(0, 0, 0).u8(21).aligned<uint32_t>(1000).u8(1).vec(),
                 "Unexpected EOF when parsing object starting at 28");
   expectFailure(Bytes::header(0, 0, 0).u8(41).aligned<uint32_t>(2).aligned<uint32_t>(1).vec(),
@@ -420,31 +403,18 @@ TEST(DenseCoderTest, DeepNestingIsRefused) {
 TEST(DenseCoderTest, CyclicOrIncompleteSetMembersAreRefusedNotCompared) {
   // mutable array A = [alias A]; set {A, B} where B = [alias B]: comparing A
   // with B would never end.
-  auto bytes = Bytes::header(0, 0, 0)
-                   .u8(11)
-                   .aligned<uint32_t>(2)
-                   .u8(25)
-                   .aligned<uint32_t>(1)
-                   .u8(2)
-                   .u8(0)
-                   .u8(25)
-                   .aligned<uint32_t>(1)
-                   .u8(2)
-                   .u8(1)
-                   .vec();
+  Bytes cyclic = Bytes::header(0, 0, 0);
+  cyclic.u8(11).aligned<uint32_t>(2);
+  cyclic.u8(25).aligned<uint32_t>(1).u8(2).u8(0);
+  cyclic.u8(25).aligned<uint32_t>(1).u8(2).u8(1);
+  auto bytes = cyclic.vec();
   LogCapture log;
   EXPECT_TRUE(decode(bytes).isNil());
   EXPECT_THAT(DenseCoder::lastLoggedReason(), HasSubstr("as a set member or key"));
   // A mutable array whose set holds the array while it is still being read.
-  auto open = Bytes::header(0, 0, 0)
-                  .u8(25)
-                  .aligned<uint32_t>(1)
-                  .u8(26)
-                  .aligned<uint32_t>(1)
-                  .u8(2)
-                  .u8(0)
-                  .vec();
-  EXPECT_TRUE(decode(open).isNil());
+  Bytes open = Bytes::header(0, 0, 0);
+  open.u8(25).aligned<uint32_t>(1).u8(26).aligned<uint32_t>(1).u8(2).u8(0);
+  EXPECT_TRUE(decode(open.vec()).isNil());
   // Plain sets of small collections still work.
   Value fine = Value::set({Value::array({Value(1)}), Value::array({Value(2)})});
   EXPECT_EQ(decode(encode(fine)), fine);

@@ -336,7 +336,7 @@ TEST_F(ContextTest, URIsResolveBackToObjects) {
   }
 }
 
-TEST_F(ContextTest, IdentifiersCompareByValueAndCacheAUID) {
+TEST_F(ContextTest, IdentifiersCompareByValue) {
   const EntityDescription* tag = stack_.coordinator->managedObjectModel()->entity("Tag");
   auto a = stack_.store->newObjectIDForEntity(tag, Value::string("X"));
   auto b = stack_.store->newObjectIDForEntity(tag, Value::string("X"));
@@ -344,10 +344,6 @@ TEST_F(ContextTest, IdentifiersCompareByValueAndCacheAUID) {
   EXPECT_TRUE(a->isEqual(*b));
   EXPECT_FALSE(a->isEqual(*c));
   EXPECT_EQ(Value::set({Value::object(a), Value::object(b), Value::object(c)}).size(), 2u);
-  EXPECT_FALSE(a->cachedUID());
-  a->setCachedUID("X");
-  EXPECT_EQ(a->cachedUID().value_or(""), "X");
-  EXPECT_FALSE(b->cachedUID());
   auto t1 = ManagedObjectID::temporaryID(tag), t2 = ManagedObjectID::temporaryID(tag);
   EXPECT_TRUE(t1->isTemporaryID());
   EXPECT_FALSE(t1->isEqual(*t2));

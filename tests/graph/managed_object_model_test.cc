@@ -59,30 +59,6 @@ TEST(ManagedObjectModelTest, AttributesCarryTypeNumbersClassNamesAndDefaults) {
   EXPECT_EQ(note->attribute("folder"), nullptr);  // a relationship, not an attribute
 }
 
-TEST(ManagedObjectModelTest, RelationshipsLinkInversesAndRules) {
-  auto model = notesModel();
-  const RelationshipDescription* notes = model->entity("Folder")->relationship("notes");
-  const RelationshipDescription* folder = model->entity("Note")->relationship("folder");
-  ASSERT_TRUE(notes && folder);
-  EXPECT_EQ(notes->inverseRelationship(), folder);
-  EXPECT_EQ(folder->inverseRelationship(), notes);
-  EXPECT_EQ(notes->destinationEntity(), model->entity("Note"));
-  EXPECT_TRUE(notes->isToMany());
-  EXPECT_FALSE(folder->isToMany());
-  EXPECT_EQ(folder->maxCount(), 1u);
-  EXPECT_EQ(notes->deleteRule(), DeleteRule::Cascade);
-  EXPECT_EQ(folder->deleteRule(), DeleteRule::Nullify);
-  const RelationshipDescription* tags = model->entity("Note")->relationship("tags");
-  EXPECT_TRUE(tags->isOrdered());
-  EXPECT_EQ(tags->maxCount(), 3u);
-  const RelationshipDescription* spouse = model->entity("Person")->relationship("spouse");
-  EXPECT_EQ(spouse->inverseRelationship(), spouse);
-  const RelationshipDescription* pets = model->entity("Person")->relationship("pets");
-  EXPECT_EQ(pets->deleteRule(), DeleteRule::Deny);
-  EXPECT_EQ(pets->minCount(), 2u);
-  EXPECT_FALSE(model->entity("Pet")->relationship("owner")->isOptional());
-}
-
 struct BrokenModel {
   const char* json;
   const char* entity;

@@ -20,6 +20,13 @@ bool matches(std::string_view format, const Value& object, std::vector<Value> ar
   return predicate && predicate->evaluate(object);
 }
 
+// Every format in `yes` matches the object, none in `no` does.
+void expectMatches(const Value& object, std::initializer_list<const char*> yes,
+                   std::initializer_list<const char*> no) {
+  for (const char* format : yes) EXPECT_TRUE(matches(format, object)) << format;
+  for (const char* format : no) EXPECT_FALSE(matches(format, object)) << format;
+}
+
 // The position named by a parse error, or -1 when the text parsed.
 int errorPosition(std::string_view format, std::vector<Value> arguments = {}) {
   Error error;
@@ -51,79 +58,41 @@ class PredicateTest : public ::testing::Test {
 };
 
 TEST_F(PredicateTest, ComparisonOperatorsInEverySpelling) {
-  struct Case {
-    const char* format;
-    bool expected;
-  };
-  for (Case c : std::vector<Case>{
-           {"priority = 4", true},
-           {"priority == 4.0", true},
-           {"priority != 4", false},
-           {"priority <> 3", true},
-           {"priority < 5", true},
-           {"priority <= 4", true},
-           {"priority =< 3", false},
-           {"priority > 3.5", true},
-           {"priority >= 4", true},
-           {"priority => 5", false},
-           {"ratio == 0.25", true},
-           {"ratio < 1", true},
-           {"done == NO", true},
-           {"done == FALSE", true},
-           {"done = 0", true},
-           {"done == YES", false},
-           {"priority BETWEEN {4, 10}", true},
-           {"priority BETWEEN {1, 3}", false},
-           {"ratio BETWEEN {0, 0.3}", true},
-           {"priority == 0x4", true},
-           {"priority > -1", true},
-           {"priority < 1e1", true},
-           {"title == \"Café Crème\"", true},
-           {"title < 'D'", true},
-           {"title > 'd'", false},
-       }) {
-    EXPECT_EQ(matches(c.format, note), c.expected) << c.format;
-  }
+  expectMatches(note,
+                {"priority = 4", "priority == 4.0", "priority <> 3", "priority < 5",
+                 "priority <= 4", "priority > 3.5", "priority >= 4", "ratio == 0.25", "ratio < 1",
+                 "done == NO", "done == FALSE", "done = 0", "priority BETWEEN {4, 10}",
+                 "ratio BETWEEN {0, 0.3}", "priority == 0x4", "priority > -1", "priority < 1e1",
+                 "title == \"Café Crème\"", "title < 'D'"},
+                {"priority != 4", "priority =< 3", "priority => 5", "done == YES",
+                 "priority BETWEEN {1, 3}", "title > 'd'"});
 }
 
 TEST_F(PredicateTest, StringOperatorsWithCaseAndDiacriticOptions) {
-  struct Case {
-    const char* format;
-    bool expected;
-  };
-  for (Case c : std::vector<Case>{
-           {"title BEGINSWITH 'Caf'", true},
-           {"title BEGINSWITH 'caf'", false},
-           {"title BEGINSWITH[c] 'CAFÉ'", true},
-           {"title BEGINSWITH[c] 'CAFE'", false},
-           {"title BEGINSWITH[cd] 'CAFE'", true},
-           {"title ENDSWITH 'rème'", true},
-           {"title ENDSWITH[d] 'reme'", true},
-           {"title ENDSWITH[c] 'CRÈME'", true},
-           {"title CONTAINS 'é C'", true},
-           {"title CONTAINS[cd] 'E CR'", true},
-           {"title CONTAINS 'e c'", false},
-           {"title ==[cd] 'cafe creme'", true},
-           {"title !=[c] 'CAFÉ CRÈME'", false},
-           {"title LIKE 'Caf? *'", true},
-           {"title LIKE 'caf*'", false},
-           {"title LIKE[c] 'caf*'", true},
-           {"title LIKE[cd] '*CREME'", true},
-           {"title LIKE 'Café'", false},
-           {"title LIKE '*'", true},
-           {"title MATCHES 'Caf. Cr.me'", true},
-           {"title MATCHES 'Caf'", false},
-           {"title MATCHES[c] 'CAF.*'", true},
-           {"title MATCHES[cd] 'cafe cr[e]me'", true},
-           {"title MATCHES '(unclosed'", false},
-           {"title IN 'Un Café Crème noir'", true},
-           {"'Crème' IN title", true},
-           {"title <[c] 'CAFÉ D'", true},
-           {"title < 'CAFÉ D'", false},
-           {"title MATCHES '\\\\S+ \\\\S+'", true},
-       }) {
-    EXPECT_EQ(matches(c.format, note), c.expected) << c.format;
-  }
+  expectMatches(note,
+                {"title BEGINSWITH 'Caf'",
+                 "title BEGINSWITH[c] 'CAFÉ'",
+                 "title BEGINSWITH[cd] 'CAFE'",
+                 "title ENDSWITH 'rème'",
+                 "title ENDSWITH[d] 'reme'",
+                 "title ENDSWITH[c] 'CRÈME'",
+                 "title CONTAINS 'é C'",
+                 "title CONTAINS[cd] 'E CR'",
+                 "title ==[cd] 'cafe creme'",
+                 "title LIKE 'Caf? *'",
+                 "title LIKE[c] 'caf*'",
+                 "title LIKE[cd] '*CREME'",
+                 "title LIKE '*'",
+                 "title MATCHES 'Caf. Cr.me'",
+                 "title MATCHES[c] 'CAF.*'",
+                 "title MATCHES[cd] 'cafe cr[e]me'",
+                 "title IN 'Un Café Crème noir'",
+                 "'Crème' IN title",
+                 "title <[c] 'CAFÉ D'",
+                 "title MATCHES '\\\\S+ \\\\S+'"},
+                {"title BEGINSWITH 'caf'", "title BEGINSWITH[c] 'CAFE'", "title CONTAINS 'e c'",
+                 "title !=[c] 'CAFÉ CRÈME'", "title LIKE 'caf*'", "title LIKE 'Café'",
+                 "title MATCHES 'Caf'", "title MATCHES '(unclosed'", "title < 'CAFÉ D'"});
   // Decomposed accents fold too: "e" + U+0301.
   Value decomposed = Value::dictionary({{"t", "Cafe\xCC\x81"}});
   EXPECT_TRUE(matches("t ==[d] 'Cafe'", decomposed));
@@ -156,39 +125,16 @@ TEST_F(PredicateTest, MatchesRejectsHugeSubjectsInsteadOfCrashing) {
 }
 
 TEST_F(PredicateTest, CollectionsAndMembership) {
-  struct Case {
-    const char* format;
-    bool expected;
-  };
-  for (Case c : std::vector<Case>{
-           {"priority IN {1, 4, 7}", true},
-           {"priority IN {1, 2}", false},
-           {"'home' IN tags.name", true},
-           {"tags.name CONTAINS 'Work'", true},
-           {"tags.name CONTAINS[c] 'WORK'", true},
-           {"words CONTAINS 'beta'", true},
-           {"words CONTAINS 'gamma'", false},
-           {"ANY tags.name == 'home'", true},
-           {"SOME tags.weight > 2", true},
-           {"ALL tags.weight > 0", true},
-           {"ALL tags.weight > 1", false},
-           {"NONE tags.weight > 5", true},
-           {"NONE scores == 5", false},
-           {"ANY scores BETWEEN {6, 8}", false},
-           {"ANY scores BETWEEN {6, 9}", true},
-           {"ALL missing == 1", true},
-           {"ANY missing == 1", false},
-           {"tags.@count == 2", true},
-           {"scores.@sum == 15", true},
-           {"scores.@avg == 5", true},
-           {"scores.@min == 1 AND scores.@max == 9", true},
-           {"tags.@sum.weight == 4", true},
-           {"tags.@max.name == 'home'", true},
-           {"ANY words IN {'beta', 'gamma'}", true},
-           {"{1, 2} CONTAINS 2", true},
-       }) {
-    EXPECT_EQ(matches(c.format, note), c.expected) << c.format;
-  }
+  expectMatches(
+      note,
+      {"priority IN {1, 4, 7}", "'home' IN tags.name", "tags.name CONTAINS 'Work'",
+       "tags.name CONTAINS[c] 'WORK'", "words CONTAINS 'beta'", "ANY tags.name == 'home'",
+       "SOME tags.weight > 2", "ALL tags.weight > 0", "NONE tags.weight > 5",
+       "ANY scores BETWEEN {6, 9}", "ALL missing == 1", "tags.@count == 2", "scores.@sum == 15",
+       "scores.@avg == 5", "scores.@min == 1 AND scores.@max == 9", "tags.@sum.weight == 4",
+       "tags.@max.name == 'home'", "ANY words IN {'beta', 'gamma'}", "{1, 2} CONTAINS 2"},
+      {"priority IN {1, 2}", "words CONTAINS 'gamma'", "ALL tags.weight > 1", "NONE scores == 5",
+       "ANY scores BETWEEN {6, 8}", "ANY missing == 1"});
 }
 
 TEST_F(PredicateTest, CompoundsPrecedenceAndKeywords) {
