@@ -14,7 +14,7 @@ constexpr double kSample = 816929039.123;  // 2026-11-21 04:43:59.123 UTC
 
 using testing::ScopedTimeZone;
 
-TEST(DateFormatTest, ChangeDateTexts) {
+TEST(DateFormatTest, ChangeDateTextsTruncateMilliseconds) {
   EXPECT_EQ(formatChangeDate(0), "2001-01-01-00-00-00.000");
   EXPECT_EQ(formatChangeDate(kSample), "2026-11-21-04-43-59.123");
   // Before the reference date and before 1970; leap days of century years.
@@ -23,9 +23,7 @@ TEST(DateFormatTest, ChangeDateTexts) {
   EXPECT_EQ(formatChangeDate(-12649219201.0), "1600-02-29-23-59-59.000");
   EXPECT_EQ(formatChangeDate(-86400 * 366 + 59 * 86400), "2000-02-29-00-00-00.000");
   EXPECT_EQ(formatChangeDate(std::nan("")), "2001-01-01-00-00-00.000");
-}
-
-TEST(DateFormatTest, MillisecondsAreTruncatedNotRounded) {
+  // Milliseconds are truncated, not rounded.
   EXPECT_EQ(formatChangeDate(59.9999), "2001-01-01-00-00-59.999");
   EXPECT_EQ(formatChangeDate(0.1239), "2001-01-01-00-00-00.123");
   EXPECT_EQ(formatChangeDate(-0.0005), "2000-12-31-23-59-59.999");

@@ -67,6 +67,10 @@ class CacheTest : public ::testing::Test {
     cache_->updateCacheForObjectID(noteID(uid),
                                    record(Value::dictionary({{"title", entry(title)}})), Url());
   }
+  void saveCache() {
+    cache_->save();
+    cache_->saveQueue().waitUntilAllOperationsAreFinished();
+  }
   // Waits for indexing started by identifier bookkeeping, so that it does
   // not race the test's own expectations.
   void waitForIndexing() {
@@ -109,8 +113,7 @@ TEST_F(CacheTest, ValuesAreShardedByFirstCharacterAndWrittenOnlyWhenDirty) {
   EXPECT_EQ(item->attributes().get("title"), Value("seven"));
   EXPECT_EQ(cache_->cacheForObjectID(noteID("7FFF")), cache_->cacheForObjectID(noteID("7ABC")));
 
-  cache_->save();
-  cache_->saveQueue().waitUntilAllOperationsAreFinished();
+  saveCache();
   std::string shardFile = cache_->URLForKey("Note_7")->path() + ".fast";
   EXPECT_TRUE(Env::Default()->exists(shardFile));
   EXPECT_TRUE(Env::Default()->exists(cache_->URLForKey("Note_A")->path() + ".fast"));
@@ -118,8 +121,7 @@ TEST_F(CacheTest, ValuesAreShardedByFirstCharacterAndWrittenOnlyWhenDirty) {
 
   // An unchanged shard is not written again.
   ASSERT_FALSE(Env::Default()->removeItem(shardFile));
-  cache_->save();
-  cache_->saveQueue().waitUntilAllOperationsAreFinished();
+  saveCache();
   EXPECT_FALSE(Env::Default()->exists(shardFile));
 }
 
@@ -140,8 +142,7 @@ TEST_F(CacheTest, ConcurrentUpdatesReadsAndSavesOfOneShard) {
     for (int i = 0; i < 20; ++i) cache_->save();
   });
   for (auto& thread : threads) thread.join();
-  cache_->save();
-  cache_->saveQueue().waitUntilAllOperationsAreFinished();
+  saveCache();
 
   auto shard = QuillonCacheDictionary::dictionaryWithStore(store_, *cache_->URLForKey("Note_D"));
   Value stored = shard->content();
@@ -160,8 +161,7 @@ TEST_F(CacheTest, ExtraDataNeedsACachedItem) {
 
   cacheNote("C0C0", "c");
   ManagedObjectIDPtr cached = noteID("C0C0");
-  cache_->save();
-  cache_->saveQueue().waitUntilAllOperationsAreFinished();
+  saveCache();
   Value mutableValue = Value::mutableArray();
   cache_->setExtraData(mutableValue, "key", cached);
   mutableValue.append(Value(1));
@@ -252,8 +252,7 @@ TEST_F(CacheTest, ChangeNoticesArriveOnTheMainQueue) {
 
 TEST_F(CacheTest, ResetForgetsEverythingOnDisk) {
   cacheNote("F1", "f");
-  cache_->save();
-  cache_->saveQueue().waitUntilAllOperationsAreFinished();
+  saveCache();
   ASSERT_TRUE(Env::Default()->exists(cache_->URL().path()));
   cache_->reset();
   EXPECT_FALSE(Env::Default()->exists(cache_->URL().path()));
@@ -319,8 +318,7 @@ class EncryptedCacheTest : public CacheTest {
 
 TEST_F(EncryptedCacheTest, CacheFilesAreEncryptedWithThePackage) {
   cacheNote("9A", "hidden title");
-  cache_->save();
-  cache_->saveQueue().waitUntilAllOperationsAreFinished();
+  saveCache();
   std::vector<uint8_t> stored;
   ASSERT_FALSE(Env::Default()->readFile(cache_->URLForKey("Note_9")->path() + ".fast", &stored));
   EXPECT_TRUE(DenseCoder::objectWithData(stored).isNil());

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,6 +24,10 @@ class MainQueueTest : public ::testing::Test {
   void TearDown() override {
     MainQueue::cancelPreviousPerformRequests(this);
     MainQueue::drain();
+  }
+  // Schedules `block` with this test as the target.
+  void after(double delay, const char* selector, std::function<void()> block) {
+    MainQueue::afterDelay(delay, std::move(block), this, selector);
   }
 };
 
@@ -79,12 +84,9 @@ TEST_F(MainQueueTest, SyncRunsInlineOnMainAndWaitsFromElsewhere) {
 TEST_F(MainQueueTest, DelayedCallsFireWhenTheManualClockReachesThemInDueOrder) {
   ManualClock clock;
   std::vector<std::string> fired;
-  MainQueue::afterDelay(
-      2.0, [&] { fired.push_back("late"); }, this, "late");
-  MainQueue::afterDelay(
-      1.0, [&] { fired.push_back("early"); }, this, "early");
-  MainQueue::afterDelay(
-      1.0, [&] { fired.push_back("early2"); }, this, "early");
+  after(2.0, "late", [&] { fired.push_back("late"); });
+  after(1.0, "early", [&] { fired.push_back("early"); });
+  after(1.0, "early", [&] { fired.push_back("early2"); });
   MainQueue::drain();
   EXPECT_TRUE(fired.empty());
 
@@ -107,8 +109,7 @@ TEST_F(MainQueueTest, RescheduledDebounceFiresOnceAfterTheLastReschedule) {
   int processed = 0;
   auto invalidate = [&] {
     MainQueue::cancelPreviousPerformRequests(this, "processChanges");
-    MainQueue::afterDelay(
-        1.0, [&] { ++processed; }, this, "processChanges");
+    after(1.0, "processChanges", [&] { ++processed; });
   };
   for (int i = 0; i < 10; ++i) {
     invalidate();
@@ -130,10 +131,8 @@ TEST_F(MainQueueTest, CancelMatchesTargetAndSelectorOnly) {
   int same = 0;
   int otherSelector = 0;
   int otherTarget = 0;
-  MainQueue::afterDelay(
-      1.0, [&] { ++same; }, this, "save");
-  MainQueue::afterDelay(
-      1.0, [&] { ++otherSelector; }, this, "retry");
+  after(1.0, "save", [&] { ++same; });
+  after(1.0, "retry", [&] { ++otherSelector; });
   MainQueue::afterDelay(
       1.0, [&] { ++otherTarget; }, &other, "save");
   MainQueue::cancelPreviousPerformRequests(this, "save");
@@ -145,10 +144,8 @@ TEST_F(MainQueueTest, CancelMatchesTargetAndSelectorOnly) {
   EXPECT_EQ(otherTarget, 1);
 
   // An empty selector cancels every call of the target; a null target nothing.
-  MainQueue::afterDelay(
-      1.0, [&] { ++same; }, this, "save");
-  MainQueue::afterDelay(
-      1.0, [&] { ++same; }, this, "retry");
+  after(1.0, "save", [&] { ++same; });
+  after(1.0, "retry", [&] { ++same; });
   MainQueue::afterDelay(1.0, [&] { ++otherTarget; });
   MainQueue::cancelPreviousPerformRequests(this);
   MainQueue::cancelPreviousPerformRequests(nullptr);
@@ -161,8 +158,7 @@ TEST_F(MainQueueTest, CancelMatchesTargetAndSelectorOnly) {
 TEST_F(MainQueueTest, RealClockDelayedCallFiresAfterItsDelay) {
   bool fired = false;
   double start = MainQueue::now();
-  MainQueue::afterDelay(
-      0.05, [&] { fired = true; }, this, "real");
+  after(0.05, "real", [&] { fired = true; });
   EXPECT_TRUE(MainQueue::runUntil([&] { return fired; }, 5.0));
   EXPECT_GE(MainQueue::now() - start, 0.05);
 }

@@ -314,15 +314,11 @@ TEST_F(RecordLoadingTest, UnreadableRecordsEndTheLoadWithTheirIssue) {
   EXPECT_EQ(stack_->store->loadValuesForEntity(*note_->entity(), "../Folder", nullptr), nullptr);
 }
 
-TEST(RecordDecryption, DamagedEncryptedRecordIsUndecryptable) {
-  TempDir dir{"quillon-fetching"};
-  StoreStack stack(dir.file("Secret.quillon"),
-                   Value::dictionary({{"password", Value::string("pw")}}));
-  ASSERT_TRUE(stack.waitUntilReady());
-  ManagedObjectPtr note = stack.context->insertNewObjectForEntityForName("Note");
-  note->setValue("title", Value::string("secret"));
-  ASSERT_TRUE(stack.saveAndWait());
-  std::vector<Url> files = stack.store->changesFilesFor(*note->entity(), storeUID(*note));
+TEST_F(FetchingTest, DamagedEncryptedRecordIsUndecryptable) {
+  auto stack = open(Value::dictionary({{"password", "pw"}}));
+  ManagedObjectPtr note = insert(*stack, "Note", Value::dictionary({{"title", "secret"}}));
+  save(*stack);
+  std::vector<Url> files = stack->store->changesFilesFor(*note->entity(), storeUID(*note));
   ASSERT_EQ(files.size(), 1u);
   std::vector<uint8_t> bytes;
   ASSERT_FALSE(Env::Default()->readFile(files[0].path(), &bytes));
@@ -330,9 +326,9 @@ TEST(RecordDecryption, DamagedEncryptedRecordIsUndecryptable) {
   bytes[bytes.size() / 2] ^= 0x5a;
   ASSERT_FALSE(Env::Default()->writeFileAtomically(files[0].path(), bytes));
 
-  EXPECT_EQ(stack.store->loadValuesForObjectID(note->objectID(), stack.context.get()), nullptr);
-  ASSERT_EQ(stack.store->loadingIssues().size(), 1u);
-  EXPECT_EQ(stack.store->loadingIssues()[0].dictionary().get("type"),
+  EXPECT_EQ(stack->store->loadValuesForObjectID(note->objectID(), stack->context.get()), nullptr);
+  ASSERT_EQ(stack->store->loadingIssues().size(), 1u);
+  EXPECT_EQ(stack->store->loadingIssues()[0].dictionary().get("type"),
             Value::string("Undecryptable File"));
 }
 
