@@ -138,15 +138,6 @@ TEST(JSONReadTest, BadInputGivesErrors) {
   EXPECT_FALSE(error);
 }
 
-TEST(JSONReadTest, SpanOverloadAndReuseAcrossSizes) {
-  std::string big = "[";
-  for (int i = 0; i < 20000; ++i) big += std::to_string(i) + ",";
-  big += "0]";
-  std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t*>(big.data()), big.size());
-  EXPECT_EQ(readJSON(bytes).size(), 20001u);
-  EXPECT_EQ(mustRead("[1,2]").size(), 2u);  // the reused parser still reads small texts
-}
-
 TEST(JSONReadTest, NestedContainersAndNearlyEqualKeys) {
   // Containers interleave at every level; keys differ only in length, in a
   // NUL byte or in their last byte.
@@ -165,7 +156,8 @@ TEST(JSONReadTest, NestedContainersAndNearlyEqualKeys) {
   std::string wide = "[";
   for (int i = 0; i < 70000; ++i) wide += "\"s\",";
   wide += "\"end\"]";
-  Value w = mustRead(wide);
+  std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t*>(wide.data()), wide.size());
+  Value w = readJSON(bytes);
   EXPECT_EQ(w.size(), 70001u);
   EXPECT_EQ(w[70000].str(), "end");
   EXPECT_EQ(writeJSON(mustRead(text)), text);

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "quillon/coding/url_utils.h"
-#include "support/temp_dir.h"
 
 namespace quillon {
 namespace {
@@ -50,44 +48,6 @@ TEST(StringUtilsTest, AnonymizeKeepsFirstAndLastCodePoints) {
   EXPECT_TRUE(anonymize(Value(42)).isNil());
   EXPECT_TRUE(anonymize(Value::null()).isNil());
   EXPECT_TRUE(anonymize(Value::array({"Hello"})).isNil());
-}
-
-class BackupPathTest : public ::testing::Test {
- protected:
-  void TearDown() override { setBackupProvider({}); }
-};
-
-TEST_F(BackupPathTest, FindsExistingCopiesNewestFirstOnlyWithAProvider) {
-  TempDir backups("quillon-backups");
-  TempDir documents("quillon-documents");
-  documents.write("Notes.quillon/Info.plist", "x");
-  const std::string package = documents.file("Notes.quillon");
-  const std::string volumeName(QuillonVolumeInformation(Url::fileURL(package)).get("Name").str());
-  ASSERT_FALSE(volumeName.empty());
-
-  const std::string database = backups.file("Backups.backupdb");
-  for (const char* snapshot : {"2024-01-05-101010", "2024-03-01-090000", "2024-02-11-235959"}) {
-    backups.write(std::string("Backups.backupdb/Laptop/") + snapshot + "/" + volumeName + package +
-                      "/Info.plist",
-                  snapshot);
-  }
-  // A snapshot without the package, and one without the volume.
-  backups.write("Backups.backupdb/Laptop/2024-04-01-000000/" + volumeName + "/other", "");
-  backups.write("Backups.backupdb/Laptop/2024-05-01-000000/Other Volume" + package, "");
-
-  EXPECT_TRUE(timeMachineBackupPath(package).empty());  // no provider installed
-
-  setBackupProvider([database] { return std::vector<std::string>{database}; });
-  const std::string prefix = database + "/Laptop/";
-  EXPECT_EQ(timeMachineBackupPath(package),
-            (std::vector<std::string>{prefix + "2024-03-01-090000/" + volumeName + package,
-                                      prefix + "2024-02-11-235959/" + volumeName + package,
-                                      prefix + "2024-01-05-101010/" + volumeName + package}));
-  EXPECT_TRUE(timeMachineBackupPath(documents.file("Never backed up")).empty());
-
-  // A database that has gone away is no error.
-  setBackupProvider([&] { return std::vector<std::string>{backups.file("gone.backupdb")}; });
-  EXPECT_TRUE(timeMachineBackupPath(package).empty());
 }
 
 }  // namespace

@@ -39,26 +39,6 @@ TEST(ManagedObjectModelTest, EntitiesKeepModelOrderAndInheritance) {
   EXPECT_EQ(model->entity("Nope"), nullptr);
 }
 
-TEST(ManagedObjectModelTest, AttributesCarryTypeNumbersClassNamesAndDefaults) {
-  const EntityDescription* note = notesModel()->entity("Note");
-  const AttributeDescription* priority = note->attribute("priority");
-  ASSERT_NE(priority, nullptr);
-  EXPECT_EQ(static_cast<int>(priority->attributeType()), 100);
-  EXPECT_EQ(priority->attributeValueClassName(), "NSNumber");
-  EXPECT_TRUE(priority->defaultValue().isInteger());
-  EXPECT_EQ(priority->defaultValue().intValue(), 1);
-  EXPECT_TRUE(priority->isOptional());
-  EXPECT_FALSE(note->attribute("title")->isOptional());
-  EXPECT_EQ(static_cast<int>(note->attribute("created")->attributeType()), 900);
-  EXPECT_EQ(note->attribute("created")->attributeValueClassName(), "NSDate");
-  EXPECT_EQ(note->attribute("data")->attributeValueClassName(), "NSData");
-  EXPECT_EQ(static_cast<int>(note->attribute("link")->attributeType()), 1200);
-  EXPECT_EQ(note->attribute("score")->attributeValueClassName(), "NSNumber");
-  EXPECT_EQ(note->properties()[0]->name(), "title");
-  EXPECT_EQ(note->indexOfProperty("link"), 7);
-  EXPECT_EQ(note->attribute("folder"), nullptr);  // a relationship, not an attribute
-}
-
 struct BrokenModel {
   const char* json;
   const char* entity;

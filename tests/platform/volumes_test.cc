@@ -76,37 +76,6 @@ TEST(MountTableTest, ClassifiesNetworkFileSystems) {
   EXPECT_EQ(MountTable::formatDescription("somethingnew"), "somethingnew");
 }
 
-TEST(MountTableTest, RemountURLsOfNetworkSources) {
-  std::vector<MountEntry> entries = MountTable::parse(kSample);
-  EXPECT_EQ(MountTable::remountURL(entries[2]), "nfs://fileserver/exports/team");
-  EXPECT_EQ(MountTable::remountURL(entries[3]), "nfs://[fd00::1]/srv/old%20files");
-  EXPECT_EQ(MountTable::remountURL(entries[4]), "smb://winbox/Shared%20Docs");
-  EXPECT_EQ(MountTable::remountURL(entries[5]), "sftp://ann@build.example/~/projects");
-  EXPECT_EQ(MountTable::remountURL(entries[6]), "sftp://build.example/var/www");
-  EXPECT_EQ(MountTable::remountURL(entries[0]), std::nullopt);
-
-  MountEntry broken;
-  broken.fileSystemType = "nfs";
-  broken.source = "no-colon-here";
-  EXPECT_EQ(MountTable::remountURL(broken), std::nullopt);
-  broken.fileSystemType = "cifs";
-  broken.source = "//";
-  EXPECT_EQ(MountTable::remountURL(broken), std::nullopt);
-}
-
-TEST(VolumesTest, RootIsALocalVolume) {
-  std::optional<VolumeInfo> root = Volumes::volumeForPath("/");
-  ASSERT_TRUE(root.has_value());
-  EXPECT_EQ(root->mountPoint, "/");
-  EXPECT_EQ(root->isLocal, true);
-  EXPECT_EQ(root->remountURL, std::nullopt);
-  ASSERT_TRUE(root->format.has_value());
-  EXPECT_FALSE(root->format->empty());
-  ASSERT_TRUE(root->name.has_value());
-  EXPECT_FALSE(root->name->empty());
-  EXPECT_TRUE(root->deviceCharacteristics.isDictionary());
-}
-
 TEST(VolumesTest, PathsResolveToTheirMountAndMissingPathsToNothing) {
   TempDir dir;
   std::optional<VolumeInfo> volume = Volumes::volumeForPath(dir.path());

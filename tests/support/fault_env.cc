@@ -38,11 +38,6 @@ size_t FaultInjectingEnv::count(Op op, std::string_view pathSubstring) const {
   return n;
 }
 
-size_t FaultInjectingEnv::totalCount() const {
-  std::lock_guard lock(mutex_);
-  return records_.size();
-}
-
 size_t FaultInjectingEnv::injectedFailures() const {
   std::lock_guard lock(mutex_);
   return injected_;

@@ -69,8 +69,6 @@ class FaultInjectingEnv : public EnvWrapper {
   // Operations of a kind whose path (either path, for moves and copies)
   // contains `pathSubstring`.
   size_t count(Op op, std::string_view pathSubstring) const;
-  // Operations of every kind.
-  size_t totalCount() const;
   // Every operation so far (moves and copies under their source path), in
   // the order they reached this Env: what a test reads to prove ordering.
   // writeFileAtomically and writeFileAtomicallyUnflushed are both Write.

@@ -51,9 +51,7 @@ class InMemoryStore : public IncrementalStore {
   // What the layer asked for.
   int valuesCalls = 0;
   int relationshipCalls = 0;
-  int fetchCalls = 0;
   int saveCalls = 0;
-  int permanentIDCalls = 0;
   int removeCalls = 0;
   // The last save request's objects, by uid.
   std::vector<std::string> lastInserted, lastUpdated, lastDeleted;
