@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "support/fault_env.h"
 #include "support/temp_dir.h"
 
 namespace quillon {
@@ -127,48 +126,6 @@ TEST(EnvTest, AttributesTellAPlaceholderFromAFile) {
   EXPECT_TRUE(folder.isDirectory());
 }
 
-TEST(FaultInjectingEnvTest, FailsMatchingOperationsAfterNSuccesses) {
-  TempDir dir;
-  FaultInjectingEnv env;
-  env.failAfter(FaultInjectingEnv::Op::Write, "/Entities/", 2, FaultInjectingEnv::Fault::NoSpace);
-  ASSERT_FALSE(env.createDirectories(dir.file("Entities")));
-  EXPECT_FALSE(env.writeFileAtomically(dir.file("Entities/1"), "1"));
-  EXPECT_FALSE(env.writeFileAtomically(dir.file("Other"), "not matching"));
-  EXPECT_FALSE(env.writeFileAtomically(dir.file("Entities/2"), "2"));
-  Error e = env.writeFileAtomically(dir.file("Entities/3"), "3");
-  ASSERT_TRUE(e);
-  EXPECT_EQ(e.domain(), kPosixErrorDomain);
-  EXPECT_EQ(e.code(), ENOSPC);
-  EXPECT_FALSE(Env::Default()->exists(dir.file("Entities/3")));  // nothing reached the disk
-  EXPECT_TRUE(env.writeFileAtomically(dir.file("Entities/4"), "4"));
-  EXPECT_EQ(env.injectedFailures(), 2u);
-
-  env.clearFaults();
-  EXPECT_FALSE(env.writeFileAtomically(dir.file("Entities/5"), "5"));
-
-  // A limited number of failures: the next one goes through again.
-  env.failAfter(FaultInjectingEnv::Op::Move, "", 0, FaultInjectingEnv::Fault::IoError, 1);
-  EXPECT_EQ(env.moveItem(dir.file("Other"), dir.file("Moved")).code(), EIO);
-  EXPECT_TRUE(Env::Default()->exists(dir.file("Other")));
-  EXPECT_FALSE(env.moveItem(dir.file("Other"), dir.file("Moved")));
-}
-
-TEST(FaultInjectingEnvTest, ShortReadAndFailedListing) {
-  TempDir dir;
-  dir.write("record.json", "0123456789");
-  FaultInjectingEnv env;
-  env.failAfter(FaultInjectingEnv::Op::Read, "record", 1, FaultInjectingEnv::Fault::ShortRead);
-  env.failAfter(FaultInjectingEnv::Op::List, dir.path(), 0, FaultInjectingEnv::Fault::IoError);
-  std::vector<uint8_t> bytes;
-  ASSERT_FALSE(env.readFile(dir.file("record.json"), &bytes));
-  EXPECT_EQ(bytes.size(), 10u);
-  ASSERT_FALSE(env.readFile(dir.file("record.json"), &bytes));
-  EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "01234");
-  std::vector<std::string> names{"stale"};
-  EXPECT_EQ(env.listDirectory(dir.path(), &names).code(), EIO);
-  EXPECT_TRUE(names.empty());
-}
-
 std::span<const uint8_t> bytesOf(std::string_view text) {
   return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
 }
@@ -196,26 +153,6 @@ TEST(EnvTest, UnflushedWritesAreAtomicAndSyncFilesFlushesFilesAndFolders) {
   Error e = env->syncFiles(paths);
   EXPECT_EQ(e.code(), ENOENT);
   EXPECT_EQ(e.userInfo().get(kFilePathErrorKey), Value::string(dir.file("a/b/missing")));
-}
-
-TEST(FaultInjectingEnvTest, RecordsWritesAndSyncsInOrderAndFailsSyncs) {
-  TempDir dir;
-  FaultInjectingEnv env;
-  using Op = FaultInjectingEnv::Op;
-  ASSERT_FALSE(env.writeFileAtomicallyUnflushed(dir.file("record"), bytesOf("r")));
-  ASSERT_FALSE(env.syncFiles({dir.file("record"), dir.path()}));
-  ASSERT_FALSE(env.writeFileAtomically(dir.file("change"), "c"));
-  std::vector<std::pair<Op, std::string>> seen;
-  for (const auto& op : env.operations()) seen.emplace_back(op.op, op.path);
-  std::vector<std::pair<Op, std::string>> expected{{Op::Write, dir.file("record")},
-                                                   {Op::Sync, dir.file("record")},
-                                                   {Op::Sync, dir.path()},
-                                                   {Op::Write, dir.file("change")}};
-  EXPECT_EQ(seen, expected);
-
-  env.failAfter(Op::Sync, "record", 0, FaultInjectingEnv::Fault::IoError);
-  EXPECT_EQ(env.syncFiles({dir.file("change"), dir.file("record")}).code(), EIO);
-  EXPECT_EQ(env.count(Op::Sync), 4u);
 }
 
 }  // namespace

@@ -118,6 +118,7 @@ TEST(HostileChangeFileTest, IsRefusedWithoutTouchingAnythingOutsideThePackage) {
       EXPECT_TRUE(loggedChangeNames(*stack.store).empty());
     }
     QuillonStore::setDefaultEnv(Env::Default());
+    EXPECT_GT(env.count(FaultInjectingEnv::Op::Read), 0u);  // the env was in use
     EXPECT_EQ(env.escapes(), 0u);
     EXPECT_EQ(env.count(FaultInjectingEnv::Op::Read, HugeFileEnv::kHuge), 0u);
   }
