@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "quillon/base/env.h"
+#include "quillon/base/operation_queue.h"
 #include "quillon/base/plist.h"
 #include "quillon/base/user_defaults.h"
 #include "quillon/base/uuid.h"
