@@ -12,7 +12,8 @@
 // The package (100000 notes; QUILLON_BENCH_QUICK=1: 5000) is built once per
 // run in a temporary folder through the store itself: the notes are inserted
 // and saved in batches of 10000, one change file per batch, exactly as an
-// application writes them. Times are process CPU time (the store works on
+// application writes them. QUILLON_BENCH_KEEP=<folder> builds it there once
+// and reuses it in later runs (for profiling). Times are process CPU time (the store works on
 // several queues); the table shows wall time beside it. The ratios aim at
 // warm within 2x of SQLite and cold within 1.5x of the plain loop.
 
@@ -63,6 +64,7 @@ struct Fixture {
   std::shared_ptr<const ManagedObjectModel> model;
   size_t objects = 0;
   size_t matches = 0;
+  bool kept = false;
 };
 
 Fixture& fixture() {
@@ -133,9 +135,16 @@ void prepare() {
   const char* quick = std::getenv("QUILLON_BENCH_QUICK");
   f.objects = quick && *quick && std::string(quick) != "0" ? 5000 : 100000;
 
-  char pattern[] = "/tmp/quillon-open-bench-XXXXXX";
-  if (!mkdtemp(pattern)) fail("no temporary folder");
-  f.root = pattern;
+  const char* keep = std::getenv("QUILLON_BENCH_KEEP");
+  f.kept = keep && *keep;
+  if (f.kept) {
+    f.root = keep;
+    Env::Default()->createDirectories(f.root);
+  } else {
+    char pattern[] = "/tmp/quillon-open-bench-XXXXXX";
+    if (!mkdtemp(pattern)) fail("no temporary folder");
+    f.root = pattern;
+  }
   f.package = f.root + "/Bench.quillon";
   f.database = f.root + "/bench.sqlite";
   // The store records recent files in the user's settings: keep them, and
@@ -147,6 +156,24 @@ void prepare() {
   Error error;
   f.model = ManagedObjectModel::fromJSON(kModel, &error);
   if (!f.model) fail("model: " + error.localizedDescription());
+
+  // A kept package names its size and number of matches in "built".
+  const std::string built = f.root + "/built";
+  if (f.kept) {
+    std::vector<uint8_t> bytes;
+    if (!Env::Default()->readFile(built, &bytes)) {
+      size_t objects = 0, matches = 0;
+      if (std::sscanf(std::string(bytes.begin(), bytes.end()).c_str(), "%zu %zu", &objects,
+                      &matches) == 2 &&
+          objects == f.objects) {
+        f.matches = matches;
+        std::printf("package (kept): %zu notes, %zu match the query\n", f.objects, f.matches);
+        return;
+      }
+    }
+    Env::Default()->removeItem(f.package);
+    Env::Default()->removeItem(f.database);
+  }
 
   sqlite3* db = nullptr;
   if (sqlite3_open(f.database.c_str(), &db) != SQLITE_OK) fail("cannot create the database");
@@ -189,6 +216,10 @@ void prepare() {
   exec(db, "COMMIT");
   sqlite3_close(db);
   std::printf("package: %zu notes, %zu match the query\n", f.objects, f.matches);
+  if (f.kept) {
+    std::string counts = std::to_string(f.objects) + " " + std::to_string(f.matches);
+    Env::Default()->writeFileAtomically(built, std::string_view(counts));
+  }
 }
 
 void removeCache() {
@@ -282,7 +313,7 @@ void printRatios(const bench::RatioReporter& reporter) {
     std::printf("cold open and fetch / plain read of every record: %.2fx (aim: 1.5x)\n",
                 cold / plain);
   }
-  Env::Default()->removeItem(fixture().root);
+  if (!fixture().kept) Env::Default()->removeItem(fixture().root);
 }
 
 }  // namespace

@@ -274,6 +274,38 @@ void QuillonCache::addChange(const Value& change, bool isExternal) {
   });
 }
 
+void QuillonCache::addExternalChange(const Value& change, const Value& loaded) {
+  // Which uids are new is decided before the change adds them.
+  std::vector<std::pair<std::string, std::vector<std::pair<Value, Value>>>> fresh;
+  for (const auto& [entityName, items] : loaded.items()) {
+    if (!entityName.isString() || !items.isDictionary()) continue;
+    std::shared_ptr<QuillonCacheSet> set = cacheForEntityUIDs(entityName.str());
+    if (!set) continue;
+    std::vector<std::pair<Value, Value>> unknown;
+    set->readContent([&](const Value& uids) {
+      for (const auto& [uid, item] : items.items()) {
+        if (uid.isString() && !uid.str().empty() && !uids.contains(uid)) {
+          unknown.emplace_back(uid, item);
+        }
+      }
+    });
+    if (!unknown.empty()) fresh.emplace_back(std::string(entityName.str()), std::move(unknown));
+  }
+  addChange(change, true);
+  for (const auto& [entityName, items] : fresh) {
+    for (const auto& [uid, value] : items) {
+      auto item = std::dynamic_pointer_cast<QuillonCacheItem>(value.objectValue());
+      std::string key = storeKeyFor(entityName, uid.str());
+      if (!item || !isSafePathComponent(key)) continue;
+      std::shared_ptr<QuillonCacheDictionary> shard = shardForKey(key);
+      std::lock_guard lock(shard->lock());
+      if (itemInShard(shard, std::string(uid.str()))) continue;
+      item->setCollection(shard);
+      shard->setValue(value, std::string(uid.str()));
+    }
+  }
+}
+
 void QuillonCache::removeChange(const Value& change, bool isExternal) {
   std::shared_ptr<QuillonCacheArray> log = changeLog();
   postChangesNotice([&] {
@@ -454,13 +486,7 @@ std::shared_ptr<QuillonCacheSet> QuillonCache::cacheForEntityUIDs(std::string_vi
   return set;
 }
 
-std::shared_ptr<QuillonCacheDictionary> QuillonCache::cacheForObjectID(
-    const ManagedObjectIDPtr& objectID) {
-  if (!objectID || !objectID->entity()) return nullptr;
-  std::string uid = storeUID(*objectID);
-  if (uid.empty()) return nullptr;
-  std::string key = storeKeyFor(objectID->entity()->name(), uid);
-  if (!isSafePathComponent(key)) return nullptr;
+std::shared_ptr<QuillonCacheDictionary> QuillonCache::shardForKey(const std::string& key) {
   std::lock_guard lock(entitiesMutex_);
   std::shared_ptr<QuillonCacheDictionary>& shard = entities_[key];
   if (!shard) {
@@ -469,15 +495,21 @@ std::shared_ptr<QuillonCacheDictionary> QuillonCache::cacheForObjectID(
   return shard;
 }
 
+std::shared_ptr<QuillonCacheDictionary> QuillonCache::cacheForObjectID(
+    const ManagedObjectIDPtr& objectID) {
+  if (!objectID || !objectID->entity()) return nullptr;
+  std::string uid = storeUID(*objectID);
+  if (uid.empty()) return nullptr;
+  std::string key = storeKeyFor(objectID->entity()->name(), uid);
+  if (!isSafePathComponent(key)) return nullptr;
+  return shardForKey(key);
+}
+
 void QuillonCache::loadCachesForEntity(const EntityDescription& entity) {
-  std::lock_guard lock(entitiesMutex_);
   for (char c : kShardCharacters) {
     std::string key = storeKeyFor(entity.name(), std::string_view(&c, 1));
     if (!isSafePathComponent(key)) continue;
-    std::shared_ptr<QuillonCacheDictionary>& shard = entities_[key];
-    if (!shard) {
-      shard = QuillonCacheDictionary::dictionaryWithStore(store_, URLForKey(key).value_or(Url()));
-    }
+    std::shared_ptr<QuillonCacheDictionary> shard = shardForKey(key);
     std::lock_guard shardLock(shard->lock());
     shard->loadIfNeeded();
   }
@@ -489,6 +521,37 @@ std::shared_ptr<QuillonCacheItem> QuillonCache::itemInShard(
     const std::shared_ptr<QuillonCacheDictionary>& shard, const std::string& uid) const {
   Value value = shard->valueForKey(uid);
   return std::dynamic_pointer_cast<QuillonCacheItem>(value.objectValue());
+}
+
+std::vector<QuillonCache::CachedItem> QuillonCache::cachedItemsForEntity(
+    const EntityDescription& entity) {
+  std::vector<CachedItem> answer;
+  std::shared_ptr<QuillonCacheSet> set = cacheForEntityUIDs(entity.name());
+  if (!set) return answer;
+  // The set's own content, not a copy: it is copied only if changed meanwhile.
+  const Value uids = set->content();
+  answer.reserve(uids.size());
+  // Positions in `answer` by shard key, so each shard is visited once.
+  std::unordered_map<std::string, std::vector<size_t>> byShard;
+  for (const Value& uid : uids.elements()) {
+    if (!uid.isString() || uid.str().empty()) continue;
+    std::string key = storeKeyFor(entity.name(), uid.str());
+    byShard[key].push_back(answer.size());
+    answer.push_back(CachedItem{uid, nullptr});
+  }
+  for (const auto& [key, positions] : byShard) {
+    if (!isSafePathComponent(key)) continue;
+    std::shared_ptr<QuillonCacheDictionary> shard = shardForKey(key);
+    shard->readContent([&](const Value& content) {
+      for (size_t position : positions) {
+        const Value* stored = content.find(answer[position].uid);
+        if (!stored) continue;
+        answer[position].item = std::dynamic_pointer_cast<QuillonCacheItem>(stored->objectValue());
+        if (answer[position].item) answer[position].item->setCollection(shard);
+      }
+    });
+  }
+  return answer;
 }
 
 std::shared_ptr<QuillonCacheItem> QuillonCache::cacheItemForObjectID(

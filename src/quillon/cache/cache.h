@@ -82,6 +82,12 @@ class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
   // Nullptr until loaded: fetches answer nothing before that.
   std::shared_ptr<QuillonCacheArray> changeLog() const;
   void addChange(const Value& change, bool isExternal);
+  // addChange(change, true) for another computer's change whose inserted
+  // objects its validation already read from their records: `loaded` maps
+  // entity name → uid → Value::object of the item. Items of uids the cache
+  // did not know before the change go into their shards (unless a shard
+  // holds one by then), so they are not read again; the others are dropped.
+  void addExternalChange(const Value& change, const Value& loaded);
   void removeChange(const Value& change, bool isExternal);
   // The log's content (an array of change dictionaries); empty while unloaded.
   Value changes();
@@ -106,6 +112,15 @@ class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
   void loadCachesForEntity(const EntityDescription& entity);
 
   // ---- Values ----
+  // The entity's known uids, in the uid set's order, each with the item its
+  // shard holds (null when the shard has none; nothing is loaded from the
+  // package). Each shard is locked and read once, so this is the way to
+  // visit many objects.
+  struct CachedItem {
+    Value uid;
+    std::shared_ptr<QuillonCacheItem> item;
+  };
+  std::vector<CachedItem> cachedItemsForEntity(const EntityDescription& entity);
   std::shared_ptr<QuillonCacheItem> cacheItemForObjectID(const ManagedObjectIDPtr& objectID);
   std::shared_ptr<QuillonCacheItem> cacheItemForObjectID(const ManagedObjectIDPtr& objectID,
                                                          ManagedObjectContext* context);
@@ -165,6 +180,8 @@ class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
   std::shared_ptr<QuillonCacheArray> makeChangeLog() const;
   std::shared_ptr<QuillonCacheItem> itemInShard(
       const std::shared_ptr<QuillonCacheDictionary>& shard, const std::string& uid) const;
+  // The value shard stored under `key`, made on first use. Takes entitiesMutex_.
+  std::shared_ptr<QuillonCacheDictionary> shardForKey(const std::string& key);
 
   mutable std::recursive_mutex monitor_;  // changeNames, extra data, record updates
   std::atomic<bool> terminated_{false};

@@ -16,18 +16,25 @@ QuillonIndexOperation::QuillonIndexOperation(QuillonCache* cache, const EntityDe
 
 void QuillonIndexOperation::main() {
   if (isCancelled() || cache_->stopping_.load()) return;
-  Value uids = cache_->objectUIDsForEntity(*entity_);
-  uint64_t scheduled = 0;
-  for (const Value& uid : uids.elements()) {
-    if (!uid.isString()) continue;
+  // Objects whose shard already holds their item are counted as indexed at
+  // once: an operation of their own would only find them there.
+  std::vector<QuillonCache::CachedItem> items = cache_->cachedItemsForEntity(*entity_);
+  uint64_t cached = 0;
+  for (const QuillonCache::CachedItem& entry : items) {
+    if (entry.item) {
+      ++cached;
+      continue;
+    }
     auto load =
-        std::make_shared<QuillonIndexLoadOperation>(cache_, entity_, std::string(uid.str()));
+        std::make_shared<QuillonIndexLoadOperation>(cache_, entity_, std::string(entry.uid.str()));
     load->setQueuePriority(QueuePriority::VeryLow);
     queue_->addOperation(std::move(load));
-    ++scheduled;
   }
-  MainQueue::async([weak = cache_->weak_from_this(), scheduled] {
-    if (auto cache = weak.lock()) cache->addMaxItemsToIndex(scheduled);
+  MainQueue::async([weak = cache_->weak_from_this(), total = uint64_t{items.size()}, cached] {
+    if (auto cache = weak.lock()) {
+      cache->addMaxItemsToIndex(total);
+      cache->addItemsToIndex(cached);
+    }
   });
 }
 

@@ -10,9 +10,10 @@ namespace quillon {
 class EntityDescription;
 class QuillonCache;
 
-// Schedules the loading of every known object of one entity: one
-// QuillonIndexLoadOperation per uid on the same queue, then adds the count to
-// the cache's maxItemsToIndex on the main queue.
+// Schedules the loading of every known object of one entity that its shard
+// does not hold yet: one QuillonIndexLoadOperation per such uid on the same
+// queue. On the main queue it then adds the number of uids to the cache's
+// maxItemsToIndex and the number already cached to itemsToIndex.
 //
 // Made by QuillonCache::cacheMissingItems and owned by the index queue. The
 // cache owns that queue and cancels and waits for it before it goes, so the

@@ -271,7 +271,10 @@ void QuillonStore::applyChangeFiles(std::shared_ptr<QuillonStore> self,
       }
     }
 
-    Value validated = store.validatedChanges(change);
+    // The inserted objects' records are read by validation; the cache keeps
+    // what it read instead of reading them again.
+    Value loaded = Value::mutableDictionary();
+    Value validated = store.validatedChanges(change, false, &loaded);
     if (validated.isNil()) {
       MainQueue::async([self = std::move(self), pass] { pass->completion(false); });
       return;
@@ -295,7 +298,7 @@ void QuillonStore::applyChangeFiles(std::shared_ptr<QuillonStore> self,
             kQuillonLogTypeWarning);
       }
     }
-    MainQueue::async([self, change] { self->cache().addChange(change, true); });
+    MainQueue::async([self, change, loaded] { self->cache().addExternalChange(change, loaded); });
   }
 
   MainQueue::async([self, pass] {

@@ -5,7 +5,9 @@
 #include <utility>
 #include <vector>
 
+#include "quillon/base/error.h"
 #include "quillon/base/json.h"
+#include "quillon/cache/cache_item.h"
 #include "quillon/coding/data_utils.h"
 #include "quillon/coding/url_utils.h"
 #include "quillon/store/quillon.h"
@@ -54,6 +56,27 @@ Value menuItem(std::string_view title, std::string_view action, const Url& url) 
 
 bool isLength(const Value& v) { return v.isNumber() && !v.isBool(); }
 
+// Keeps the cache item an inserted object's record makes, as loading the
+// object from its records would: its insert record is the first it has.
+void keepLoadedItem(const QuillonStore& store, const std::string& entity, const Value& uid,
+                    const Value& record, const Url& url, Value* loadedItems) {
+  const EntityDescription* description = store.entityNamed(entity);
+  const Value& payload = record.get("payload");
+  if (!description || !record.isDictionary() || !payload.isDictionary()) return;
+  auto item = std::make_shared<QuillonCacheItem>();
+  try {
+    item->updateValues(payload, *description, url, record.get("version"));
+  } catch (const Exception&) {
+    return;  // loading the object reports what is wrong with it
+  }
+  Value items = loadedItems->get(entity);
+  if (items.isNil()) {
+    items = Value::mutableDictionary();
+    loadedItems->set(Value::string(entity), items);
+  }
+  items.set(uid, Value::object(std::move(item)));
+}
+
 }  // namespace
 
 Value QuillonStore::combineChangeDictionary(const Value& first, const Value& second) {
@@ -86,7 +109,7 @@ std::string QuillonStore::shortURL(const Url& url) const {
   return shortened;
 }
 
-Value QuillonStore::validatedChanges(const Value& change, bool lightWeight) {
+Value QuillonStore::validatedChanges(const Value& change, bool lightWeight, Value* loadedItems) {
   const std::string_view error = kQuillonLogTypeError;
   const std::string_view warning = kQuillonLogTypeWarning;
   const std::string_view success = kQuillonLogTypeSuccess;
@@ -194,10 +217,12 @@ Value QuillonStore::validatedChanges(const Value& change, bool lightWeight) {
           // password), so it never ends validation by itself.
           fail(fmt::format("Decryption error on file: {} {}", clip(entity), recordText()), warning,
                Value());
-        } else if (readJSON(std::span<const uint8_t>(plain)).isNil()) {
+        } else if (Value content = readJSON(std::span<const uint8_t>(plain)); content.isNil()) {
           if (fail(fmt::format("Incomplete file: {}", recordText()), warning, ignoreMenu)) {
             return Value();
           }
+        } else if (loadedItems && sections[1].get(entity).find(uidValue)) {
+          keepLoadedItem(*this, entity, uidValue, content, record, loadedItems);
         }
       }
 

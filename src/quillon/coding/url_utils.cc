@@ -137,10 +137,7 @@ bool QuillonIsLocalURL(const Url& url, Env* env) {
   return *volume->isLocal;
 }
 
-bool QuillonIsOnDisk(const std::string& path, Env* env) {
-  if (!env->exists(path)) return true;
-  return OnDiskCheck(env).item(path);
-}
+bool QuillonIsOnDisk(const std::string& path, Env* env) { return OnDiskCheck(env).item(path); }
 
 bool QuillonIsOnDisk(const Url& url, Env* env) { return QuillonIsOnDisk(url.path(), env); }
 

@@ -89,19 +89,31 @@ Value QuillonStore::executeFetchRequest(const FetchRequest& request,
   int64_t count = 0;
   std::vector<Value> items;
   for (const EntityDescription* e : searched) {
-    Value uids = cache_->objectUIDsForEntity(*e);
-    if (counting && !predicate) {
-      count += static_cast<int64_t>(uids.size());
-      continue;
+    std::vector<QuillonCache::CachedItem> entries;
+    if (needValues) {
+      entries = cache_->cachedItemsForEntity(*e);
+    } else if (std::shared_ptr<QuillonCacheSet> set = cache_->cacheForEntityUIDs(e->name())) {
+      const Value uids = set->content();
+      if (counting) {
+        count += static_cast<int64_t>(uids.size());
+        continue;
+      }
+      entries.reserve(uids.size());
+      for (const Value& uid : uids.elements()) {
+        if (uid.isString() && !uid.str().empty()) entries.push_back({uid, nullptr});
+      }
     }
-    items.reserve(items.size() + uids.size());
-    for (const Value& uid : uids.elements()) {
-      if (!uid.isString() || uid.str().empty()) continue;
-      ManagedObjectIDPtr objectID = newObjectIDForEntity(e, uid);
-      if (!objectID) continue;
-      auto item = std::make_shared<QuillonRequestItem>(context, objectID, this);
-      if (wantObjects && context) item->setManagedObject(context->objectWithID(objectID));
-      if (needValues) item->setCacheItem(cache_->cacheItemForObjectID(objectID, context));
+    items.reserve(items.size() + entries.size());
+    for (QuillonCache::CachedItem& entry : entries) {
+      auto item = std::make_shared<QuillonRequestItem>(context, e, entry.uid, this);
+      if (needValues) {
+        // Objects the shards lack yet (indexing still runs) come from their records.
+        if (!entry.item) entry.item = cache_->cacheItemForObjectID(item->objectID(), context);
+        item->setCacheItem(std::move(entry.item));
+      }
+      if (wantObjects && context && item->objectID()) {
+        item->setManagedObject(context->objectWithID(item->objectID()));
+      }
       items.push_back(Value::object(std::move(item)));
     }
   }
@@ -124,7 +136,7 @@ Value QuillonStore::executeFetchRequest(const FetchRequest& request,
     const auto* item = value.objectAs<QuillonRequestItem>();
     switch (type) {
       case FetchRequestResultType::ManagedObjectID:
-        answer.push_back(Value::object(item->objectID()));
+        if (item->objectID()) answer.push_back(Value::object(item->objectID()));
         break;
       case FetchRequestResultType::Dictionary:
         answer.push_back(item->dictionary());

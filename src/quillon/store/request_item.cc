@@ -1,6 +1,7 @@
 #include "quillon/store/request_item.h"
 
 #include "quillon/cache/cache_item.h"
+#include "quillon/graph/entity_description.h"
 #include "quillon/graph/managed_object_context.h"
 #include "quillon/store/store.h"
 
@@ -17,30 +18,51 @@ Value objectForValue(ManagedObjectContext* context, const Value& value) {
 
 }  // namespace
 
+QuillonRequestItem::QuillonRequestItem(ManagedObjectContext* context, ManagedObjectIDPtr objectID,
+                                       QuillonStore* store)
+    : context_(context),
+      entity_(objectID ? objectID->entity() : nullptr),
+      objectID_(std::move(objectID)),
+      store_(store) {}
+
+QuillonRequestItem::QuillonRequestItem(ManagedObjectContext* context,
+                                       const EntityDescription* entity, Value uid,
+                                       QuillonStore* store)
+    : context_(context), entity_(entity), uid_(std::move(uid)), store_(store) {}
+
+const ManagedObjectIDPtr& QuillonRequestItem::objectID() const {
+  if (!objectID_ && entity_ && store_ && !uid_.isNil()) {
+    objectID_ = store_->newObjectIDForEntity(entity_, uid_);
+  }
+  return objectID_;
+}
+
 Value QuillonRequestItem::dictionary() const {
   if (!cacheItem_) return Value::dictionary();
-  return cacheItem_->allValuesForObjectID(objectID_, store_, context_);
+  return cacheItem_->allValuesForObjectID(objectID(), store_, context_);
 }
 
 bool QuillonRequestItem::isEqual(const Object& other) const {
   if (const auto* id = dynamic_cast<const ManagedObjectID*>(&other)) {
-    return objectID_ && objectID_->isEqual(*id);
+    return objectID() && objectID()->isEqual(*id);
   }
   if (const auto* object = dynamic_cast<const ManagedObject*>(&other)) {
-    return objectID_ && object->objectID() && objectID_->isEqual(*object->objectID());
+    return objectID() && object->objectID() && objectID()->isEqual(*object->objectID());
   }
   return this == &other;
 }
 
 size_t QuillonRequestItem::hash() const {
   // Equal identifiers and objects hash alike, so the item may meet them in sets.
-  return objectID_ ? objectID_->hash() : Object::hash();
+  return objectID() ? objectID()->hash() : Object::hash();
 }
 
 Value QuillonRequestItem::valueForKey(std::string_view key) const {
-  if (key == "objectID") return objectID_ ? Value::object(objectID_) : Value();
+  if (key == "objectID") return objectID() ? Value::object(objectID()) : Value();
   if (!cacheItem_) return Value();
-  Value value = cacheItem_->valueForKey(key, objectID_, store_, context_);
+  // Only a relation needs the identifier; attributes come from the item alone.
+  const bool relation = entity_ && entity_->relationship(key);
+  Value value = cacheItem_->valueForKey(key, relation ? objectID() : nullptr, store_, context_);
   if (value.isObject()) return objectForValue(context_, value);
   if (value.isSequence()) {
     bool identifiers = !value.empty() && objectIDFromValue(value[0]) != nullptr;

@@ -10,6 +10,7 @@
 
 namespace quillon {
 
+class EntityDescription;
 class ManagedObjectContext;
 class QuillonCacheItem;
 class QuillonStore;
@@ -24,11 +25,14 @@ class QuillonStore;
 class QuillonRequestItem final : public Object {
  public:
   QuillonRequestItem(ManagedObjectContext* context, ManagedObjectIDPtr objectID,
-                     QuillonStore* store)
-      : context_(context), objectID_(std::move(objectID)), store_(store) {}
+                     QuillonStore* store);
+  // An item whose identifier is made from entity and uid when first asked
+  // for: most candidates of a filtered fetch never need one.
+  QuillonRequestItem(ManagedObjectContext* context, const EntityDescription* entity, Value uid,
+                     QuillonStore* store);
 
   ManagedObjectContext* context() const { return context_; }
-  const ManagedObjectIDPtr& objectID() const { return objectID_; }
+  const ManagedObjectIDPtr& objectID() const;
   QuillonStore* store() const { return store_; }
   // Set only for fetches that answer objects.
   const ManagedObjectPtr& managedObject() const { return managedObject_; }
@@ -51,7 +55,9 @@ class QuillonRequestItem final : public Object {
 
  private:
   ManagedObjectContext* context_;
-  ManagedObjectIDPtr objectID_;
+  const EntityDescription* entity_;
+  Value uid_;
+  mutable ManagedObjectIDPtr objectID_;
   QuillonStore* store_;
   ManagedObjectPtr managedObject_;
   std::shared_ptr<QuillonCacheItem> cacheItem_;

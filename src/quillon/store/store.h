@@ -278,7 +278,11 @@ class QuillonStore : public IncrementalStore {
 
   // The combined (entity → uid → entry) updates and inserts of a valid
   // change, nil otherwise (in recovery mode the combination after logging).
-  Value validatedChanges(const Value& change, bool lightWeight = false);
+  // With `loadedItems` (a mutable dictionary), a full validation also keeps
+  // what it read: entity name → uid → Value::object of a QuillonCacheItem
+  // made from the record of each inserted object.
+  Value validatedChanges(const Value& change, bool lightWeight = false,
+                         Value* loadedItems = nullptr);
   static Value combineChangeDictionary(const Value& first, const Value& second);
   // The URL's absolute text without the package URL's.
   std::string shortURL(const Url& url) const;
