@@ -29,16 +29,6 @@ TEST(Base64Test, KnownVectors) {
   EXPECT_EQ(base64Encode(std::string("\xFB\xFF\xBF", 3)), "+/+/");
 }
 
-TEST(Base64Test, RoundTripsEveryByteAndLength) {
-  std::vector<uint8_t> bytes;
-  for (int i = 0; i < 300; ++i) {
-    auto decoded = base64Decode(base64Encode(bytes));
-    ASSERT_TRUE(decoded);
-    EXPECT_EQ(*decoded, bytes);
-    bytes.push_back(static_cast<uint8_t>(i * 7 + 3));
-  }
-}
-
 TEST(Base64Test, RejectsInvalidInput) {
   for (std::string_view bad :
        {"Zg", "Zg=", "Zm9", "Z===", "====", "Zg==Zg==", "Zm9v Yg==", "Zm9v\nYg==", "Zm-v", "Zm_v",

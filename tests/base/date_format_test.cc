@@ -113,15 +113,5 @@ TEST(DateFormatTest, ISODateParsingRejectsMalformedText) {
   }
 }
 
-TEST(DateFormatTest, MediumDateTimeInLocalZone) {
-  ScopedTimeZone tz("UTC0");
-  EXPECT_EQ(formatMediumDateTime(kSample), "Nov 21, 2026 at 4:43:59 AM");
-  EXPECT_EQ(formatMediumDateTime(804600000), "Jul 1, 2026 at 12:00:00 PM");
-  EXPECT_EQ(formatMediumDateTime(0), "Jan 1, 2001 at 12:00:00 AM");
-  EXPECT_EQ(formatMediumDateTime(-0.5), "Dec 31, 2000 at 11:59:59 PM");
-  ScopedTimeZone east("IST-5:30");
-  EXPECT_EQ(formatMediumDateTime(kSample), "Nov 21, 2026 at 10:13:59 AM");
-}
-
 }  // namespace
 }  // namespace quillon

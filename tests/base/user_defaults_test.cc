@@ -65,28 +65,6 @@ TEST_F(UserDefaultsTest, StoresEveryKindAndPersistsInOrder) {
   EXPECT_EQ(other.objectForKey("QuillonRecentFiles").size(), 1u);
 }
 
-TEST_F(UserDefaultsTest, TypedAccessorsConvert) {
-  UserDefaults defaults("app", folder_);
-  defaults.setObject("yes", "YES");
-  defaults.setObject("true", "true");
-  defaults.setObject("seven", "7");
-  defaults.setObject("word", "nope");
-  defaults.setObject("real", 2.5);
-  defaults.setObject("one", 1);
-  EXPECT_TRUE(defaults.boolForKey("yes"));
-  EXPECT_TRUE(defaults.boolForKey("true"));
-  EXPECT_TRUE(defaults.boolForKey("seven"));
-  EXPECT_FALSE(defaults.boolForKey("word"));
-  EXPECT_FALSE(defaults.boolForKey("missing"));
-  EXPECT_EQ(defaults.integerForKey("seven"), 7);
-  EXPECT_EQ(defaults.integerForKey("word"), 0);
-  EXPECT_EQ(defaults.integerForKey("real"), 2);
-  EXPECT_EQ(defaults.stringForKey("real"), "2.5");
-  EXPECT_EQ(defaults.stringForKey("one"), "1");
-  EXPECT_EQ(defaults.stringForKey("word"), "nope");
-  EXPECT_EQ(defaults.stringForKey("missing"), "");
-}
-
 TEST_F(UserDefaultsTest, DamagedFileReadsEmptyAndSurvivesUntilASet) {
   UserDefaults defaults("app", folder_);
   const std::string garbage = "<plist><dict><key>a</key>\x01 truncated";

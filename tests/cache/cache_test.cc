@@ -215,22 +215,6 @@ TEST_F(CacheTest, ExternalChangesInvalidateUntilAnUnknownEntity) {
   EXPECT_TRUE(cache_->removeObjectID(noteID("E2")));
 }
 
-TEST_F(CacheTest, ChangesChainIsTheFiftyNewest) {
-  Value session = Value::dictionary({{"machineName", "box"}, {"fullUserName", "Ann"}});
-  for (int i = 0; i < 120; ++i) {
-    cache_->addChange(Value::dictionary({{"name", fmt::format("c{:03}", i)},
-                                         {"previousName", fmt::format("c{:03}", i - 1)},
-                                         {"session", session}}),
-                      false);
-  }
-  Value chain = cache_->changesChain();
-  ASSERT_EQ(chain.size(), 50u);
-  EXPECT_EQ(chain[0].get("name"), Value("c119"));
-  EXPECT_EQ(chain[0].get("previousName"), Value("c118"));
-  EXPECT_EQ(chain[0].get("machineName"), Value("box"));
-  EXPECT_EQ(chain[49].get("name"), Value("c070"));
-}
-
 TEST_F(CacheTest, ChangeNoticesArriveOnTheMainQueue) {
   int will = 0, did = 0;
   ScopedObserver willObserver(NotificationCenter::defaultCenter(),

@@ -6,7 +6,7 @@
 namespace quillon {
 namespace {
 
-TEST(StringUtilsTest, StoreUidTakesTheLastComponentWithoutItsPrefix) {
+TEST(StringUtilsTest, StoreUidAndEntityNameComeFromThePathsEnds) {
   EXPECT_EQ(storeUID("/Entity/p12"), "12");
   EXPECT_EQ(storeUID("t1A2B"), "1A2B");
   EXPECT_EQ(storeUID("abc"), "abc");
@@ -16,9 +16,7 @@ TEST(StringUtilsTest, StoreUidTakesTheLastComponentWithoutItsPrefix) {
   EXPECT_EQ(storeUID("p"), "");
   EXPECT_EQ(storeUID(""), "");
   EXPECT_EQ(storeUIDOff("/Entity/p12"), "12");
-}
-
-TEST(StringUtilsTest, StoreEntityNameTakesTheFirstNonEmptyComponent) {
+  // The entity name is the first non-empty component.
   EXPECT_EQ(storeEntityName("/Entity/p12"), "Entity");
   EXPECT_EQ(storeEntityName("///Tag//x"), "Tag");
   EXPECT_EQ(storeEntityName("Folder"), "Folder");

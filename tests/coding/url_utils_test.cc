@@ -126,28 +126,6 @@ TEST(VolumeTest, VolumeUrlWalksUpToAnExistingFolder) {
   EXPECT_FALSE(QuillonVolumeURL(*Url::parse("https://example.invalid/x")));
 }
 
-TEST(VolumeTest, InformationIsTextMadeFromTheVolume) {
-  TempDir dir;
-  auto volume = Volumes::volumeForPath(dir.path());
-  ASSERT_TRUE(volume);
-  const Url url = Url::fileURL(dir.file("Doc.quillon"), true);
-  Value info = QuillonVolumeInformation(url);
-
-  std::vector<std::string> keys;
-  for (const auto& [key, value] : info.items()) keys.emplace_back(key.str());
-  EXPECT_EQ(keys, (std::vector<std::string>{"URL", "MountURL", "Name", "Ejectable", "Local",
-                                            "Internal", "Format", "Properties"}));
-  EXPECT_EQ(info.get("Local").str(), volume->isLocal ? (*volume->isLocal ? "1" : "0") : "(null)");
-
-  // A URL without a volume still answers every key.
-  Value none = QuillonVolumeInformation(*Url::parse("https://example.invalid/x"));
-  EXPECT_EQ(none.get("URL").str(), "https://example.invalid/x");
-  EXPECT_EQ(none.get("Name").str(), "(null)");
-  EXPECT_EQ(none.get("Local").str(), "(null)");
-  EXPECT_TRUE(none.get("Properties").isDictionary());
-  EXPECT_TRUE(QuillonVolumeProperties(*Url::parse("https://example.invalid/x")).empty());
-}
-
 // The standard user defaults live in the test program's private home.
 class IsLocalUrlTest : public ::testing::Test {
  protected:

@@ -323,20 +323,6 @@ TEST_F(ContextTest, URIsResolveBackToObjects) {
   }
 }
 
-TEST_F(ContextTest, IdentifiersCompareByValue) {
-  const EntityDescription* tag = stack_.coordinator->managedObjectModel()->entity("Tag");
-  auto a = stack_.store->newObjectIDForEntity(tag, Value::string("X"));
-  auto b = stack_.store->newObjectIDForEntity(tag, Value::string("X"));
-  auto c = stack_.store->newObjectIDForEntity(tag, Value::string("Y"));
-  EXPECT_TRUE(a->isEqual(*b));
-  EXPECT_FALSE(a->isEqual(*c));
-  EXPECT_EQ(Value::set({Value::object(a), Value::object(b), Value::object(c)}).size(), 2u);
-  auto t1 = ManagedObjectID::temporaryID(tag), t2 = ManagedObjectID::temporaryID(tag);
-  EXPECT_TRUE(t1->isTemporaryID());
-  EXPECT_FALSE(t1->isEqual(*t2));
-  EXPECT_FALSE(t1->isEqual(*a));
-}
-
 TEST_F(ContextTest, RollbackAndResetThrowChangesAway) {
   auto n = note("saved");
   save();

