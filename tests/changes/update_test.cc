@@ -187,8 +187,8 @@ TEST_F(UpdateTest, UpToChangeStopsAtTheNamedChange) {
   }
   Strings names = loggedChangeNames(*a->store);
   ASSERT_EQ(names.size(), 4u);
-  b = open("B", Value::dictionary({{kQuillonUpToChange,
-                                         Value::dictionary({{"name", Value(names[2])}})}}));
+  b = open("B", Value::dictionary(
+                    {{kQuillonUpToChange, Value::dictionary({{"name", Value(names[2])}})}}));
   EXPECT_EQ(loggedChangeNames(*b->store), (Strings{names[0], names[1], names[2]}));
   EXPECT_EQ(b->store->changesFileCount(), 4u);
   EXPECT_EQ(fetchNotes(*b).size(), 3u);

@@ -51,8 +51,8 @@ void expectOneErrorLine(const ToolRun& run, std::string_view fragment) {
   EXPECT_EQ(run.status, 1) << run.err;
   EXPECT_TRUE(run.err.starts_with("error: ")) << run.err;
   EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
-  EXPECT_NE(run.err.find(fragment), std::string::npos) << "expected \"" << fragment << "\" in "
-                                                       << run.err;
+  EXPECT_NE(run.err.find(fragment), std::string::npos)
+      << "expected \"" << fragment << "\" in " << run.err;
   EXPECT_TRUE(run.out.empty()) << run.out;
 }
 
