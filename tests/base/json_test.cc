@@ -96,7 +96,7 @@ TEST(JSONReadTest, MutableContainersOption) {
   EXPECT_EQ(v.size(), 2u);
 }
 
-TEST(JSONReadTest, DepthLimit) {
+TEST(JSONReadTest, DepthLimitAndBadInputGiveErrors) {
   auto nested = [](size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
   EXPECT_TRUE(mustRead(nested(1000)).isArray());
   expectReadError(nested(1001), "deeper than 1000");
@@ -109,9 +109,8 @@ TEST(JSONReadTest, DepthLimit) {
   JSONReadOptions unlimited{.maximumDepth = 1000000};
   EXPECT_TRUE(mustRead(nested(kJSONMaximumDepthLimit), unlimited).isArray());
   expectReadError(nested(kJSONMaximumDepthLimit + 1), "deeper than", unlimited);
-}
 
-TEST(JSONReadTest, BadInputGivesErrors) {
+  // Other bad input.
   expectReadError("", "empty");
   expectReadError("  \n ", "empty");
   expectReadError(R"({"a": [1, 2)", "");
@@ -191,7 +190,7 @@ TEST(JSONWriteTest, PrettyExactText) {
   EXPECT_EQ(writeJSON(7, JSONStyle::Pretty), "7");
 }
 
-TEST(JSONWriteTest, StringEscaping) {
+TEST(JSONWriteTest, StringEscapingAndRoundTrips) {
   std::string s = "q\"b\\s/n\nt\tr\rb\bf\f\x01\x1f\x7f é😀";
   EXPECT_EQ(writeJSON(Value(s)), "\"q\\\"b\\\\s\\/n\\nt\\tr\\rb\\bf\\f\\u0001\\u001f\x7f é😀\"");
   // The escaped text reads back to the same bytes, including a NUL.
@@ -199,9 +198,8 @@ TEST(JSONWriteTest, StringEscaping) {
   for (const std::string& text : {s, withNul}) {
     EXPECT_EQ(readJSON(writeJSON(Value(text))).str(), text);
   }
-}
 
-TEST(JSONWriteTest, RoundTripsThroughReader) {
+  // Whole documents round-trip through the reader.
   std::string text =
       R"({"name":"2026-11-21-04-43-59.123.A","n":[0,-1,3.141592653589793,1e-07,5e-324,)"
       R"(1.7976931348623157e+308,-0.5],"t":true,"nil":null,"nested":{"k":[[{}],[]]}})";

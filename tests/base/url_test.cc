@@ -5,7 +5,7 @@
 namespace quillon {
 namespace {
 
-TEST(UrlTest, FileURLsArePercentEncodedAndFoldersEndInSlash) {
+TEST(UrlTest, FileURLsComponentsAndAppending) {
   Url file = Url::fileURL("/tmp/My Notes/ä.quillon");
   EXPECT_EQ(file.absoluteString(), "file:///tmp/My%20Notes/%C3%A4.quillon");
   EXPECT_EQ(file.path(), "/tmp/My Notes/ä.quillon");
@@ -16,9 +16,8 @@ TEST(UrlTest, FileURLsArePercentEncodedAndFoldersEndInSlash) {
   EXPECT_EQ(folder.absoluteString(), "file:///tmp/pkg/Changes/");
   EXPECT_EQ(folder.path(), "/tmp/pkg/Changes");
   EXPECT_EQ(Url::fileURL("/", true).absoluteString(), "file:///");
-}
 
-TEST(UrlTest, ComponentsAndExtensions) {
+  // Components, extensions and appending keep one separator and encode.
   Url u = Url::fileURL("/a/b/Note.2026.json");
   EXPECT_EQ(u.lastPathComponent(), "Note.2026.json");
   EXPECT_EQ(u.pathExtension(), "json");
@@ -26,9 +25,7 @@ TEST(UrlTest, ComponentsAndExtensions) {
   EXPECT_EQ(u.deletingPathExtension().lastPathComponent(), "Note.2026");
   EXPECT_EQ(u.deletingLastPathComponent().absoluteString(), "file:///a/b/");
   EXPECT_EQ(Url::fileURL("/a/.hidden").pathExtension(), "");
-}
 
-TEST(UrlTest, AppendingKeepsOneSeparatorAndEncodes) {
   Url pkg = Url::fileURL("/docs/pkg", true);
   EXPECT_EQ(pkg.appending("Info.plist").absoluteString(), "file:///docs/pkg/Info.plist");
   EXPECT_EQ(pkg.appending("Cache", true).absoluteString(), "file:///docs/pkg/Cache/");

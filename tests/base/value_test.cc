@@ -10,16 +10,15 @@
 namespace quillon {
 namespace {
 
-TEST(ValueTest, NilAndNullAreDifferentKinds) {
+TEST(ValueTest, NilNullAndNumbersCompareAsDocumented) {
   Value nil;
   Value null = Value::null();
   EXPECT_TRUE(nil.isNil());
   EXPECT_TRUE(null.isNull());
   EXPECT_FALSE(nil == null);
   EXPECT_TRUE(Value::dictionary().get("missing").isNil());
-}
 
-TEST(ValueTest, NumbersCompareAndHashByValueAcrossKinds) {
+  // Numbers compare and hash by value across kinds.
   EXPECT_EQ(Value(1), Value(1.0));
   EXPECT_EQ(Value(true), Value(1));
   EXPECT_EQ(Value::float32(2.5f), Value(2.5));

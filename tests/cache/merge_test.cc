@@ -45,9 +45,8 @@ TEST(MergeTest, TargetIsChosenByMutabilityThenByPosition) {
   EXPECT_EQ(a, json(R"({"k": "a", "x": [1]})"));
   EXPECT_EQ(b, json(R"({"k": "b", "x": [2], "y": true})"));
   EXPECT_FALSE(a.get("x").isMutable());
-}
 
-TEST(MergeTest, NestedDictionariesMergeAtEveryDepthWithoutTouchingImmutableOnes) {
+  // Nested dictionaries merge at every depth without touching immutable ones.
   Value target = Value::mutableDictionary();
   Value frozenInner = json(R"({"c": {"d": 1}})");
   target.set("a", frozenInner);

@@ -71,7 +71,7 @@ TEST_F(ChangeTest, NameDictionaryAndEntries) {
   EXPECT_FALSE(fs::exists(changeFile(empty.fileName())));
 }
 
-TEST_F(ChangeTest, SavedChangeJoinsTheChangeLogAndChainsToThePrevious) {
+TEST_F(ChangeTest, SavedRecoveryAndFakeChangeFiles) {
   QuillonChange first(store(), 100);
   first.addChange(Value::dictionary(), "Note", "A", "insert");
   first.saveToStore(store());
@@ -89,9 +89,8 @@ TEST_F(ChangeTest, SavedChangeJoinsTheChangeLogAndChainsToThePrevious) {
   Value log = store()->cache().changes();
   ASSERT_EQ(log.size(), 2u);
   EXPECT_EQ(log[1].get("name"), Value::string(second.fileName()));
-}
 
-TEST_F(ChangeTest, RecoveryAndFakeChangesArePrettyAndNamedAfterTheirFile) {
+  // Recovery and fake changes are pretty and named after their file.
   const std::string name = "2001-01-01-00-00-00.000.00000000-0000-0000-0000-000000000001.json";
   Url url = store()->changesURL().appending(name);
   Value refreshes = Value::dictionary({{"update", Value::dictionary({{"Note", Value::dictionary({{"A", Value::dictionary()}})}})}});

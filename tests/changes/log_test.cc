@@ -133,7 +133,7 @@ TEST_F(LogTest, ErrorRecordsNewestTwentyAndRecentOnes) {
   for (const Value& r : recent.elements()) EXPECT_GT(r.get("date").dateValue(), dateNow() - 864000);
 }
 
-TEST_F(LogTest, SessionDictionaryAndTheChecksumOfNoHistory) {
+TEST_F(LogTest, SessionDictionaryWritersAndTheChecksumOfNoHistory) {
   Value session = store().sessionDictionary();
   EXPECT_EQ(session.get("id"), Value(store().session()));
   EXPECT_EQ(session.get("machineName"), Value("test-machine"));
@@ -144,9 +144,8 @@ TEST_F(LogTest, SessionDictionaryAndTheChecksumOfNoHistory) {
 
   // An empty history: the MD5 of the empty text.
   EXPECT_EQ(store().checkSum(), "D41D8C");
-}
 
-TEST_F(LogTest, SessionInfoListsEachWriterOnceNewestFirstFromTheLastHundred) {
+  // The writers: each once, newest first, from the last hundred changes.
   auto change = [](const char* machine) {
     return Value::dictionary({{"name", "n"},
                               {"session", Value::dictionary({{"machineName", machine},

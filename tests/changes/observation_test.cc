@@ -68,15 +68,14 @@ TEST_F(ObservationTest, ABurstOfFilesCausesOneUpdateAboutASecondAfterDelivery) {
   EXPECT_FALSE(stack->waitUntilReady(0.3));
 }
 
-TEST_F(ObservationTest, TheStoresOwnSaveCausesNoUpdate) {
+TEST_F(ObservationTest, TheStoresOwnSaveCausesNoUpdateAndClosingStopsObservation) {
   testing::insertNote(*stack, "mine");
   ASSERT_TRUE(stack->saveAndWait());
   EXPECT_FALSE(deliveryArrives(1.0));
   clock.advance(1.5);
   EXPECT_FALSE(stack->waitUntilReady(0.2));
-}
 
-TEST_F(ObservationTest, ClosingStopsObservation) {
+  // Closing stops observation altogether.
   stack->store->setClosed(false);  // whatever the value
   EXPECT_FALSE(stack->store->isObservingDirectory());
   writeRecoveryChange(1);

@@ -169,7 +169,7 @@ TEST_F(DCNSCoderTest, ClassInstancesOfRegisteredClassesAreMadeByTheirFactory) {
   EXPECT_EQ(note->views, 1000);
 }
 
-TEST_F(DCNSCoderTest, AFactoryThatThrowsFailsTheRead) {
+TEST_F(DCNSCoderTest, AFactoryThatThrowsFailsTheReadAndStoredFormBypassesFactories) {
   DCNSCoding::registerClass("TestBroken", [](DCNSDecoder&) -> std::shared_ptr<Object> {
     throw std::runtime_error("broken factory");
   });
@@ -177,9 +177,8 @@ TEST_F(DCNSCoderTest, AFactoryThatThrowsFailsTheRead) {
   testing::LogCapture log;
   EXPECT_TRUE(DenseCoder::objectWithData(bytes).isNil());
   EXPECT_EQ(DenseCoder::lastLoggedReason(), "broken factory");
-}
 
-TEST_F(DCNSCoderTest, StoredFormReadingBypassesTheFactories) {
+  // Reading the stored form bypasses the factories.
   auto note = std::make_shared<Note>();
   note->title = "kept";
   Value data = DenseCoder::dataWithRootObject(Value::object(note));

@@ -46,7 +46,7 @@ TEST(DenseCoderTest, NilHasNoDataAndAnEmptyArrayIs28Bytes) {
   EXPECT_TRUE(back.empty());
 }
 
-TEST(DenseCoderTest, IntegersAreNarrowedAndAligned) {
+TEST(DenseCoderTest, ScalarsAreNarrowedAlignedAndKeepTheirKinds) {
   EXPECT_EQ(encode(Value(300)), Bytes::header(0, 0, 0).u8(16).aligned<int16_t>(300).vec());
   EXPECT_EQ(encode(Value(70000)), Bytes::header(0, 0, 0).u8(17).aligned<int32_t>(70000).vec());
   EXPECT_EQ(encode(Value(1)), Bytes::header(0, 0, 0).u8(45).vec());
@@ -63,9 +63,8 @@ TEST(DenseCoderTest, IntegersAreNarrowedAndAligned) {
     EXPECT_TRUE(back.isInteger()) << v;
     EXPECT_EQ(back.intValue(), v);
   }
-}
 
-TEST(DenseCoderTest, BooleansAndFloatsKeepTheirKinds) {
+  // Booleans and floats keep their kinds; floats are never narrowed.
   EXPECT_EQ(encode(Value(true)), Bytes::header(0, 0, 0).u8(13).vec());
   EXPECT_EQ(encode(Value(false)), Bytes::header(0, 0, 0).u8(14).vec());
   EXPECT_EQ(encode(Value(2.5)), Bytes::header(0, 0, 0).u8(20).aligned<double>(2.5).vec());

@@ -3,8 +3,6 @@
 
 #include "coding/dense_test_util.h"
 #include "quillon/base/error.h"
-#include "quillon/coding/dc_geometry_value.h"
-#include "quillon/coding/dc_index_set.h"
 #include "quillon/coding/dense_coder.h"
 
 namespace quillon {
@@ -71,64 +69,6 @@ TEST(DenseLegacyTest, OneTableHoldsStringsNumbersAndContainers) {
   EXPECT_TRUE(Value::identical(back[4], back));
   EXPECT_EQ(back[5], Value(0.5));
   DenseCoder::breakCycles(back);
-}
-
-TEST(DenseLegacyTest, DictionariesDatesDataAndGeometry) {
-  Bytes b = v2(6);
-  word(b, 3), word(b, 4);                     // dictionary of 4 pairs: value, then key
-  word(b, 14).raw<double>(978307200.0 + 60);  // 1970-based date
-  str(b, "when");
-  word(b, 13), word(b, 5);
-  b.cstr("abcd").u8(0).u8(0).u8(0);  // five bytes, padded to eight
-  str(b, "blob");
-  word(b, 28), word(b, 3), word(b, 4);  // range of two 32-bit words
-  str(b, "range");
-  word(b, 25).raw<double>(1.5).raw<double>(-2);
-  str(b, "point");
-  Value back = DenseCoder::objectWithData(b.vec());
-  ASSERT_TRUE(back.isDictionary());
-  EXPECT_EQ(back.get("when"), Value::date(60));
-  EXPECT_EQ(back.get("blob").bytes().size(), 5u);
-  EXPECT_EQ(back.get("range"), DCGeometryValue::range(3, 4));
-  EXPECT_EQ(back.get("point"), DCGeometryValue::point(1.5, -2));
-}
-
-TEST(DenseLegacyTest, ClassDefinitionsLiveInTheObjectTable) {
-  Bytes b = v2(3);
-  word(b, 4), word(b, 2);  // immutable array of two instances
-  word(b, 21);
-  b.cstr("Widget").u8(0).raw<uint32_t>(1);  // class name, padded; one key
-  b.cstr("id").u8(0);                       // the key, padded
-  word(b, 22), word(b, 0);                  // instance of definition 0, entered as 1
-  word(b, 9), word(b, 42);
-  word(b, 22), word(b, 0);
-  word(b, 23);  // nil property
-  Value back = DenseCoder::objectWithData(b.vec());
-  ASSERT_EQ(back.size(), 2u);
-  EXPECT_EQ(back[0].get("$class"), Value("Widget"));
-  EXPECT_EQ(back[0].get("id"), Value(42));
-  EXPECT_FALSE(back[1].find("id"));
-  // Written again, the stand-ins become version 3 class instances.
-  Value again = DenseCoder::objectWithData(DenseCoder::dataWithRootObject(back));
-  EXPECT_EQ(again, back);
-}
-
-TEST(DenseLegacyTest, CodedObjectsAndIndexSets) {
-  Bytes b = v2(4);
-  word(b, 4), word(b, 2);
-  word(b, 33);
-  str(b, "Legacy");
-  word(b, 32), word(b, 1), word(b, 5), word(b, 2);  // index set {5, 6}
-  str(b, "rows");
-  word(b, 23);
-  word(b, 31), word(b, 0);  // empty mutable index set
-  Value back = DenseCoder::objectWithData(b.vec());
-  ASSERT_EQ(back.size(), 2u);
-  auto* legacy = back[0].objectAs<GenericObject>();
-  ASSERT_NE(legacy, nullptr);
-  EXPECT_EQ(legacy->className(), "Legacy");
-  EXPECT_EQ(legacy->properties().get("rows"), DCIndexSet::make({{5, 2}}));
-  EXPECT_TRUE(back[1].objectAs<DCIndexSet>()->isMutable());
 }
 
 TEST(DenseLegacyTest, ErrorsReachTheCallerUnlogged) {

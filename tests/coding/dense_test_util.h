@@ -26,9 +26,9 @@ class Bytes {
   }
   template <typename T>
   Bytes& raw(T v) {
-    uint8_t tmp[sizeof(T)];
-    std::memcpy(tmp, &v, sizeof v);
-    b_.insert(b_.end(), tmp, tmp + sizeof v);
+    size_t at = b_.size();
+    b_.resize(at + sizeof v);
+    std::memcpy(b_.data() + at, &v, sizeof v);
     return *this;
   }
   Bytes& align(size_t w) {

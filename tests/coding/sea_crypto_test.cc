@@ -141,23 +141,14 @@ TEST(SeaCryptoEnvelopeTest, LayoutIsIVCipherTextAndMACOverBoth) {
   ASSERT_EQ(sealed.size(), 16u + 48u + 64u);
   EXPECT_TRUE(std::equal(iv.begin(), iv.begin() + 16, sealed.begin()));  // only 16 IV bytes used
 
-  // Decrypt and authenticate with raw OpenSSL calls and the derived halves.
+  // The MAC is HMAC-SHA512 with the second half of the keys over IV and cipher
+  // text. (The package reader of the saving tests decrypts the cipher text
+  // with its own OpenSSL calls.)
   uint8_t mac[64];
   unsigned macLength = 0;
   HMAC(EVP_sha512(), crypto->keyHMAC().bytes().data(), 32, sealed.data(), sealed.size() - 64, mac,
        &macLength);
   EXPECT_TRUE(std::equal(mac, mac + 64, sealed.end() - 64));
-
-  EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
-  std::vector<uint8_t> out(64);
-  int a = 0, b = 0;
-  ASSERT_EQ(EVP_DecryptInit_ex(ctx, EVP_aes_256_cbc(), nullptr, crypto->key().bytes().data(),
-                               sealed.data()),
-            1);
-  ASSERT_EQ(EVP_DecryptUpdate(ctx, out.data(), &a, sealed.data() + 16, 48), 1);
-  ASSERT_EQ(EVP_DecryptFinal_ex(ctx, out.data() + a, &b), 1);
-  EVP_CIPHER_CTX_free(ctx);
-  EXPECT_EQ(std::string(out.begin(), out.begin() + a + b), plain);
 
   // A fixed IV is deterministic; a short one is refused.
   EXPECT_EQ(toVector(crypto->encryptData(Value::data(plain))), sealed);

@@ -176,9 +176,8 @@ TEST(ValueTransformerTest, NumberTextIsReadAsADecimalOrNotANumber) {
   // other JSON kinds read as not-a-number rather than failing.
   EXPECT_EQ(t.transformedValue(Value(7)), Value(7));
   EXPECT_TRUE(t.transformedValue(Value::array()).decimalValue().nan);
-}
 
-TEST(ValueTransformerTest, BooleansStayBooleans) {
+  // Booleans stay booleans.
   QuillonNSNumber800ValueTransformer b;
   EXPECT_TRUE(b.reverseTransformedValue(Value(true)).isBool());
   EXPECT_FALSE(b.transformedValue(Value(false)).boolValue());

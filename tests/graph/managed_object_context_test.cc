@@ -377,7 +377,7 @@ TEST_F(ContextTest, ChildContextSavesIntoItsParent) {
   child.reset();
 }
 
-TEST_F(ContextTest, PrivateQueueContextSerialisesItsBlocks) {
+TEST_F(ContextTest, PrivateAndMainQueueContextsRunBlocksWhereTheyBelong) {
   auto privateContext = stack_.newContext(ConcurrencyType::PrivateQueue);
   std::thread::id caller = std::this_thread::get_id();
   std::atomic<int> step{0};
@@ -399,9 +399,8 @@ TEST_F(ContextTest, PrivateQueueContextSerialisesItsBlocks) {
   EXPECT_EQ(step.load(), 3);
   EXPECT_NE(asyncThread, caller);
   EXPECT_EQ(context()->countForFetchRequest(FetchRequest("Note")), 1);
-}
 
-TEST_F(ContextTest, MainQueueContextRunsOtherThreadsBlocksOnTheMainLoop) {
+  // A main-queue context runs other threads' blocks on the main loop.
   std::thread::id mainThread = std::this_thread::get_id(), ran;
   std::atomic<bool> done{false};
   std::thread worker([&] {

@@ -123,7 +123,7 @@ TEST_F(ManagedObjectTest, OrderedToManyKeepsOrderAndManyToManyInverse) {
   EXPECT_EQ(note->value("tags").size(), 2u);
 }
 
-TEST_F(ManagedObjectTest, OneToOneTakesThePartnerFromItsPreviousOwner) {
+TEST_F(ManagedObjectTest, OneToOneTakesThePartnerAndOtherContextsObjectsAreRefused) {
   auto a = insert("Person"), b = insert("Person"), c = insert("Person");
   ASSERT_TRUE(a->setValue("spouse", obj(b)));
   EXPECT_EQ(managedObjectFromValue(b->value("spouse")), a);
@@ -131,9 +131,8 @@ TEST_F(ManagedObjectTest, OneToOneTakesThePartnerFromItsPreviousOwner) {
   EXPECT_TRUE(a->value("spouse").isNil());
   EXPECT_EQ(managedObjectFromValue(b->value("spouse")), c);
   EXPECT_EQ(managedObjectFromValue(c->value("spouse")), b);
-}
 
-TEST_F(ManagedObjectTest, RelationshipsRefuseObjectsOfAnotherContext) {
+  // Relationships refuse objects of another context.
   auto elsewhere = stack_.newContext();
   auto foreign = elsewhere->insertNewObjectForEntityForName("Folder");
   auto note = insert("Note");

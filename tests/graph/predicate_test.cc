@@ -98,9 +98,8 @@ TEST_F(PredicateTest, StringOperatorsWithCaseAndDiacriticOptions) {
   EXPECT_TRUE(matches("t ==[d] 'Cafe'", decomposed));
   EXPECT_FALSE(matches("t == 'Cafe'", decomposed));
   EXPECT_TRUE(matches("t ==[cd] 'CAFÉ'", decomposed));
-}
 
-TEST_F(PredicateTest, LikeWildcardsAreLiteralWhenEscaped) {
+  // LIKE wildcards are literal when escaped.
   Value v = Value::dictionary({{"s", "a*b?"}});
   EXPECT_TRUE(matches(R"(s LIKE 'a\\*b\\?')", v));
   EXPECT_FALSE(matches(R"(s LIKE 'a\\*c*')", v));
@@ -151,7 +150,7 @@ TEST_F(PredicateTest, CompoundsPrecedenceAndKeywords) {
   EXPECT_EQ(errorPosition("in == 1"), 0);
 }
 
-TEST_F(PredicateTest, NilNullSelfAndNestedKeyPaths) {
+TEST_F(PredicateTest, NilNullSelfNestedAndBadKeyPaths) {
   EXPECT_TRUE(matches("missing == nil", note));
   EXPECT_TRUE(matches("empty == NULL", note));
   EXPECT_TRUE(matches("title != nil", note));
@@ -162,9 +161,8 @@ TEST_F(PredicateTest, NilNullSelfAndNestedKeyPaths) {
   EXPECT_TRUE(matches("SELF IN {'a', 'b'}", Value("b")));
   EXPECT_TRUE(
       matches("created < %@ AND created > CAST(999, \"NSDate\")", note, {Value::date(2000)}));
-}
 
-TEST_F(PredicateTest, BadKeyPathsAndIncompatibleKindsAnswerFalse) {
+  // Bad key paths and incompatible kinds answer false.
   for (const char* format :
        {"title.nothing.deeper == 'x'", "priority.length > 0", "title < 5", "priority > 'a'",
         "created > 5", "title BEGINSWITH 3", "priority CONTAINS 4", "priority MATCHES '4'",
@@ -177,7 +175,7 @@ TEST_F(PredicateTest, BadKeyPathsAndIncompatibleKindsAnswerFalse) {
   EXPECT_FALSE(matches("x == 1", Value::array({1, 2})));
 }
 
-TEST_F(PredicateTest, LiteralsAndEscapes) {
+TEST_F(PredicateTest, LiteralsEscapesAndFormatArguments) {
   Value v = Value::dictionary({{"s", "say \"hi\"\n\tit's 100%"}, {"n", -12}, {"f", 1.5e-3}});
   EXPECT_TRUE(matches(R"(s == "say \"hi\"\n\tit's 100%%")", v));
   EXPECT_TRUE(matches(R"(s == 'say "hi"\n\tit\'s 100%')", v));
@@ -185,9 +183,8 @@ TEST_F(PredicateTest, LiteralsAndEscapes) {
   EXPECT_TRUE(matches("n == -12 AND n == -0xC AND f == 0.0015 AND f < 1.6E-3", v));
   EXPECT_FALSE(matches("n IN {}", v));
   EXPECT_TRUE(matches("n == -0b1100 AND n == -0o14", v));
-}
 
-TEST_F(PredicateTest, FormatArguments) {
+  // Format arguments.
   EXPECT_TRUE(matches("%K == %@", note, {Value("title"), Value("Café Crème")}));
   EXPECT_TRUE(matches("%K == %@", note, {Value("folder.name"), Value("Inbox")}));
   EXPECT_TRUE(matches("priority == %d AND priority == %i AND priority == %ld", note,
@@ -233,7 +230,7 @@ TEST_F(PredicateTest, VariablesEvaluateAndSubstitute) {
           ->evaluate(note));
 }
 
-TEST_F(PredicateTest, SyntaxErrorsNameTheirPosition) {
+TEST_F(PredicateTest, SyntaxErrorsAndDeepNestingNameTheirPosition) {
   EXPECT_EQ(errorPosition("title == "), 9);
   EXPECT_EQ(errorPosition("title"), 5);
   EXPECT_EQ(errorPosition("title = = 1"), 8);
@@ -248,9 +245,8 @@ TEST_F(PredicateTest, SyntaxErrorsNameTheirPosition) {
   EXPECT_EQ(errorPosition("a. == 1"), 3);
   EXPECT_EQ(errorPosition("a == 1 + 2"), 7);
   EXPECT_EQ(errorPosition(""), 0);
-}
 
-TEST_F(PredicateTest, DeepNestingIsAnErrorNotACrash) {
+  // Deep nesting is an error, not a crash.
   const size_t depth = 100000;
   EXPECT_GE(errorPosition(std::string(depth, '(') + "a == 1" + std::string(depth, ')')), 0);
   std::string nots;
@@ -284,9 +280,8 @@ TEST_F(PredicateTest, FormatParsesBackToAnEqualPredicate) {
   }
   EXPECT_FALSE(*Predicate::parse("a == 1") == *Predicate::parse("a == 2"));
   EXPECT_FALSE(*Predicate::parse("a ==[c] 'x'") == *Predicate::parse("a == 'x'"));
-}
 
-TEST_F(PredicateTest, CompoundsOfParsedPredicates) {
+  // Compounds built from parsed predicates.
   std::vector<std::shared_ptr<const Predicate>> parts = {Predicate::parse("priority == 4"),
                                                          Predicate::parse("done == YES")};
   EXPECT_FALSE(Predicate::andPredicate(parts)->evaluate(note));

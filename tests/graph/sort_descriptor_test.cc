@@ -22,7 +22,7 @@ std::vector<int64_t> ids(const std::vector<Value>& values) {
   return out;
 }
 
-TEST(SortDescriptorTest, StableWithTiesAndSeveralKeys) {
+TEST(SortDescriptorTest, StableWithTiesSeveralKeysAndCaseInsensitiveComparison) {
   std::vector<Value> values = {item("b", 2, 0),   item("a", 1, 1), item("b", 1, 2),
                                item("a", 1.0, 3), item("c", 2, 4), item("a", 2, 5)};
   std::vector<SortDescriptor> byRank = {SortDescriptor("rank")};
@@ -33,14 +33,13 @@ TEST(SortDescriptorTest, StableWithTiesAndSeveralKeys) {
                                                      SortDescriptor("rank", false)};
   SortDescriptor::sortValues(values, byTitleThenRankDown);
   EXPECT_EQ(ids(values), (std::vector<int64_t>{5, 1, 3, 0, 2, 4}));
-}
 
-TEST(SortDescriptorTest, CaseInsensitiveComparisonAndDescendingTies) {
-  std::vector<Value> values = {item("beta", 0, 0), item("Alpha", 0, 1), item("alpha", 0, 2),
-                               item("Beta", 0, 3)};
+  // Case-insensitive comparison; descending ties stay stable.
+  std::vector<Value> mixed = {item("beta", 0, 0), item("Alpha", 0, 1), item("alpha", 0, 2),
+                              item("Beta", 0, 3)};
   std::vector<SortDescriptor> plain = {SortDescriptor("title")};
-  SortDescriptor::sortValues(values, plain);
-  EXPECT_EQ(ids(values), (std::vector<int64_t>{1, 3, 2, 0}));  // upper case first in code points
+  SortDescriptor::sortValues(mixed, plain);
+  EXPECT_EQ(ids(mixed), (std::vector<int64_t>{1, 3, 2, 0}));  // upper case first in code points
 
   std::vector<Value> again = {item("beta", 0, 0), item("Alpha", 0, 1), item("alpha", 0, 2),
                               item("Beta", 0, 3)};
@@ -51,7 +50,7 @@ TEST(SortDescriptorTest, CaseInsensitiveComparisonAndDescendingTies) {
   EXPECT_TRUE(folded[0].reversed().ascending());
 }
 
-TEST(SortDescriptorTest, MissingValuesSortFirstAndBadPathsKeepOrder) {
+TEST(SortDescriptorTest, MissingValuesSortFirstAndKeyPathsAreFollowed) {
   std::vector<Value> values = {item("x", 3, 0), item(Value(), 1, 1), item("a", Value::null(), 2),
                                item("b", Value(), 3)};
   std::vector<SortDescriptor> byRank = {SortDescriptor("rank")};
@@ -60,9 +59,8 @@ TEST(SortDescriptorTest, MissingValuesSortFirstAndBadPathsKeepOrder) {
   std::vector<SortDescriptor> nowhere = {SortDescriptor("rank.nothing.here")};
   SortDescriptor::sortValues(values, nowhere);
   EXPECT_EQ(ids(values), (std::vector<int64_t>{2, 3, 1, 0}));
-}
 
-TEST(SortDescriptorTest, CompareObjectsFollowsKeyPathsAndDirection) {
+  // compareObjects follows key paths and direction.
   Value early = Value::dictionary({{"meta", Value::dictionary({{"when", Value::date(5)}})}});
   Value late = Value::dictionary({{"meta", Value::dictionary({{"when", Value::date(9)}})}});
   EXPECT_EQ(SortDescriptor("meta.when").compareObjects(early, late), -1);

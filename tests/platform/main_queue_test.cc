@@ -163,7 +163,7 @@ TEST_F(MainQueueTest, RealClockDelayedCallFiresAfterItsDelay) {
   EXPECT_GE(MainQueue::now() - start, 0.05);
 }
 
-TEST_F(MainQueueTest, CallsScheduledFromACallWaitForTheNextIteration) {
+TEST_F(MainQueueTest, LoopIterationsTimeoutsAndThrowingBlocks) {
   ManualClock clock;
   int runs = 0;
   std::function<void()> again = [&] {
@@ -173,9 +173,8 @@ TEST_F(MainQueueTest, CallsScheduledFromACallWaitForTheNextIteration) {
   MainQueue::afterDelay(0, again, this, "again");
   MainQueue::drain();
   EXPECT_EQ(runs, 3);
-}
 
-TEST_F(MainQueueTest, RunUntilTimesOutAndAThrowingBlockDoesNotStopTheQueue) {
+  // runUntil times out, and a throwing block does not stop the queue.
   EXPECT_FALSE(MainQueue::runUntil([] { return false; }, 0.02));
   bool after = false;
   MainQueue::async([] { throw std::runtime_error("bad block"); });

@@ -68,9 +68,8 @@ TEST_F(TrashTest, SameNamesGetDistinctPlacesAndFoldersGoWhole) {
   EXPECT_NE(first, second);
   EXPECT_EQ(readAll(second + "/marker"), "2");
   EXPECT_TRUE(env_->exists(first + "/Changes/c1"));
-}
 
-TEST_F(TrashTest, MissingItemIsAClearError) {
+  // A missing item is a clear error.
   std::string trashed = "stale";
   Error error;
   EXPECT_FALSE(Trash::trashItem(folder_ + "/missing", &trashed, &error));

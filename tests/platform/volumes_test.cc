@@ -45,7 +45,7 @@ TEST(MountTableTest, ParsesFieldsAndUndoesEscapes) {
   EXPECT_TRUE(MountTable::parse("1 2 3 4 5 6 7 - \n").empty());
 }
 
-TEST(MountTableTest, LongestWholeComponentMountPointWins) {
+TEST(MountTableTest, LongestWholeComponentMountPointWinsAndNetworkFileSystemsAreKnown) {
   std::vector<MountEntry> entries = MountTable::parse(kSample);
   auto mountFor = [&](std::string_view path) {
     const MountEntry* e = MountTable::entryForPath(entries, path);
@@ -59,9 +59,8 @@ TEST(MountTableTest, LongestWholeComponentMountPointWins) {
   // Mounted over: the later entry hides the earlier one.
   EXPECT_EQ(mountFor("/mnt/nas/inner/x"), "/mnt/nas/inner|ext4");
   EXPECT_EQ(mountFor("relative/path"), "none");
-}
 
-TEST(MountTableTest, ClassifiesNetworkFileSystems) {
+  // Known FUSE network subtypes count as network; a FUSE block device does not.
   // Known FUSE network subtypes count as network; a FUSE block device does not.
   for (std::string_view type : {"nfs4", "cifs", "fuse.sshfs", "fuse.rclone"}) {
     EXPECT_TRUE(MountTable::isNetworkFileSystem(type)) << type;

@@ -32,7 +32,7 @@ class PackageCommandsTest : public ::testing::Test {
   TempDir dir_{"quillon-package-commands"};
 };
 
-TEST_F(PackageCommandsTest, NewCreatesAPackageAndRefusesToOverwrite) {
+TEST_F(PackageCommandsTest, NewCreatesAPackageAndRefusesOverwritesAndBadInput) {
   ToolRun made = tool("new Doc.quillon --model model.json --document-id DOC-7");
   ASSERT_EQ(made.status, 0) << made.err;
   EXPECT_EQ(made.out, "DOC-7\n");
@@ -49,9 +49,8 @@ TEST_F(PackageCommandsTest, NewCreatesAPackageAndRefusesToOverwrite) {
   ToolRun fresh = tool("new Other.quillon --model model.json");
   ASSERT_EQ(fresh.status, 0) << fresh.err;
   EXPECT_TRUE(isUUIDString(fresh.out.substr(0, fresh.out.size() - 1))) << fresh.out;
-}
 
-TEST_F(PackageCommandsTest, NewRefusesBadInputWithoutCreatingAnything) {
+  // Bad input creates nothing.
   dir_.write("bad-model.json", R"({"entities": [{"name": "A", "attributes": [{"name": "x", "type": "nope"}]}]})");
   expectOneErrorLine(tool("new A.quillon --model bad-model.json"), "cannot load model");
   expectOneErrorLine(tool("new B.quillon --model missing.json"), "missing.json");
