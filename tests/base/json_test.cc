@@ -86,7 +86,7 @@ TEST(JSONReadTest, ManyDistinctAndRepeatedKeys) {
   EXPECT_EQ(writeJSON(v[1]), object);
 }
 
-TEST(JSONReadTest, MutableContainersOption) {
+TEST(JSONReadTest, MutableContainersDepthLimitAndBadInput) {
   Value v = mustRead(R"({"a":[{"b":"c"}]})", {.mutableContainers = true});
   EXPECT_TRUE(v.isMutable());
   EXPECT_TRUE(v.get("a").isMutable());
@@ -94,9 +94,8 @@ TEST(JSONReadTest, MutableContainersOption) {
   EXPECT_FALSE(v.get("a")[0].get("b").isMutable());
   v.set("new", 1);  // usable as a mutable container
   EXPECT_EQ(v.size(), 2u);
-}
 
-TEST(JSONReadTest, DepthLimitAndBadInputGiveErrors) {
+  // Depth limits.
   auto nested = [](size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
   EXPECT_TRUE(mustRead(nested(1000)).isArray());
   expectReadError(nested(1001), "deeper than 1000");

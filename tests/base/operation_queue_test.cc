@@ -184,7 +184,7 @@ TEST(OperationQueueTest, CancelFlagsARunningOperation) {
   EXPECT_FALSE(op->isExecuting());
 }
 
-TEST(OperationQueueTest, AnOperationJoinsOneQueueOnce) {
+TEST(OperationQueueTest, AnOperationJoinsOneQueueOnceAndAThrowingOneStillFinishes) {
   OperationQueue a, b;
   a.setSuspended(true);
   auto op = Operation::withBlock([] {});
@@ -194,9 +194,8 @@ TEST(OperationQueueTest, AnOperationJoinsOneQueueOnce) {
   a.setSuspended(false);
   a.waitUntilAllOperationsAreFinished();
   EXPECT_THROW(b.addOperation(op), Exception);
-}
 
-TEST(OperationQueueTest, ThrowingOperationStillFinishesAndReleasesDependents) {
+  // A throwing operation still finishes and releases its dependents.
   OperationQueue queue;
   auto bad = Operation::withBlock([] { throw std::runtime_error("disk on fire"); });
   std::atomic<bool> after{false};

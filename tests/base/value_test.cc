@@ -31,7 +31,7 @@ TEST(ValueTest, NilNullAndNumbersCompareAsDocumented) {
   EXPECT_NE(Value("1"), Value(1));
 }
 
-TEST(ValueTest, DictionariesKeepInsertionOrderAndReplaceInPlace) {
+TEST(ValueTest, DictionariesKeepOrderAndSetsAreUnique) {
   Value d = Value::mutableDictionary();
   for (int i = 20; i > 0; --i) d.set("k" + std::to_string(i), i);
   d.set("k20", "first");  // replacing keeps the position
@@ -47,9 +47,8 @@ TEST(ValueTest, DictionariesKeepInsertionOrderAndReplaceInPlace) {
   // Numeric keys are found by equal numbers of another kind.
   Value n = Value::dictionary({{Value(1), "one"}});
   EXPECT_EQ(n.get(Value(1.0)), Value("one"));
-}
 
-TEST(ValueTest, SetsAreUniqueAndCompareWithoutOrder) {
+  // Sets are unique and compare without order; ordered sets do not.
   Value s = Value::mutableSet();
   for (int i = 0; i < 30; ++i) s.append(i % 15);
   EXPECT_EQ(s.size(), 15u);

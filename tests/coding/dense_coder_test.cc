@@ -35,7 +35,7 @@ void expectFailure(const std::vector<uint8_t>& bytes, const std::string& reason)
   EXPECT_EQ(DenseCoder::lastLoggedReason(), reason);
 }
 
-TEST(DenseCoderTest, NilHasNoDataAndAnEmptyArrayIs28Bytes) {
+TEST(DenseCoderTest, NilEmptyArrayAndScalars) {
   EXPECT_TRUE(DenseCoder::dataWithRootObject(Value()).isNil());
   auto expected = Bytes::header(1, 0, 0).u8(10).aligned<uint32_t>(0).vec();
   auto bytes = encode(Value::array());
@@ -44,9 +44,8 @@ TEST(DenseCoderTest, NilHasNoDataAndAnEmptyArrayIs28Bytes) {
   Value back = decode(bytes);
   EXPECT_TRUE(back.isArray());
   EXPECT_TRUE(back.empty());
-}
 
-TEST(DenseCoderTest, ScalarsAreNarrowedAlignedAndKeepTheirKinds) {
+  // Integers are narrowed and aligned.
   EXPECT_EQ(encode(Value(300)), Bytes::header(0, 0, 0).u8(16).aligned<int16_t>(300).vec());
   EXPECT_EQ(encode(Value(70000)), Bytes::header(0, 0, 0).u8(17).aligned<int32_t>(70000).vec());
   EXPECT_EQ(encode(Value(1)), Bytes::header(0, 0, 0).u8(45).vec());
@@ -153,7 +152,7 @@ TEST(DenseCoderTest, SelfContainingMutableArraySurvivesARoundTrip) {
   DenseCoder::breakCycles(a);
 }
 
-TEST(DenseCoderTest, MutableFlagsAndContainerKindsRoundTrip) {
+TEST(DenseCoderTest, KindsAndMutableFlagsRoundTripDataIsPaddedDatesFrom2001) {
   Value root = Value::dictionary({
       {"set", Value::set({Value(1), Value("two")})},
       {"mset", Value::set({Value(3)}, true)},
@@ -175,9 +174,8 @@ TEST(DenseCoderTest, MutableFlagsAndContainerKindsRoundTrip) {
   }
   EXPECT_EQ(back.get("oset")[0], Value("b"));
   EXPECT_TRUE(back.get("marr")[1].isNil());
-}
 
-TEST(DenseCoderTest, DataIsPaddedAndDatesAreSecondsSince2001) {
+  // Data is padded; dates are seconds since 2001.
   auto bytes = encode(Value::data(std::string_view("abc")));
   auto expected = Bytes::header(1, 0, 0).u8(21).aligned<uint32_t>(3).cstr("abc").vec();
   EXPECT_EQ(bytes, expected);
