@@ -192,38 +192,67 @@ class HashIndex {
   }
 
   void place(size_t h, uint32_t position) {
+    const uint64_t slot = (uint64_t{static_cast<uint32_t>(h)} << 32) | (uint64_t{position} + 1);
     size_t mask = capacity_ - 1;
     for (size_t s = h & mask;; s = (s + 1) & mask) {
       if (slots_[s] == 0) {
-        slots_[s] = position + 1;
+        slots_[s] = slot;
         return;
       }
     }
   }
 
-  // Calls match(position) on candidates until it answers true.
+  // Calls match(position) on candidates with the same hash until it
+  // answers true. Keeping part of each hash in its slot means a probe past
+  // other keys never touches them.
   template <typename Match>
   std::optional<size_t> lookup(size_t h, Match match) const {
+    const auto fragment = static_cast<uint32_t>(h);
     size_t mask = capacity_ - 1;
     for (size_t s = h & mask;; s = (s + 1) & mask) {
-      uint32_t slot = slots_[s];
+      uint64_t slot = slots_[s];
       if (slot == 0) return std::nullopt;
-      if (match(slot - 1)) return slot - 1;
+      if (static_cast<uint32_t>(slot >> 32) != fragment) continue;
+      size_t position = static_cast<uint32_t>(slot) - 1;
+      if (match(position)) return position;
     }
   }
 
   // Empties the index and sizes it for `count` positions.
   void prepare(size_t count) {
-    size_t capacity = 16;
-    while (capacity < count * 2 + 2) capacity <<= 1;
-    slots_.reset(new uint32_t[capacity]());
-    capacity_ = capacity;
+    slots_.reset(new uint64_t[capacityFor(count)]());
+    capacity_ = capacityFor(count);
+  }
+
+  // Makes room for `count` positions, keeping those placed; the kept part
+  // of each hash is enough to place it again (capacities stay below 2^32).
+  void grow(size_t count) {
+    if (!needsGrowth(count)) return;
+    std::unique_ptr<uint64_t[]> old = std::move(slots_);
+    size_t oldCapacity = capacity_;
+    prepare(count);
+    for (size_t i = 0; i < oldCapacity; ++i) {
+      if (old[i] == 0) continue;
+      size_t mask = capacity_ - 1;
+      for (size_t s = (old[i] >> 32) & mask;; s = (s + 1) & mask) {
+        if (slots_[s] == 0) {
+          slots_[s] = old[i];
+          break;
+        }
+      }
+    }
   }
 
   bool needsGrowth(size_t count) const { return count * 2 + 2 > capacity_; }
 
  private:
-  std::unique_ptr<uint32_t[]> slots_;
+  static size_t capacityFor(size_t count) {
+    size_t capacity = 16;
+    while (capacity < count * 2 + 2) capacity <<= 1;
+    return capacity;
+  }
+
+  std::unique_ptr<uint64_t[]> slots_;  // (hash low 32 bits << 32) | (position + 1); 0 = empty
   size_t capacity_ = 0;
 };
 
@@ -242,8 +271,11 @@ struct SequenceNode final : Node {
   }
 
   std::optional<size_t> find(const Value& v) const {
+    return find(v, index.active() ? v.hash() : 0);
+  }
+  std::optional<size_t> find(const Value& v, size_t h) const {
     if (index.active()) {
-      return index.lookup(v.hash(), [&](size_t i) { return elements[i] == v; });
+      return index.lookup(h, [&](size_t i) { return elements[i] == v; });
     }
     for (size_t i = 0; i < elements.size(); ++i) {
       if (elements[i] == v) return i;
@@ -257,11 +289,23 @@ struct SequenceNode final : Node {
       index.reset();
     }
   }
-  void appended() {
-    if (index.active() && !index.needsGrowth(elements.size())) {
-      index.place(elements.back().hash(), static_cast<uint32_t>(elements.size() - 1));
+  // After appending an element whose hash is `h`.
+  void appended(size_t h) {
+    if (index.active()) {
+      index.grow(elements.size());
+      index.place(h, static_cast<uint32_t>(elements.size() - 1));
     } else if (elements.size() > HashIndex::kThreshold) {
       reindex();
+    }
+  }
+  // Sizes the index for `count` elements ahead of appending them.
+  void reserveIndex(size_t count) {
+    if (count <= HashIndex::kThreshold) return;
+    if (index.active()) {
+      index.grow(count);
+    } else {
+      index.rebuild(elements.size(), [&](size_t i) -> const Value& { return elements[i]; });
+      index.grow(count);
     }
   }
 };
@@ -296,12 +340,22 @@ struct DictionaryNode final : Node {
       index.reset();
     }
   }
-  void appended() {
-    if (index.active() && !index.needsGrowth(entries.size())) {
-      index.place(entries.back().first.hash(), static_cast<uint32_t>(entries.size() - 1));
+  // After appending an entry whose key's hash is `h`.
+  void appended(size_t h) {
+    if (index.active()) {
+      index.grow(entries.size());
+      index.place(h, static_cast<uint32_t>(entries.size() - 1));
     } else if (entries.size() > HashIndex::kThreshold) {
       reindex();
     }
+  }
+  // Sizes the index for `count` entries ahead of adding them.
+  void reserveIndex(size_t count) {
+    if (count <= HashIndex::kThreshold) return;
+    if (!index.active()) {
+      index.rebuild(entries.size(), [&](size_t i) -> const Value& { return entries[i].first; });
+    }
+    index.grow(count);
   }
 };
 
@@ -840,9 +894,14 @@ std::span<const Value> Value::elements() const {
 bool Value::append(Value v) {
   if (!isSequence()) throw std::logic_error("Value::append on a non-sequence");
   auto* n = static_cast<SequenceNode*>(u_.n);
-  if (kind_ != Kind::Array && n->find(v)) return false;
+  if (kind_ == Kind::Array) {
+    n->elements.emplaceBack(std::move(v));
+    return true;
+  }
+  size_t h = v.hash();
+  if (n->find(v, h)) return false;
   n->elements.emplaceBack(std::move(v));
-  if (kind_ != Kind::Array) n->appended();
+  n->appended(h);
   return true;
 }
 
@@ -944,7 +1003,7 @@ void Value::set(Value key, Value v) {
     return;
   }
   n->entries.emplaceBack(std::move(key), std::move(v));
-  n->appended();
+  n->appended(h);
 }
 
 bool Value::erase(const Value& key) {
@@ -971,9 +1030,13 @@ void Value::clear() {
 
 void Value::reserve(size_t count) {
   if (isSequence()) {
-    static_cast<SequenceNode*>(u_.n)->elements.reserve(count);
+    auto* n = static_cast<SequenceNode*>(u_.n);
+    n->elements.reserve(count);
+    if (kind_ != Kind::Array) n->reserveIndex(count);
   } else if (kind_ == Kind::Dictionary) {
-    static_cast<DictionaryNode*>(u_.n)->entries.reserve(count);
+    auto* n = static_cast<DictionaryNode*>(u_.n);
+    n->entries.reserve(count);
+    n->reserveIndex(count);
   }
 }
 
