@@ -48,8 +48,8 @@ bool hasUID(const ManagedObjectIDPtr& objectID) {
 
 }  // namespace
 
-QuillonLoadingIssue QuillonLoadingIssue::loadingIssueWithType(std::string_view type,
-                                                              const Url& url, Value value) {
+QuillonLoadingIssue QuillonLoadingIssue::loadingIssueWithType(std::string_view type, const Url& url,
+                                                              Value value) {
   QuillonLoadingIssue issue;
   issue.dictionary_ = Value::dictionary(true);
   issue.dictionary_.set(Value::string("type"), Value::string(type));
@@ -84,8 +84,8 @@ Value QuillonStore::executeFetchRequest(const FetchRequest& request,
     for (const EntityDescription* e : searched) cache_->loadCachesForEntity(*e);
   }
 
-  const bool needValues = predicate || !request.sortDescriptors().empty() ||
-                          type == FetchRequestResultType::Dictionary;
+  const bool needValues =
+      predicate || !request.sortDescriptors().empty() || type == FetchRequestResultType::Dictionary;
   int64_t count = 0;
   std::vector<Value> items;
   for (const EntityDescription* e : searched) {
@@ -198,7 +198,8 @@ std::shared_ptr<QuillonCacheItem> QuillonStore::loadValuesForEntity(
   for (const Url& url : files) {
     const std::string path = url.path();
     if (!QuillonIsOnDisk(path, env_)) {
-      addLoadingIssue(QuillonLoadingIssue::loadingIssueWithType(kQuillonLoadingIssueRemoteFile, url));
+      addLoadingIssue(
+          QuillonLoadingIssue::loadingIssueWithType(kQuillonLoadingIssueRemoteFile, url));
       return nullptr;
     }
     stored.clear();
@@ -208,7 +209,8 @@ std::shared_ptr<QuillonCacheItem> QuillonStore::loadValuesForEntity(
       return nullptr;
     }
     if (stored.empty()) {
-      addLoadingIssue(QuillonLoadingIssue::loadingIssueWithType(kQuillonLoadingIssueEmptyFile, url));
+      addLoadingIssue(
+          QuillonLoadingIssue::loadingIssueWithType(kQuillonLoadingIssueEmptyFile, url));
       return nullptr;
     }
     plain.clear();
@@ -256,7 +258,8 @@ void QuillonStore::resetAttributesForManagedObject(ManagedObject& object) {
   }
 }
 
-Value QuillonStore::changesDictionaryForObjectIDs(const std::vector<ManagedObjectIDPtr>& objectIDs) {
+Value QuillonStore::changesDictionaryForObjectIDs(
+    const std::vector<ManagedObjectIDPtr>& objectIDs) {
   Value changes = Value::dictionary(true);
   for (const ManagedObjectIDPtr& objectID : objectIDs) {
     if (!objectID || !objectID->entity()) continue;
