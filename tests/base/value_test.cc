@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -165,6 +167,41 @@ TEST(ValueTest, ContainersGrowPastTheirInitialStorage) {
   EXPECT_TRUE(d.erase(Value("a")));
   EXPECT_EQ(d.items()[0].first, Value("b"));
   EXPECT_EQ(d.get("k0"), Value(0));
+}
+
+TEST(ValueTest, IndexedLookupsAgreeWithAReferenceMapThroughGrowthAndReserve) {
+  // Random sets, erases and reserves (which switch the index on early and
+  // grow it without rehashing) checked against std::map after every step.
+  std::mt19937 random(7);
+  Value d = Value::mutableDictionary();
+  Value s = Value::mutableSet();
+  std::map<int, int> reference;
+  for (int step = 0; step < 4000; ++step) {
+    int key = static_cast<int>(random() % 300);
+    Value k = key % 2 ? Value("k" + std::to_string(key)) : Value(key);
+    switch (random() % 8) {
+      case 0:
+        d.erase(k);
+        s.remove(k);
+        reference.erase(key);
+        break;
+      case 1:
+        d.reserve(d.size() + random() % 200);
+        s.reserve(s.size() + random() % 200);
+        break;
+      default:
+        d.set(k, Value(step));
+        s.append(k);
+        reference[key] = step;
+    }
+    ASSERT_EQ(d.size(), reference.size());
+    ASSERT_EQ(s.size(), reference.size());
+    int probe = static_cast<int>(random() % 300);
+    Value p = probe % 2 ? Value("k" + std::to_string(probe)) : Value(probe);
+    auto found = reference.find(probe);
+    ASSERT_EQ(d.get(p), found == reference.end() ? Value() : Value(found->second)) << step;
+    ASSERT_EQ(s.contains(p), found != reference.end()) << step;
+  }
 }
 
 TEST(ValueTest, BuildingFromMovedChildren) {

@@ -64,13 +64,13 @@ class FetchingTest : public ::testing::Test {
   // folder holding the even ones.
   void insertNotes(StoreStack& stack) {
     const int priorities[] = {4, 9, 0, 7, 2, 8, 1, 6, 3, 5};
-    ManagedObjectPtr folder = insert(stack, "Folder", Value::dictionary({{Value::string("name"),
-                                                                          Value::string("even")}}));
+    ManagedObjectPtr folder = insert(
+        stack, "Folder", Value::dictionary({{Value::string("name"), Value::string("even")}}));
     for (int i = 0; i < 10; ++i) {
-      ManagedObjectPtr note =
-          insert(stack, "Note",
-                 Value::dictionary({{Value::string("title"), Value::string("n" + std::to_string(i))},
-                                    {Value::string("priority"), Value::integer(priorities[i])}}));
+      ManagedObjectPtr note = insert(
+          stack, "Note",
+          Value::dictionary({{Value::string("title"), Value::string("n" + std::to_string(i))},
+                             {Value::string("priority"), Value::integer(priorities[i])}}));
       if (i % 2 == 0) note->setValue("folder", Value::object(folder));
     }
     save(stack);
@@ -125,8 +125,8 @@ TEST_F(FetchingTest, CountsWithAndWithoutPredicatesOverSubentities) {
                               {Value::string("pages"), Value::integer(100 * (i + 1))}}));
   }
   for (int i = 0; i < 3; ++i) {
-    insert(*stack, "Album", Value::dictionary({{Value::string("label"),
-                                                Value::string(i ? "anthem" : "blues")}}));
+    insert(*stack, "Album",
+           Value::dictionary({{Value::string("label"), Value::string(i ? "anthem" : "blues")}}));
   }
   save(*stack);
   QuillonStore& store = *stack->store;
@@ -135,9 +135,9 @@ TEST_F(FetchingTest, CountsWithAndWithoutPredicatesOverSubentities) {
 
   EXPECT_EQ(countOf(store.executeFetchRequest(request("Item", {}, count), context)), 5);
   EXPECT_EQ(countOf(store.executeFetchRequest(request("Book", {}, count), context)), 2);
-  EXPECT_EQ(countOf(store.executeFetchRequest(request("Item", "label BEGINSWITH 'a'", count),
-                                              context)),
-            3);
+  EXPECT_EQ(
+      countOf(store.executeFetchRequest(request("Item", "label BEGINSWITH 'a'", count), context)),
+      3);
   EXPECT_EQ(countOf(store.executeFetchRequest(request("Book", "pages > 150", count), context)), 1);
   FetchRequest onlyItem = request("Item", {}, count);
   onlyItem.setIncludesSubentities(false);
@@ -158,7 +158,7 @@ TEST_F(FetchingTest, SortsThenLimitsAndResolvesRelationsToObjects) {
   FetchRequest top = request("Note");
   top.setSortDescriptors({SortDescriptor("priority", false)});
   top.setFetchLimit(3);
-  top.setFetchOffset(5);  // not applied by the store
+  top.setFetchOffset(5);                                // not applied by the store
   std::vector<std::string> expected{"n1", "n5", "n3"};  // priorities 9, 8, 7
   EXPECT_EQ(titles(*stack, top), expected);
 
@@ -181,8 +181,8 @@ TEST_F(FetchingTest, SortsThenLimitsAndResolvesRelationsToObjects) {
 TEST_F(FetchingTest, FaultsFillFromTheCacheIncludingToManyRelations) {
   {
     auto stack = open();
-    ManagedObjectPtr note = insert(*stack, "Note", Value::dictionary({{Value::string("title"),
-                                                                       Value::string("tagged")}}));
+    ManagedObjectPtr note = insert(
+        *stack, "Note", Value::dictionary({{Value::string("title"), Value::string("tagged")}}));
     for (const char* name : {"b", "a", "c"}) {
       ManagedObjectPtr tag =
           insert(*stack, "Tag", Value::dictionary({{Value::string("name"), Value::string(name)}}));
@@ -191,8 +191,8 @@ TEST_F(FetchingTest, FaultsFillFromTheCacheIncludingToManyRelations) {
     save(*stack);
   }
   auto stack = open();
-  std::vector<Value> notes = stack->context->executeFetchRequest(request(
-      "Note", {}, FetchRequestResultType::ManagedObject));
+  std::vector<Value> notes = stack->context->executeFetchRequest(
+      request("Note", {}, FetchRequestResultType::ManagedObject));
   ASSERT_EQ(notes.size(), 1u);
   ManagedObjectPtr note = managedObjectFromValue(notes[0]);
   EXPECT_EQ(note->value("title"), Value::string("tagged"));
@@ -210,15 +210,15 @@ TEST_F(FetchingTest, FaultsFillFromTheCacheIncludingToManyRelations) {
 TEST_F(FetchingTest, RequestItemsCompareWithTheirIdentifierAndObject) {
   auto stack = open();
   insertNotes(*stack);
-  Value ids = stack->store->executeFetchRequest(request("Note", "title == 'n3'"),
-                                                stack->context.get());
+  Value ids =
+      stack->store->executeFetchRequest(request("Note", "title == 'n3'"), stack->context.get());
   ASSERT_EQ(ids.size(), 1u);
   ManagedObjectIDPtr id = objectIDFromValue(ids[0]);
   QuillonRequestItem item(stack->context.get(), id, stack->store.get());
   QuillonRequestItem other(stack->context.get(), id, stack->store.get());
   EXPECT_TRUE(item.isEqual(*id));
   EXPECT_TRUE(item.isEqual(*stack->context->objectWithID(id)));
-  EXPECT_FALSE(item.isEqual(other));  // two items are equal only when identical
+  EXPECT_FALSE(item.isEqual(other));               // two items are equal only when identical
   EXPECT_TRUE(item.valueForKey("title").isNil());  // no values without a cache item
   item.setCacheItem(stack->store->cache().cacheItemForObjectID(id, stack->context.get()));
   EXPECT_EQ(item.valueForKey("title"), Value::string("n3"));
@@ -230,10 +230,9 @@ class RecordLoadingTest : public FetchingTest {
  protected:
   void SetUp() override {
     stack_ = open();
-    note_ = insert(*stack_, "Note", Value::dictionary({{Value::string("title"),
-                                                        Value::string("one")},
-                                                       {Value::string("priority"),
-                                                        Value::integer(1)}}));
+    note_ = insert(*stack_, "Note",
+                   Value::dictionary({{Value::string("title"), Value::string("one")},
+                                      {Value::string("priority"), Value::integer(1)}}));
     save(*stack_);
     note_->setValue("title", Value::string("two"));
     save(*stack_);
@@ -386,6 +385,34 @@ TEST_F(ReopenTest, IntactCacheAnswersWithoutReadingEntityFiles) {
 TEST_F(ReopenTest, DeletedCacheIsRebuiltFromThePackage) {
   ASSERT_FALSE(Env::Default()->removeItem(cacheFolder_));
   expectSameAnswersAfterReopening();
+}
+
+TEST_F(ReopenTest, RebuildReadsEachRecordOnce) {
+  // Validation reads every record of the changes it applies; the cache
+  // keeps what it read rather than reading the records again.
+  ASSERT_FALSE(Env::Default()->removeItem(cacheFolder_));
+  std::vector<std::string> files;
+  ASSERT_FALSE(Env::Default()->listRecursively(packagePath() + "/Entities", &files));
+  size_t records = std::count_if(files.begin(), files.end(), [](const std::string& file) {
+    return file.size() > 5 && file.compare(file.size() - 5, 5, ".json") == 0;
+  });
+  ASSERT_GT(records, 10u);
+  FaultInjectingEnv env;
+  Env* previous = QuillonStore::defaultEnv();
+  QuillonStore::setDefaultEnv(&env);
+  {
+    auto stack = open();
+    MainQueue::runUntil([&] { return answers(*stack) == expected_; }, 10);
+    EXPECT_EQ(answers(*stack), expected_);
+    QuillonCache& cache = stack->store->cache();
+    MainQueue::runUntil(
+        [&] {
+          return cache.cachedMissingItems() && cache.itemsToIndex() == cache.maxItemsToIndex();
+        },
+        10);
+    EXPECT_EQ(env.count(FaultInjectingEnv::Op::Read, "/Entities/"), records);
+  }
+  QuillonStore::setDefaultEnv(previous);
 }
 
 TEST_F(ReopenTest, DamagedCacheFilesAreReadAgainFromThePackage) {
