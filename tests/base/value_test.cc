@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <map>
 #include <random>
 #include <stdexcept>
@@ -265,6 +266,27 @@ TEST(DecimalTest, ParsesFormatsAndCompares) {
   EXPECT_LT(Decimal::parse("-2")->compare(*Decimal::parse("1")), 0);
   EXPECT_LT(Decimal::parse("9.99")->compare(*Decimal::parse("10")), 0);
   EXPECT_EQ(Decimal::parse("NaN")->toString(), "NaN");
+}
+
+TEST(DecimalTest, ConvertsToTheNearestDoubleAndComparesAcrossScales) {
+  // Short mantissas take an exact shortcut, long ones the general path;
+  // both must give the double the text parses to.
+  for (const char* text : {"0.30246765271873366", "9007199254740993", "-1.5e-7", "123.456",
+                           "12345678901234567890123456789012345678", "1e-320", "-7e400", "0",
+                           "4.9406564584124654e-324", "1.7976931348623157e308"}) {
+    EXPECT_EQ(Decimal::parse(text)->toDouble(), std::strtod(text, nullptr)) << text;
+  }
+  auto compare = [](const char* a, const char* b) {
+    return Decimal::parse(a)->compare(*Decimal::parse(b));
+  };
+  EXPECT_EQ(compare("1.50", "1.5"), 0);
+  EXPECT_LT(compare("0.30246765271873366", "0.5"), 0);
+  EXPECT_GT(
+      compare("12345678901234567890123456789012345678", "1234567890123456789012345678901234567.7"),
+      0);
+  EXPECT_LT(compare("-100", "-99.999"), 0);
+  EXPECT_GT(compare("1e-5", "0"), 0);
+  EXPECT_EQ(compare("-0", "0"), 0);
 }
 
 }  // namespace

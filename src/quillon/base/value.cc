@@ -626,6 +626,14 @@ Value Value::dictionary(bool isMutable) {
   return v;
 }
 
+Value Value::dictionaryWithCapacity(size_t capacity, bool isMutable) {
+  Value v(Kind::Dictionary);
+  auto* n = DictionaryNode::create(isMutable, capacity);
+  v.u_.n = n;
+  n->reserveIndex(capacity);
+  return v;
+}
+
 Value Value::dictionary(std::initializer_list<Entry> entries, bool isMutable) {
   Value v(Kind::Dictionary);
   v.u_.n = DictionaryNode::create(isMutable, entries.size());
@@ -898,7 +906,8 @@ bool Value::append(Value v) {
     n->elements.emplaceBack(std::move(v));
     return true;
   }
-  size_t h = v.hash();
+  // Small sets search without an index and so without hashing.
+  size_t h = n->index.active() ? v.hash() : 0;
   if (n->find(v, h)) return false;
   n->elements.emplaceBack(std::move(v));
   n->appended(h);
@@ -961,7 +970,7 @@ std::vector<Value> Value::keys() const {
 const Value* Value::find(const Value& key) const {
   if (kind_ != Kind::Dictionary) return nullptr;
   auto* n = static_cast<DictionaryNode*>(u_.n);
-  auto i = n->find(key, key.hash());
+  auto i = n->find(key, n->index.active() ? key.hash() : 0);
   return i ? &n->entries[*i].second : nullptr;
 }
 
@@ -976,7 +985,7 @@ bool operator==(const Value& v, const StringKey& k) { return v.isString() && v.s
 const Value* Value::find(std::string_view key) const {
   if (kind_ != Kind::Dictionary) return nullptr;
   auto* n = static_cast<DictionaryNode*>(u_.n);
-  auto i = n->find(StringKey{key}, hashString(key));
+  auto i = n->find(StringKey{key}, n->index.active() ? hashString(key) : 0);
   return i ? &n->entries[*i].second : nullptr;
 }
 
@@ -997,7 +1006,8 @@ void Value::set(Value key, Value v) {
     return;
   }
   auto* n = static_cast<DictionaryNode*>(u_.n);
-  size_t h = key.hash();
+  // Small dictionaries search without an index and so without hashing.
+  size_t h = n->index.active() ? key.hash() : 0;
   if (auto i = n->find(key, h)) {
     n->entries[*i].second = std::move(v);
     return;
@@ -1009,7 +1019,7 @@ void Value::set(Value key, Value v) {
 bool Value::erase(const Value& key) {
   if (kind_ != Kind::Dictionary) return false;
   auto* n = static_cast<DictionaryNode*>(u_.n);
-  auto i = n->find(key, key.hash());
+  auto i = n->find(key, n->index.active() ? key.hash() : 0);
   if (!i) return false;
   n->entries.erase(*i);
   n->reindex();
