@@ -11,7 +11,6 @@
 #include "quillon/base/json.h"
 #include "quillon/base/system_log.h"
 #include "quillon/cache/cache.h"
-#include "quillon/cache/cache_collection.h"
 #include "quillon/cache/cache_item.h"
 #include "quillon/coding/url_utils.h"
 #include "quillon/graph/entity_description.h"
@@ -89,19 +88,10 @@ Value QuillonStore::executeFetchRequest(const FetchRequest& request,
   int64_t count = 0;
   std::vector<Value> items;
   for (const EntityDescription* e : searched) {
-    std::vector<QuillonCache::CachedItem> entries;
-    if (needValues) {
-      entries = cache_->cachedItemsForEntity(*e);
-    } else if (std::shared_ptr<QuillonCacheSet> set = cache_->cacheForEntityUIDs(e->name())) {
-      const Value uids = set->content();
-      if (counting) {
-        count += static_cast<int64_t>(uids.size());
-        continue;
-      }
-      entries.reserve(uids.size());
-      for (const Value& uid : uids.elements()) {
-        if (uid.isString() && !uid.str().empty()) entries.push_back({uid, nullptr});
-      }
+    std::vector<QuillonCache::CachedItem> entries = cache_->cachedItemsForEntity(*e, needValues);
+    if (counting && !predicate) {
+      count += static_cast<int64_t>(entries.size());
+      continue;
     }
     items.reserve(items.size() + entries.size());
     for (QuillonCache::CachedItem& entry : entries) {
