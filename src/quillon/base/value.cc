@@ -151,6 +151,19 @@ class Elements {
     return out;
   }
 
+  // Empties the container, destroying the elements only once it is empty
+  // (a destructor may look at it); a few elements wait on the stack.
+  void clear() {
+    constexpr size_t kOnStack = 8;
+    if (size_ > kOnStack) {
+      std::vector<T> old = takeAll();
+      return;
+    }
+    T old[kOnStack];
+    std::move(begin(), end(), old);
+    truncate(0);
+  }
+
  private:
   // Moves the elements to a heap buffer of `capacity`; `appended`, when
   // given, is moved in behind them.
@@ -1029,12 +1042,12 @@ bool Value::erase(const Value& key) {
 void Value::clear() {
   if (isSequence()) {
     auto* n = static_cast<SequenceNode*>(u_.n);
-    std::vector<Value> old = n->elements.takeAll();  // destroyed after the node is consistent
     n->index.reset();
+    n->elements.clear();
   } else if (kind_ == Kind::Dictionary) {
     auto* n = static_cast<DictionaryNode*>(u_.n);
-    std::vector<Entry> old = n->entries.takeAll();
     n->index.reset();
+    n->entries.clear();
   }
 }
 

@@ -538,11 +538,19 @@ Value DCNSDecoder::makeObject(ClassRecord& record, Value properties) {
 
 const DCNSCoding::Factory* DCNSDecoder::factoryFor(std::string_view className) {
   if (!makesRegisteredObjects_) return nullptr;
+  // Objects of one class come one after another, their class name read back
+  // as the same text each time.
+  if (lastFactory_.first == className) return lastFactory_.second;
   std::string name(className);
   auto it = factories_.find(name);
-  if (it != factories_.end()) return it->second;
-  const DCNSCoding::Factory* f = DCNSCoding::factoryForClass(className);
-  factories_.emplace(std::move(name), f);
+  const DCNSCoding::Factory* f = nullptr;
+  if (it != factories_.end()) {
+    f = it->second;
+  } else {
+    f = DCNSCoding::factoryForClass(className);
+    it = factories_.emplace(std::move(name), f).first;
+  }
+  lastFactory_ = {it->first, f};
   return f;
 }
 
