@@ -5,11 +5,22 @@
 // measured in the same run.
 
 #include <benchmark/benchmark.h>
+#include <sqlite3.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "quillon/base/error.h"
+#include "quillon/graph/managed_object_model.h"
+#include "quillon/platform/main_queue.h"
+#include "quillon/platform/standard_paths.h"
+#include "quillon/store/quillon.h"
 
 namespace quillon::bench {
 
@@ -56,6 +67,43 @@ class RatioReporter : public benchmark::ConsoleReporter {
   std::map<std::string, Result> results_;
   std::map<std::string, bool> medians_;
 };
+
+// Ends the program with a message: a benchmark without its fixture measures nothing.
+[[noreturn]] inline void fail(const std::string& message) {
+  std::fprintf(stderr, "%s\n", message.c_str());
+  std::exit(1);
+}
+
+// Whether QUILLON_BENCH_QUICK asks for the small sizes (a smoke run).
+inline bool quickRun() {
+  const char* quick = std::getenv("QUILLON_BENCH_QUICK");
+  return quick && *quick && std::string_view(quick) != "0";
+}
+
+// Makes this process one application with its settings and local cache
+// under `root` (not the user's own), this thread its main queue and the
+// store registered; answers the model read from `modelJSON`.
+inline std::shared_ptr<const ManagedObjectModel> setUpApplication(const std::string& root,
+                                                                  std::string_view modelJSON) {
+  setenv("XDG_CONFIG_HOME", (root + "/config").c_str(), 1);
+  StandardPaths::setUserCacheDirectory(root + "/caches");
+  MainQueue::setMainThreadToCurrent();
+  Quillon::registerStore();
+  Error error;
+  auto model = ManagedObjectModel::fromJSON(modelJSON, &error);
+  if (!model) fail("model: " + error.localizedDescription());
+  return model;
+}
+
+// Runs SQL that answers no rows, or fails.
+inline void sqliteExec(sqlite3* db, const std::string& sql) {
+  char* message = nullptr;
+  if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
+    std::string text = message ? message : "?";
+    sqlite3_free(message);
+    fail("sqlite: " + text);
+  }
+}
 
 // The whole of a benchmark program's main: prepare runs before any timing
 // starts, printRatios after every selected benchmark has run.

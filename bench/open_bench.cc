@@ -48,6 +48,8 @@
 namespace {
 
 using namespace quillon;
+using bench::fail;
+using bench::sqliteExec;
 
 constexpr std::string_view kModel = R"json({"entities": [
   {"name": "Note", "attributes": [
@@ -72,20 +74,15 @@ Fixture& fixture() {
   return f;
 }
 
-[[noreturn]] void fail(const std::string& message) {
-  std::fprintf(stderr, "open_bench: %s\n", message.c_str());
-  std::exit(1);
-}
-
 // One application's view of the package: coordinator, store, main context.
 class Stack {
  public:
   Stack() {
     const Fixture& f = fixture();
     coordinator_ = std::make_shared<QuillonPersistentStoreCoordinator>(f.model);
-    ready_ = std::make_unique<ScopedObserver>(NotificationCenter::defaultCenter(), kQuillonReady,
-                                              nullptr,
-                                              [this](const Notification&) { ++readyCount_; });
+    ready_ =
+        std::make_unique<ScopedObserver>(NotificationCenter::defaultCenter(), kQuillonReady,
+                                         nullptr, [this](const Notification&) { ++readyCount_; });
     Error error;
     auto store = coordinator_->addPersistentStore(kQuillonStoreType, Url::fileURL(f.package, true),
                                                   Value::dictionary(), &error);
@@ -121,19 +118,9 @@ class Stack {
   int readyCount_ = 0;
 };
 
-void exec(sqlite3* db, const std::string& sql) {
-  char* message = nullptr;
-  if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
-    std::string text = message ? message : "?";
-    sqlite3_free(message);
-    fail("sqlite: " + text);
-  }
-}
-
 void prepare() {
   Fixture& f = fixture();
-  const char* quick = std::getenv("QUILLON_BENCH_QUICK");
-  f.objects = quick && *quick && std::string(quick) != "0" ? 5000 : 100000;
+  f.objects = bench::quickRun() ? 5000 : 100000;
 
   const char* keep = std::getenv("QUILLON_BENCH_KEEP");
   f.kept = keep && *keep;
@@ -147,15 +134,7 @@ void prepare() {
   }
   f.package = f.root + "/Bench.quillon";
   f.database = f.root + "/bench.sqlite";
-  // The store records recent files in the user's settings: keep them, and
-  // the local cache, in the bench's own folder.
-  setenv("XDG_CONFIG_HOME", (f.root + "/config").c_str(), 1);
-  StandardPaths::setUserCacheDirectory(f.root + "/caches");
-  MainQueue::setMainThreadToCurrent();
-  Quillon::registerStore();
-  Error error;
-  f.model = ManagedObjectModel::fromJSON(kModel, &error);
-  if (!f.model) fail("model: " + error.localizedDescription());
+  f.model = bench::setUpApplication(f.root, kModel);
 
   // A kept package names its size and number of matches in "built".
   const std::string built = f.root + "/built";
@@ -177,8 +156,9 @@ void prepare() {
 
   sqlite3* db = nullptr;
   if (sqlite3_open(f.database.c_str(), &db) != SQLITE_OK) fail("cannot create the database");
-  exec(db, "CREATE TABLE notes (uid TEXT PRIMARY KEY, title TEXT, priority INTEGER, score REAL)");
-  exec(db, "BEGIN");
+  sqliteExec(db,
+             "CREATE TABLE notes (uid TEXT PRIMARY KEY, title TEXT, priority INTEGER, score REAL)");
+  sqliteExec(db, "BEGIN");
   sqlite3_stmt* insert = nullptr;
   sqlite3_prepare_v2(db, "INSERT INTO notes VALUES (?, ?, ?, ?)", -1, &insert, nullptr);
 
@@ -213,7 +193,7 @@ void prepare() {
     }
   }
   sqlite3_finalize(insert);
-  exec(db, "COMMIT");
+  sqliteExec(db, "COMMIT");
   sqlite3_close(db);
   std::printf("package: %zu notes, %zu match the query\n", f.objects, f.matches);
   if (f.kept) {
@@ -296,10 +276,22 @@ void BM_PlainReadAllRecords(benchmark::State& state) {
   }
 }
 
-BENCHMARK(BM_WarmOpenAndFetch)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->Iterations(3);
-BENCHMARK(BM_ColdOpenAndFetch)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->Iterations(2);
-BENCHMARK(BM_SQLiteOpenAndQuery)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->Iterations(5);
-BENCHMARK(BM_PlainReadAllRecords)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->Iterations(3);
+BENCHMARK(BM_WarmOpenAndFetch)
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->Iterations(3);
+BENCHMARK(BM_ColdOpenAndFetch)
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->Iterations(2);
+BENCHMARK(BM_SQLiteOpenAndQuery)
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->Iterations(5);
+BENCHMARK(BM_PlainReadAllRecords)
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->Iterations(3);
 
 void printRatios(const bench::RatioReporter& reporter) {
   double warm = reporter.cpuTime("BM_WarmOpenAndFetch/iterations:3/process_time");

@@ -45,6 +45,8 @@
 namespace {
 
 using namespace quillon;
+using bench::fail;
+using bench::sqliteExec;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::string_view kModel = R"json({"entities": [
@@ -72,11 +74,6 @@ Fixture& fixture() {
   return f;
 }
 
-[[noreturn]] void fail(const std::string& message) {
-  std::fprintf(stderr, "save_bench: %s\n", message.c_str());
-  std::exit(1);
-}
-
 std::string nextFolder(const std::string& kind) {
   Fixture& f = fixture();
   return f.root + "/" + kind + std::to_string(++f.package);
@@ -84,21 +81,14 @@ std::string nextFolder(const std::string& kind) {
 
 void prepare() {
   Fixture& f = fixture();
-  const char* quick = std::getenv("QUILLON_BENCH_QUICK");
-  f.objects = quick && *quick && std::string(quick) != "0" ? 1000 : 10000;
+  f.objects = bench::quickRun() ? 1000 : 10000;
   // Beside the build, not in /tmp: a tmpfs would make every flush free.
   char pattern[] = "./quillon-save-bench-XXXXXX";
   if (!mkdtemp(pattern)) fail("no temporary folder");
   char* absolute = realpath(pattern, nullptr);
   f.root = absolute;
   std::free(absolute);
-  setenv("XDG_CONFIG_HOME", (f.root + "/config").c_str(), 1);
-  StandardPaths::setUserCacheDirectory(f.root + "/caches");
-  MainQueue::setMainThreadToCurrent();
-  Quillon::registerStore();
-  Error error;
-  f.model = ManagedObjectModel::fromJSON(kModel, &error);
-  if (!f.model) fail("model: " + error.localizedDescription());
+  f.model = bench::setUpApplication(f.root, kModel);
 }
 
 void cleanUp() { Env::Default()->removeItem(fixture().root); }
@@ -206,15 +196,6 @@ BENCHMARK(BM_PlainFiles)
     ->UseRealTime()
     ->MeasureProcessCPUTime();
 
-void exec(sqlite3* db, const char* sql) {
-  char* message = nullptr;
-  if (sqlite3_exec(db, sql, nullptr, nullptr, &message) != SQLITE_OK) {
-    std::string text = message ? message : "?";
-    sqlite3_free(message);
-    fail("sqlite: " + text);
-  }
-}
-
 void BM_SQLite(benchmark::State& state) {
   const Fixture& f = fixture();
   std::vector<uint8_t> body(kBodySize, 'b');
@@ -223,17 +204,17 @@ void BM_SQLite(benchmark::State& state) {
     state.PauseTiming();
     sqlite3* db = nullptr;
     if (sqlite3_open((nextFolder("sqlite") + ".db").c_str(), &db) != SQLITE_OK) fail("sqlite open");
-    exec(db, "PRAGMA journal_mode=WAL");
-    exec(db, "PRAGMA synchronous=NORMAL");
-    exec(db,
-         "CREATE TABLE note (uid TEXT PRIMARY KEY, title TEXT, priority INTEGER, score REAL, "
-         "created REAL, body BLOB, partner TEXT)");
+    sqliteExec(db, "PRAGMA journal_mode=WAL");
+    sqliteExec(db, "PRAGMA synchronous=NORMAL");
+    sqliteExec(db,
+               "CREATE TABLE note (uid TEXT PRIMARY KEY, title TEXT, priority INTEGER, score REAL, "
+               "created REAL, body BLOB, partner TEXT)");
     std::vector<std::string> uids;
     for (size_t i = 0; i < f.objects; ++i) uids.push_back(makeUUIDString());
     state.ResumeTiming();
 
     auto start = Clock::now();
-    exec(db, "BEGIN");
+    sqliteExec(db, "BEGIN");
     sqlite3_stmt* insert = nullptr;
     sqlite3_prepare_v2(db, "INSERT INTO note VALUES (?, ?, ?, ?, ?, ?, ?)", -1, &insert, nullptr);
     for (size_t i = 0; i < f.objects; ++i) {
@@ -250,7 +231,7 @@ void BM_SQLite(benchmark::State& state) {
       sqlite3_reset(insert);
     }
     sqlite3_finalize(insert);
-    exec(db, "COMMIT");
+    sqliteExec(db, "COMMIT");
     seconds += std::chrono::duration<double>(Clock::now() - start).count();
     state.PauseTiming();
     sqlite3_close(db);
@@ -262,8 +243,10 @@ BENCHMARK(BM_SQLite)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime(
 
 void printRatios(const bench::RatioReporter& reporter) {
   auto seconds = [&](const std::string& name) { return reporter.counter(name, "seconds"); };
-  const double plainFlushed = seconds("BM_PlainFiles/flushed:1/iterations:1/process_time/real_time");
-  const double plainUnflushed = seconds("BM_PlainFiles/flushed:0/iterations:1/process_time/real_time");
+  const double plainFlushed =
+      seconds("BM_PlainFiles/flushed:1/iterations:1/process_time/real_time");
+  const double plainUnflushed =
+      seconds("BM_PlainFiles/flushed:0/iterations:1/process_time/real_time");
   const double sqlite = seconds("BM_SQLite/iterations:1/real_time");
   std::printf("\n%zu objects; wall-clock seconds per save and ratios (aim: save / plain <= 1.5)\n",
               fixture().objects);

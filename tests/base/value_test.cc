@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <map>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -165,6 +168,41 @@ TEST(ValueTest, ContainersGrowPastTheirInitialStorage) {
   EXPECT_EQ(d.get("k0"), Value(0));
 }
 
+TEST(ValueTest, IndexedLookupsAgreeWithAReferenceMapThroughGrowthAndReserve) {
+  // Random sets, erases and reserves (which switch the index on early and
+  // grow it without rehashing) checked against std::map after every step.
+  std::mt19937 random(7);
+  Value d = Value::mutableDictionary();
+  Value s = Value::mutableSet();
+  std::map<int, int> reference;
+  for (int step = 0; step < 4000; ++step) {
+    int key = static_cast<int>(random() % 300);
+    Value k = key % 2 ? Value("k" + std::to_string(key)) : Value(key);
+    switch (random() % 8) {
+      case 0:
+        d.erase(k);
+        s.remove(k);
+        reference.erase(key);
+        break;
+      case 1:
+        d.reserve(d.size() + random() % 200);
+        s.reserve(s.size() + random() % 200);
+        break;
+      default:
+        d.set(k, Value(step));
+        s.append(k);
+        reference[key] = step;
+    }
+    ASSERT_EQ(d.size(), reference.size());
+    ASSERT_EQ(s.size(), reference.size());
+    int probe = static_cast<int>(random() % 300);
+    Value p = probe % 2 ? Value("k" + std::to_string(probe)) : Value(probe);
+    auto found = reference.find(probe);
+    ASSERT_EQ(d.get(p), found == reference.end() ? Value() : Value(found->second)) << step;
+    ASSERT_EQ(s.contains(p), found != reference.end()) << step;
+  }
+}
+
 TEST(ValueTest, BuildingFromMovedChildren) {
   for (int count : {3, 20}) {  // below and above the indexing threshold
     std::vector<Value::Entry> entries;
@@ -226,6 +264,27 @@ TEST(DecimalTest, ParsesFormatsAndCompares) {
   EXPECT_LT(Decimal::parse("-2")->compare(*Decimal::parse("1")), 0);
   EXPECT_LT(Decimal::parse("9.99")->compare(*Decimal::parse("10")), 0);
   EXPECT_EQ(Decimal::parse("NaN")->toString(), "NaN");
+}
+
+TEST(DecimalTest, ConvertsToTheNearestDoubleAndComparesAcrossScales) {
+  // Short mantissas take an exact shortcut, long ones the general path;
+  // both must give the double the text parses to.
+  for (const char* text : {"0.30246765271873366", "9007199254740993", "-1.5e-7", "123.456",
+                           "12345678901234567890123456789012345678", "1e-320", "-7e400", "0",
+                           "4.9406564584124654e-324", "1.7976931348623157e308"}) {
+    EXPECT_EQ(Decimal::parse(text)->toDouble(), std::strtod(text, nullptr)) << text;
+  }
+  auto compare = [](const char* a, const char* b) {
+    return Decimal::parse(a)->compare(*Decimal::parse(b));
+  };
+  EXPECT_EQ(compare("1.50", "1.5"), 0);
+  EXPECT_LT(compare("0.30246765271873366", "0.5"), 0);
+  EXPECT_GT(
+      compare("12345678901234567890123456789012345678", "1234567890123456789012345678901234567.7"),
+      0);
+  EXPECT_LT(compare("-100", "-99.999"), 0);
+  EXPECT_GT(compare("1e-5", "0"), 0);
+  EXPECT_EQ(compare("-0", "0"), 0);
 }
 
 }  // namespace

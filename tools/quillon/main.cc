@@ -2,12 +2,12 @@
 // Every command prints one "error: …" line and exits non-zero on bad input.
 
 #include <CLI/CLI.hpp>
-
 #include <cstdio>
 #include <exception>
 
 #include "quillon/base/env.h"
 #include "quillon/base/error.h"
+#include "quillon/base/system_log.h"
 #include "tool.h"
 
 namespace quillon::tool {
@@ -25,6 +25,13 @@ std::vector<uint8_t> readWholeFile(const std::string& path) {
 int main(int argc, char** argv) {
   CLI::App app{"quillon: inspect and edit Quillon document packages", "quillon"};
   app.require_subcommand(1);
+  // The framework's developer messages (stores closing, caches released)
+  // are not the tool's output; --verbose shows them on standard error.
+  quillon::setSystemLogSink([](std::string_view) {});
+  app.add_flag_callback(
+         "-v,--verbose", [] { quillon::setSystemLogSink({}); },
+         "Also print the framework's developer messages on standard error")
+      ->trigger_on_parse();
   quillon::tool::addNewCommand(app);
   quillon::tool::addEditCommands(app);
   quillon::tool::addFetchCommand(app);

@@ -1,21 +1,54 @@
 #include "quillon/base/decimal.h"
 
+#include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <string>
 
 namespace quillon {
 namespace {
 
 constexpr uint128_t kTen = 10;
+constexpr uint64_t kTenToThe19 = 10'000'000'000'000'000'000ULL;
+
+// The decimal digits of v into the end of `buffer` (40 bytes suffice);
+// answers where they begin.
+char* writeDigits(uint128_t v, char* end) {
+  char* p = end;
+  // 64-bit chunks of 19 digits: far cheaper than dividing by ten in 128 bits.
+  while (v > UINT64_MAX) {
+    uint64_t chunk = static_cast<uint64_t>(v % kTenToThe19);
+    v /= kTenToThe19;
+    for (int i = 0; i < 19; ++i, chunk /= 10) *--p = static_cast<char>('0' + chunk % 10);
+  }
+  auto low = static_cast<uint64_t>(v);
+  do {
+    *--p = static_cast<char>('0' + low % 10);
+    low /= 10;
+  } while (low > 0);
+  return p;
+}
 
 std::string digits(uint128_t v) {
-  if (v == 0) return "0";
-  std::string s;
-  while (v > 0) {
-    s.insert(s.begin(), static_cast<char>('0' + static_cast<int>(v % kTen)));
-    v /= kTen;
+  char buffer[40];
+  char* begin = writeDigits(v, buffer + sizeof buffer);
+  return std::string(begin, buffer + sizeof buffer);
+}
+
+int digitCount(uint128_t v) {
+  int count = 1;
+  while (v >= kTenToThe19) {
+    v /= kTenToThe19;
+    count += 19;
   }
-  return s;
+  for (auto low = static_cast<uint64_t>(v); low >= 10; low /= 10) ++count;
+  return count;
+}
+
+uint128_t powerOfTen(int n) {
+  uint128_t p = 1;
+  while (n-- > 0) p *= kTen;
+  return p;
 }
 
 }  // namespace
@@ -87,7 +120,26 @@ Decimal Decimal::compact() const {
 
 double Decimal::toDouble() const {
   if (nan) return std::nan("");
-  return std::strtod(toScientificString().c_str(), nullptr);
+  // Both factors exact in a double: one correctly rounded operation.
+  static constexpr double kExactPowers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                            1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                            1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+  const double sign = negative ? -1.0 : 1.0;
+  if (mantissa <= (uint128_t{1} << 53) && exponent >= -22 && exponent <= 22) {
+    const auto m = static_cast<double>(static_cast<uint64_t>(mantissa));
+    return sign * (exponent >= 0 ? m * kExactPowers[exponent] : m / kExactPowers[-exponent]);
+  }
+  char buffer[64];
+  char* end = buffer + 41;
+  char* begin = writeDigits(mantissa, end);
+  *end++ = 'e';
+  end = std::to_chars(end, buffer + sizeof buffer, exponent).ptr;
+  double value = 0;
+  std::from_chars(begin, end, value);  // out of range: ±0 or ±inf, as strtod gives
+  if (std::isinf(value) || value == 0) {
+    value = std::strtod(std::string(begin, end).c_str(), nullptr);
+  }
+  return sign * value;
 }
 
 std::string Decimal::toScientificString() const {
@@ -119,16 +171,16 @@ int Decimal::compare(const Decimal& o) const {
     if (a.mantissa == b.mantissa) return 0;
     return (a.mantissa == 0 ? -1 : 1) * sign;
   }
-  // Compare magnitudes: number of integer digits first, then digit strings.
-  std::string da = digits(a.mantissa), db = digits(b.mantissa);
-  int64_t ma = static_cast<int64_t>(da.size()) + a.exponent;
-  int64_t mb = static_cast<int64_t>(db.size()) + b.exponent;
+  // Compare magnitudes: number of integer digits first, then the mantissas
+  // scaled to the same number of digits (at most 38, so no overflow).
+  const int na = digitCount(a.mantissa), nb = digitCount(b.mantissa);
+  const int64_t ma = na + int64_t{a.exponent};
+  const int64_t mb = nb + int64_t{b.exponent};
   if (ma != mb) return (ma < mb ? -1 : 1) * sign;
-  size_t n = std::max(da.size(), db.size());
-  da.resize(n, '0');
-  db.resize(n, '0');
-  int c = da.compare(db);
-  return (c < 0 ? -1 : c > 0 ? 1 : 0) * sign;
+  uint128_t x = a.mantissa, y = b.mantissa;
+  if (na < nb) x *= powerOfTen(nb - na);
+  if (nb < na) y *= powerOfTen(na - nb);
+  return (x < y ? -1 : x > y ? 1 : 0) * sign;
 }
 
 bool Decimal::operator==(const Decimal& o) const {

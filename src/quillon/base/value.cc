@@ -151,6 +151,19 @@ class Elements {
     return out;
   }
 
+  // Empties the container, destroying the elements only once it is empty
+  // (a destructor may look at it); a few elements wait on the stack.
+  void clear() {
+    constexpr size_t kOnStack = 8;
+    if (size_ > kOnStack) {
+      std::vector<T> old = takeAll();
+      return;
+    }
+    T old[kOnStack];
+    std::move(begin(), end(), old);
+    truncate(0);
+  }
+
  private:
   // Moves the elements to a heap buffer of `capacity`; `appended`, when
   // given, is moved in behind them.
@@ -192,38 +205,67 @@ class HashIndex {
   }
 
   void place(size_t h, uint32_t position) {
+    const uint64_t slot = (uint64_t{static_cast<uint32_t>(h)} << 32) | (uint64_t{position} + 1);
     size_t mask = capacity_ - 1;
     for (size_t s = h & mask;; s = (s + 1) & mask) {
       if (slots_[s] == 0) {
-        slots_[s] = position + 1;
+        slots_[s] = slot;
         return;
       }
     }
   }
 
-  // Calls match(position) on candidates until it answers true.
+  // Calls match(position) on candidates with the same hash until it
+  // answers true. Keeping part of each hash in its slot means a probe past
+  // other keys never touches them.
   template <typename Match>
   std::optional<size_t> lookup(size_t h, Match match) const {
+    const auto fragment = static_cast<uint32_t>(h);
     size_t mask = capacity_ - 1;
     for (size_t s = h & mask;; s = (s + 1) & mask) {
-      uint32_t slot = slots_[s];
+      uint64_t slot = slots_[s];
       if (slot == 0) return std::nullopt;
-      if (match(slot - 1)) return slot - 1;
+      if (static_cast<uint32_t>(slot >> 32) != fragment) continue;
+      size_t position = static_cast<uint32_t>(slot) - 1;
+      if (match(position)) return position;
     }
   }
 
   // Empties the index and sizes it for `count` positions.
   void prepare(size_t count) {
-    size_t capacity = 16;
-    while (capacity < count * 2 + 2) capacity <<= 1;
-    slots_.reset(new uint32_t[capacity]());
-    capacity_ = capacity;
+    slots_.reset(new uint64_t[capacityFor(count)]());
+    capacity_ = capacityFor(count);
+  }
+
+  // Makes room for `count` positions, keeping those placed; the kept part
+  // of each hash is enough to place it again (capacities stay below 2^32).
+  void grow(size_t count) {
+    if (!needsGrowth(count)) return;
+    std::unique_ptr<uint64_t[]> old = std::move(slots_);
+    size_t oldCapacity = capacity_;
+    prepare(count);
+    for (size_t i = 0; i < oldCapacity; ++i) {
+      if (old[i] == 0) continue;
+      size_t mask = capacity_ - 1;
+      for (size_t s = (old[i] >> 32) & mask;; s = (s + 1) & mask) {
+        if (slots_[s] == 0) {
+          slots_[s] = old[i];
+          break;
+        }
+      }
+    }
   }
 
   bool needsGrowth(size_t count) const { return count * 2 + 2 > capacity_; }
 
  private:
-  std::unique_ptr<uint32_t[]> slots_;
+  static size_t capacityFor(size_t count) {
+    size_t capacity = 16;
+    while (capacity < count * 2 + 2) capacity <<= 1;
+    return capacity;
+  }
+
+  std::unique_ptr<uint64_t[]> slots_;  // (hash low 32 bits << 32) | (position + 1); 0 = empty
   size_t capacity_ = 0;
 };
 
@@ -242,8 +284,11 @@ struct SequenceNode final : Node {
   }
 
   std::optional<size_t> find(const Value& v) const {
+    return find(v, index.active() ? v.hash() : 0);
+  }
+  std::optional<size_t> find(const Value& v, size_t h) const {
     if (index.active()) {
-      return index.lookup(v.hash(), [&](size_t i) { return elements[i] == v; });
+      return index.lookup(h, [&](size_t i) { return elements[i] == v; });
     }
     for (size_t i = 0; i < elements.size(); ++i) {
       if (elements[i] == v) return i;
@@ -257,11 +302,23 @@ struct SequenceNode final : Node {
       index.reset();
     }
   }
-  void appended() {
-    if (index.active() && !index.needsGrowth(elements.size())) {
-      index.place(elements.back().hash(), static_cast<uint32_t>(elements.size() - 1));
+  // After appending an element whose hash is `h`.
+  void appended(size_t h) {
+    if (index.active()) {
+      index.grow(elements.size());
+      index.place(h, static_cast<uint32_t>(elements.size() - 1));
     } else if (elements.size() > HashIndex::kThreshold) {
       reindex();
+    }
+  }
+  // Sizes the index for `count` elements ahead of appending them.
+  void reserveIndex(size_t count) {
+    if (count <= HashIndex::kThreshold) return;
+    if (index.active()) {
+      index.grow(count);
+    } else {
+      index.rebuild(elements.size(), [&](size_t i) -> const Value& { return elements[i]; });
+      index.grow(count);
     }
   }
 };
@@ -296,12 +353,22 @@ struct DictionaryNode final : Node {
       index.reset();
     }
   }
-  void appended() {
-    if (index.active() && !index.needsGrowth(entries.size())) {
-      index.place(entries.back().first.hash(), static_cast<uint32_t>(entries.size() - 1));
+  // After appending an entry whose key's hash is `h`.
+  void appended(size_t h) {
+    if (index.active()) {
+      index.grow(entries.size());
+      index.place(h, static_cast<uint32_t>(entries.size() - 1));
     } else if (entries.size() > HashIndex::kThreshold) {
       reindex();
     }
+  }
+  // Sizes the index for `count` entries ahead of adding them.
+  void reserveIndex(size_t count) {
+    if (count <= HashIndex::kThreshold) return;
+    if (!index.active()) {
+      index.rebuild(entries.size(), [&](size_t i) -> const Value& { return entries[i].first; });
+    }
+    index.grow(count);
   }
 };
 
@@ -569,6 +636,14 @@ std::string_view Value::stringOf(const Value& v) {
 Value Value::dictionary(bool isMutable) {
   Value v(Kind::Dictionary);
   v.u_.n = DictionaryNode::create(isMutable, 0);
+  return v;
+}
+
+Value Value::dictionaryWithCapacity(size_t capacity, bool isMutable) {
+  Value v(Kind::Dictionary);
+  auto* n = DictionaryNode::create(isMutable, capacity);
+  v.u_.n = n;
+  n->reserveIndex(capacity);
   return v;
 }
 
@@ -840,9 +915,15 @@ std::span<const Value> Value::elements() const {
 bool Value::append(Value v) {
   if (!isSequence()) throw std::logic_error("Value::append on a non-sequence");
   auto* n = static_cast<SequenceNode*>(u_.n);
-  if (kind_ != Kind::Array && n->find(v)) return false;
+  if (kind_ == Kind::Array) {
+    n->elements.emplaceBack(std::move(v));
+    return true;
+  }
+  // Small sets search without an index and so without hashing.
+  size_t h = n->index.active() ? v.hash() : 0;
+  if (n->find(v, h)) return false;
   n->elements.emplaceBack(std::move(v));
-  if (kind_ != Kind::Array) n->appended();
+  n->appended(h);
   return true;
 }
 
@@ -902,7 +983,7 @@ std::vector<Value> Value::keys() const {
 const Value* Value::find(const Value& key) const {
   if (kind_ != Kind::Dictionary) return nullptr;
   auto* n = static_cast<DictionaryNode*>(u_.n);
-  auto i = n->find(key, key.hash());
+  auto i = n->find(key, n->index.active() ? key.hash() : 0);
   return i ? &n->entries[*i].second : nullptr;
 }
 
@@ -917,7 +998,7 @@ bool operator==(const Value& v, const StringKey& k) { return v.isString() && v.s
 const Value* Value::find(std::string_view key) const {
   if (kind_ != Kind::Dictionary) return nullptr;
   auto* n = static_cast<DictionaryNode*>(u_.n);
-  auto i = n->find(StringKey{key}, hashString(key));
+  auto i = n->find(StringKey{key}, n->index.active() ? hashString(key) : 0);
   return i ? &n->entries[*i].second : nullptr;
 }
 
@@ -938,19 +1019,20 @@ void Value::set(Value key, Value v) {
     return;
   }
   auto* n = static_cast<DictionaryNode*>(u_.n);
-  size_t h = key.hash();
+  // Small dictionaries search without an index and so without hashing.
+  size_t h = n->index.active() ? key.hash() : 0;
   if (auto i = n->find(key, h)) {
     n->entries[*i].second = std::move(v);
     return;
   }
   n->entries.emplaceBack(std::move(key), std::move(v));
-  n->appended();
+  n->appended(h);
 }
 
 bool Value::erase(const Value& key) {
   if (kind_ != Kind::Dictionary) return false;
   auto* n = static_cast<DictionaryNode*>(u_.n);
-  auto i = n->find(key, key.hash());
+  auto i = n->find(key, n->index.active() ? key.hash() : 0);
   if (!i) return false;
   n->entries.erase(*i);
   n->reindex();
@@ -960,20 +1042,24 @@ bool Value::erase(const Value& key) {
 void Value::clear() {
   if (isSequence()) {
     auto* n = static_cast<SequenceNode*>(u_.n);
-    std::vector<Value> old = n->elements.takeAll();  // destroyed after the node is consistent
     n->index.reset();
+    n->elements.clear();
   } else if (kind_ == Kind::Dictionary) {
     auto* n = static_cast<DictionaryNode*>(u_.n);
-    std::vector<Entry> old = n->entries.takeAll();
     n->index.reset();
+    n->entries.clear();
   }
 }
 
 void Value::reserve(size_t count) {
   if (isSequence()) {
-    static_cast<SequenceNode*>(u_.n)->elements.reserve(count);
+    auto* n = static_cast<SequenceNode*>(u_.n);
+    n->elements.reserve(count);
+    if (kind_ != Kind::Array) n->reserveIndex(count);
   } else if (kind_ == Kind::Dictionary) {
-    static_cast<DictionaryNode*>(u_.n)->entries.reserve(count);
+    auto* n = static_cast<DictionaryNode*>(u_.n);
+    n->entries.reserve(count);
+    n->reserveIndex(count);
   }
 }
 

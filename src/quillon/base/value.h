@@ -158,6 +158,9 @@ class Value {
   static Value array(std::vector<Value>&& elements, bool isMutable = false);
   static Value mutableArray() { return array(true); }
   static Value dictionary(bool isMutable = false);
+  // An empty dictionary whose first `capacity` entries need no further
+  // allocation (and whose index, for many entries, is sized for them).
+  static Value dictionaryWithCapacity(size_t capacity, bool isMutable = false);
   static Value dictionary(std::initializer_list<Entry> entries, bool isMutable = false);
   // Takes the entries in order without copying them; a repeated key keeps its
   // first position and its last value, and entries with a nil value are

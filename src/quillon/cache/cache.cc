@@ -524,21 +524,20 @@ std::shared_ptr<QuillonCacheItem> QuillonCache::itemInShard(
 }
 
 std::vector<QuillonCache::CachedItem> QuillonCache::cachedItemsForEntity(
-    const EntityDescription& entity) {
+    const EntityDescription& entity, bool withItems) {
   std::vector<CachedItem> answer;
   std::shared_ptr<QuillonCacheSet> set = cacheForEntityUIDs(entity.name());
   if (!set) return answer;
-  // The set's own content, not a copy: it is copied only if changed meanwhile.
-  const Value uids = set->content();
-  answer.reserve(uids.size());
   // Positions in `answer` by shard key, so each shard is visited once.
   std::unordered_map<std::string, std::vector<size_t>> byShard;
-  for (const Value& uid : uids.elements()) {
-    if (!uid.isString() || uid.str().empty()) continue;
-    std::string key = storeKeyFor(entity.name(), uid.str());
-    byShard[key].push_back(answer.size());
-    answer.push_back(CachedItem{uid, nullptr});
-  }
+  set->readContent([&](const Value& uids) {
+    answer.reserve(uids.size());
+    for (const Value& uid : uids.elements()) {
+      if (!uid.isString() || uid.str().empty()) continue;
+      if (withItems) byShard[storeKeyFor(entity.name(), uid.str())].push_back(answer.size());
+      answer.push_back(CachedItem{uid, nullptr});
+    }
+  });
   for (const auto& [key, positions] : byShard) {
     if (!isSafePathComponent(key)) continue;
     std::shared_ptr<QuillonCacheDictionary> shard = shardForKey(key);

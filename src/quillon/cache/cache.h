@@ -113,14 +113,15 @@ class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
 
   // ---- Values ----
   // The entity's known uids, in the uid set's order, each with the item its
-  // shard holds (null when the shard has none; nothing is loaded from the
-  // package). Each shard is locked and read once, so this is the way to
-  // visit many objects.
+  // shard holds (null when the shard has none, or without `withItems`;
+  // nothing is loaded from the package). Each shard is locked and read
+  // once, so this is the way to visit many objects.
   struct CachedItem {
     Value uid;
     std::shared_ptr<QuillonCacheItem> item;
   };
-  std::vector<CachedItem> cachedItemsForEntity(const EntityDescription& entity);
+  std::vector<CachedItem> cachedItemsForEntity(const EntityDescription& entity,
+                                               bool withItems = true);
   std::shared_ptr<QuillonCacheItem> cacheItemForObjectID(const ManagedObjectIDPtr& objectID);
   std::shared_ptr<QuillonCacheItem> cacheItemForObjectID(const ManagedObjectIDPtr& objectID,
                                                          ManagedObjectContext* context);

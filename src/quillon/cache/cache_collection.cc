@@ -162,23 +162,15 @@ void QuillonCacheDictionary::removeObjectForKey(const std::string& key) {
   invalid_ = true;
 }
 
-// ---- Array ----
+// ---- Arrays and sets ----
 
-std::shared_ptr<QuillonCacheArray> QuillonCacheArray::arrayWithStore(QuillonStore* store, Url url) {
-  return std::make_shared<QuillonCacheArray>(store, std::move(url));
-}
-
-void QuillonCacheArray::initContent() { setContent(Value::mutableArray()); }
-
-Value QuillonCacheArray::content() { return QuillonCacheCollection::content(); }
-
-void QuillonCacheArray::setContent(Value content) {
+void QuillonCacheSequence::setContent(Value content) {
   std::lock_guard lock(mutex_);
   QuillonCacheCollection::setContent(std::move(content));
   invalid_ = true;
 }
 
-void QuillonCacheArray::addObject(Value value) {
+void QuillonCacheSequence::addObject(Value value) {
   std::lock_guard lock(mutex_);
   loadIfNeeded();
   prepareForChange();
@@ -186,7 +178,7 @@ void QuillonCacheArray::addObject(Value value) {
   invalid_ = true;
 }
 
-void QuillonCacheArray::addObjects(const Value& array) {
+void QuillonCacheSequence::addObjects(const Value& array) {
   std::lock_guard lock(mutex_);
   loadIfNeeded();
   prepareForChange();
@@ -195,7 +187,7 @@ void QuillonCacheArray::addObjects(const Value& array) {
   invalid_ = true;
 }
 
-void QuillonCacheArray::removeObject(const Value& value) {
+void QuillonCacheSequence::removeObject(const Value& value) {
   std::lock_guard lock(mutex_);
   loadIfNeeded();
   prepareForChange();
@@ -203,7 +195,7 @@ void QuillonCacheArray::removeObject(const Value& value) {
   invalid_ = true;
 }
 
-void QuillonCacheArray::removeObjects(const Value& array) {
+void QuillonCacheSequence::removeObjects(const Value& array) {
   std::lock_guard lock(mutex_);
   loadIfNeeded();
   prepareForChange();
@@ -211,21 +203,17 @@ void QuillonCacheArray::removeObjects(const Value& array) {
   invalid_ = true;
 }
 
-// ---- Set ----
+std::shared_ptr<QuillonCacheArray> QuillonCacheArray::arrayWithStore(QuillonStore* store, Url url) {
+  return std::make_shared<QuillonCacheArray>(store, std::move(url));
+}
+
+void QuillonCacheArray::initContent() { setContent(Value::mutableArray()); }
 
 std::shared_ptr<QuillonCacheSet> QuillonCacheSet::setWithStore(QuillonStore* store, Url url) {
   return std::make_shared<QuillonCacheSet>(store, std::move(url));
 }
 
 void QuillonCacheSet::initContent() { setContent(Value::mutableSet()); }
-
-Value QuillonCacheSet::content() { return QuillonCacheCollection::content(); }
-
-void QuillonCacheSet::setContent(Value content) {
-  std::lock_guard lock(mutex_);
-  QuillonCacheCollection::setContent(std::move(content));
-  invalid_ = true;
-}
 
 Value QuillonCacheSet::loadTransformer(const Value& value) {
   if (!value.isArray() && !value.isSet()) return Value();
@@ -238,38 +226,6 @@ Value QuillonCacheSet::loadTransformer(const Value& value) {
 Value QuillonCacheSet::saveTransformer(const Value& value) {
   std::vector<Value> members(value.elements().begin(), value.elements().end());
   return Value::array(std::move(members));
-}
-
-void QuillonCacheSet::addObject(Value value) {
-  std::lock_guard lock(mutex_);
-  loadIfNeeded();
-  prepareForChange();
-  content_.append(std::move(value));
-  invalid_ = true;
-}
-
-void QuillonCacheSet::addObjects(const Value& array) {
-  std::lock_guard lock(mutex_);
-  loadIfNeeded();
-  prepareForChange();
-  for (const Value& member : array.elements()) content_.append(member);
-  invalid_ = true;
-}
-
-void QuillonCacheSet::removeObject(const Value& value) {
-  std::lock_guard lock(mutex_);
-  loadIfNeeded();
-  prepareForChange();
-  content_.remove(value);
-  invalid_ = true;
-}
-
-void QuillonCacheSet::removeObjects(const Value& array) {
-  std::lock_guard lock(mutex_);
-  loadIfNeeded();
-  prepareForChange();
-  for (const Value& member : array.elements()) content_.remove(member);
-  invalid_ = true;
 }
 
 }  // namespace quillon

@@ -92,17 +92,24 @@ class QuillonCacheDictionary final : public QuillonCacheCollection {
   bool acceptsLoadedValue(const Value& value) const override { return value.isDictionary(); }
 };
 
-// An array file: the change log.
-class QuillonCacheArray final : public QuillonCacheCollection {
+// What the array and set files share: members added and removed, each
+// change loading the content first and marking the file dirty, as setting
+// the whole content does.
+class QuillonCacheSequence : public QuillonCacheCollection {
  public:
-  static std::shared_ptr<QuillonCacheArray> arrayWithStore(QuillonStore* store, Url url);
   using QuillonCacheCollection::QuillonCacheCollection;
   void addObject(Value value);
   void addObjects(const Value& array);
   void removeObject(const Value& value);
   void removeObjects(const Value& array);
-  Value content() override;
   void setContent(Value content) override;
+};
+
+// An array file: the change log.
+class QuillonCacheArray final : public QuillonCacheSequence {
+ public:
+  static std::shared_ptr<QuillonCacheArray> arrayWithStore(QuillonStore* store, Url url);
+  using QuillonCacheSequence::QuillonCacheSequence;
 
  protected:
   void initContent() override;
@@ -110,16 +117,10 @@ class QuillonCacheArray final : public QuillonCacheCollection {
 };
 
 // A set file, stored as an array of its members: an entity's uids.
-class QuillonCacheSet final : public QuillonCacheCollection {
+class QuillonCacheSet final : public QuillonCacheSequence {
  public:
   static std::shared_ptr<QuillonCacheSet> setWithStore(QuillonStore* store, Url url);
-  using QuillonCacheCollection::QuillonCacheCollection;
-  void addObject(Value value);
-  void addObjects(const Value& array);
-  void removeObject(const Value& value);
-  void removeObjects(const Value& array);
-  Value content() override;
-  void setContent(Value content) override;
+  using QuillonCacheSequence::QuillonCacheSequence;
 
  protected:
   void initContent() override;

@@ -178,8 +178,8 @@ void QuillonCacheItem::updateValues(const Value& values, const EntityDescription
       Value value;
       if (const Value* stored = entry.find("value"); stored && !stored->isNil()) {
         try {
-          value = QuillonValueTransformerForAttribute(*attribute, version)
-                      ->transformedValue(*stored);
+          value =
+              QuillonValueTransformerForAttribute(*attribute, version)->transformedValue(*stored);
         } catch (const Exception&) {
           value = Value();
         }
@@ -229,92 +229,71 @@ Value QuillonCacheItem::attributesForObjectID(const ManagedObjectIDPtr& /*object
   return attributes();
 }
 
-Value QuillonCacheItem::valuesForObjectID(const ManagedObjectIDPtr& objectID, QuillonStore* store,
-                                          ManagedObjectContext* /*context*/) {
-  Value attributes, relations, data, toOne, parsedData;
-  uint64_t generation;
+QuillonCacheItem::Forms QuillonCacheItem::forms(const ManagedObjectIDPtr& objectID,
+                                                QuillonStore* store, bool withToMany,
+                                                bool withData) {
+  Forms forms;
+  Value relations, data;
   {
     std::lock_guard lock(mutex_);
-    attributes = attributes_;
+    forms.attributes = attributes_;
     relations = relations_;
     data = data_;
-    toOne = parsedToOneRelations_;
-    parsedData = parsedData_;
-    generation = generation_;
+    forms.toOne = parsedToOneRelations_;
+    forms.toMany = parsedToManyRelations_;
+    forms.data = parsedData_;
+    forms.generation = generation_;
   }
-  if (toOne.isNil()) {
-    toOne = parseRelations(relations, objectID, store, false);
-    installIfCurrent(&QuillonCacheItem::parsedToOneRelations_, toOne, generation);
+  if (forms.toOne.isNil()) {
+    forms.toOne = parseRelations(relations, objectID, store, false);
+    installIfCurrent(&QuillonCacheItem::parsedToOneRelations_, forms.toOne, forms.generation);
   }
-  if (parsedData.isNil()) {
-    parsedData = parseData(data, objectID, store);
-    installIfCurrent(&QuillonCacheItem::parsedData_, parsedData, generation);
+  if (withToMany && forms.toMany.isNil()) {
+    forms.toMany = parseRelations(relations, objectID, store, true);
+    installIfCurrent(&QuillonCacheItem::parsedToManyRelations_, forms.toMany, forms.generation);
   }
-  Value values = mutableCopyOrNew(attributes);
-  mergeInto(values, toOne);
-  mergeInto(values, parsedData);
+  if (withData && forms.data.isNil()) {
+    forms.data = parseData(data, objectID, store);
+    installIfCurrent(&QuillonCacheItem::parsedData_, forms.data, forms.generation);
+  }
+  return forms;
+}
+
+Value QuillonCacheItem::valuesForObjectID(const ManagedObjectIDPtr& objectID, QuillonStore* store,
+                                          ManagedObjectContext* /*context*/) {
+  Forms parsed = forms(objectID, store, false, true);
+  Value values = mutableCopyOrNew(parsed.attributes);
+  mergeInto(values, parsed.toOne);
+  mergeInto(values, parsed.data);
   return values;
 }
 
 Value QuillonCacheItem::allValuesForObjectID(const ManagedObjectIDPtr& objectID,
                                              QuillonStore* store,
                                              ManagedObjectContext* /*context*/) {
-  Value attributes, relations, data, toOne, toMany, parsedData;
-  uint64_t generation;
   {
     std::lock_guard lock(mutex_);
     if (!dictionary_.isNil()) return dictionary_;
-    attributes = attributes_;
-    relations = relations_;
-    data = data_;
-    toOne = parsedToOneRelations_;
-    toMany = parsedToManyRelations_;
-    parsedData = parsedData_;
-    generation = generation_;
   }
-  if (toOne.isNil()) {
-    toOne = parseRelations(relations, objectID, store, false);
-    installIfCurrent(&QuillonCacheItem::parsedToOneRelations_, toOne, generation);
-  }
-  if (toMany.isNil()) {
-    toMany = parseRelations(relations, objectID, store, true);
-    installIfCurrent(&QuillonCacheItem::parsedToManyRelations_, toMany, generation);
-  }
-  if (parsedData.isNil()) {
-    parsedData = parseData(data, objectID, store);
-    installIfCurrent(&QuillonCacheItem::parsedData_, parsedData, generation);
-  }
-  Value values = mutableCopyOrNew(attributes);
-  mergeInto(values, toOne);
-  mergeInto(values, toMany);
-  mergeInto(values, parsedData);
-  installIfCurrent(&QuillonCacheItem::dictionary_, values, generation);
+  Forms parsed = forms(objectID, store, true, true);
+  Value values = mutableCopyOrNew(parsed.attributes);
+  mergeInto(values, parsed.toOne);
+  mergeInto(values, parsed.toMany);
+  mergeInto(values, parsed.data);
+  installIfCurrent(&QuillonCacheItem::dictionary_, values, parsed.generation);
   return values;
 }
 
 Value QuillonCacheItem::valueForKey(std::string_view key, const ManagedObjectIDPtr& objectID,
                                     QuillonStore* store, ManagedObjectContext* /*context*/) {
-  Value relations, toOne, toMany;
-  uint64_t generation;
   {
     std::lock_guard lock(mutex_);
     if (const Value* attribute = attributes_.find(key)) return *attribute;
-    relations = relations_;
-    toOne = parsedToOneRelations_;
-    toMany = parsedToManyRelations_;
-    generation = generation_;
   }
   if (!objectID || !objectID->entity() || !objectID->entity()->relationship(key)) return Value();
-  if (toOne.isNil()) {
-    toOne = parseRelations(relations, objectID, store, false);
-    installIfCurrent(&QuillonCacheItem::parsedToOneRelations_, toOne, generation);
-  }
-  if (toMany.isNil()) {
-    toMany = parseRelations(relations, objectID, store, true);
-    installIfCurrent(&QuillonCacheItem::parsedToManyRelations_, toMany, generation);
-  }
-  if (const Value* one = toOne.find(key)) return *one;
-  return toMany.get(key);
+  Forms parsed = forms(objectID, store, true, false);
+  if (const Value* one = parsed.toOne.find(key)) return *one;
+  return parsed.toMany.get(key);
 }
 
 Value QuillonCacheItem::parseDataForObjectID(const ManagedObjectIDPtr& objectID,

@@ -75,6 +75,15 @@ class QuillonCacheItem final : public Object, public DCNSCoding {
   void encodeWithCoder(DCNSCoder& coder) const override;
 
  private:
+  // A consistent view of the stored fields with their parsed forms.
+  struct Forms {
+    Value attributes, toOne, toMany, data;
+    uint64_t generation = 0;
+  };
+  // The view, parsing (and keeping) the to-one relations and, when asked
+  // for, the to-many relations and external data not parsed yet.
+  Forms forms(const ManagedObjectIDPtr& objectID, QuillonStore* store, bool withToMany,
+              bool withData);
   // Installs a parsed or memoised form unless an update came in meanwhile.
   void installIfCurrent(Value QuillonCacheItem::*field, Value value, uint64_t generation);
   Value snapshot(const Value QuillonCacheItem::*field) const;

@@ -44,9 +44,8 @@ std::shared_ptr<QuillonStore> lockStore(const std::weak_ptr<IncrementalStore>& w
 }
 
 Value menuItem(std::string_view title, std::string_view action, const Url& url) {
-  return Value::dictionary({{"title", Value(title)},
-                            {"action", Value(action)},
-                            {"URL", Value(url.absoluteString())}});
+  return Value::dictionary(
+      {{"title", Value(title)}, {"action", Value(action)}, {"URL", Value(url.absoluteString())}});
 }
 
 Value ignoreItem(const Url& changeURL) {
@@ -137,8 +136,8 @@ void QuillonStore::updateChanges() {
     if (success && self->cache().changeLog()) {
       double seconds =
           std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-      self->log(fmt::format("File: {} up to date after {:.2f} seconds",
-                            self->documentIdentifier(), seconds),
+      self->log(fmt::format("File: {} up to date after {:.2f} seconds", self->documentIdentifier(),
+                            seconds),
                 kQuillonLogTypeSuccess);
       self->log(fmt::format("Checksum: {}", self->checkSum()), kQuillonLogTypeSuccess);
     } else if (success) {
@@ -234,13 +233,13 @@ void QuillonStore::applyChangeFiles(std::shared_ptr<QuillonStore> self,
     } else if (reading.outcome != ChangeFileReading::kRead) {
       if (reading.outcome == ChangeFileReading::kUndecryptable) {
         store.log(fmt::format("Could not decrypt change file: {}", shown), kQuillonLogTypeWarning,
-            ignoreMenu);
+                  ignoreMenu);
       }
       Value menu = Value::array({ignoreItem(fileURL), showItem(fileURL)});
       store.log(fmt::format("Incomplete change file: {}", shown), kQuillonLogTypeWarning, menu);
       if (reading.outcome == ChangeFileReading::kInvalid) {
         store.log(fmt::format("Refused change file: {}: {}", shown, reading.problem),
-            kQuillonLogTypeWarning, menu);
+                  kQuillonLogTypeWarning, menu);
       }
       pass->hadError = true;
       if (!recovering) break;
@@ -252,7 +251,8 @@ void QuillonStore::applyChangeFiles(std::shared_ptr<QuillonStore> self,
       if (previous.isString()) {
         const Value& ownName = change.get("name");
         if (ownName.isString() && ownName.str() < previous.str()) {
-          store.log(fmt::format("Date inconsistency in change file: {}. Use the menu File/Save as and "
+          store.log(
+              fmt::format("Date inconsistency in change file: {}. Use the menu File/Save as and "
                           "create a new file.",
                           ownName.str()),
               kQuillonLogTypeError);
@@ -261,10 +261,10 @@ void QuillonStore::applyChangeFiles(std::shared_ptr<QuillonStore> self,
         // The reader has checked that the name is one path component.
         const Url previousURL = changes.appending(previous.str());
         if (!store.env()->exists(previousURL.path())) {
-          Value menu = Value::array({menuItem("Ignore", "insertChangeFromMenu:", previousURL),
-                                     showItem(previousURL)});
+          Value menu = Value::array(
+              {menuItem("Ignore", "insertChangeFromMenu:", previousURL), showItem(previousURL)});
           store.log(fmt::format("Missing change file: {}", previous.str()), kQuillonLogTypeWarning,
-              menu);
+                    menu);
           pass->hadError = true;
           if (!recovering) break;
         }
@@ -295,15 +295,14 @@ void QuillonStore::applyChangeFiles(std::shared_ptr<QuillonStore> self,
         }
       } catch (const std::exception& e) {
         store.log(fmt::format("Could not merge change file: {}: {}", shown, e.what()),
-            kQuillonLogTypeWarning);
+                  kQuillonLogTypeWarning);
       }
     }
     MainQueue::async([self, change, loaded] { self->cache().addExternalChange(change, loaded); });
   }
 
-  MainQueue::async([self, pass] {
-    self->refreshInsertedObjects(pass->inserts, pass->updates, pass->deletes);
-  });
+  MainQueue::async(
+      [self, pass] { self->refreshInsertedObjects(pass->inserts, pass->updates, pass->deletes); });
   MainQueue::async([self = std::move(self), pass, recovering] {
     self->hasRemoteFiles_.store(pass->remoteFiles);
     pass->completion(recovering || (!pass->hadError && !pass->remoteFiles));

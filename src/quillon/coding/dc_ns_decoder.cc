@@ -252,13 +252,17 @@ Value DCNSDecoder::readValue() {
       case kObject16:
       case kObject32:
       case kCodedObject:
-      case kKeyedArchive: cannotDecode(code);
-      default: break;
+      case kKeyedArchive:
+        cannotDecode(code);
+      default:
+        break;
     }
   }
   switch (code) {
-    case kNil: return Value();
-    case kNull: return Value::null();
+    case kNil:
+      return Value();
+    case kNull:
+      return Value::null();
     case kAlias8:
     case kAlias16:
     case kAlias32: {
@@ -287,27 +291,39 @@ Value DCNSDecoder::readValue() {
       objectCache_.push_back(s);
       return s;
     }
-    case kDictionary: return readDictionary(false);
-    case kMutableDictionary: return readDictionary(true);
+    case kDictionary:
+      return readDictionary(false);
+    case kMutableDictionary:
+      return readDictionary(true);
     case kArray:
     case kSet:
     case kOrderedSet:
     case kMutableArray:
     case kMutableSet:
-    case kMutableOrderedSet: return readSequence(code);
-    case kTrue: return Value::boolean(true);
-    case kFalse: return Value::boolean(false);
-    case kInt8: return Value::integer(static_cast<int8_t>(read8()));
-    case kInt16: return Value::integer(readAligned<int16_t>());
-    case kInt32: return Value::integer(readAligned<int32_t>());
-    case kInt64: return Value::integer(readAligned<int64_t>());
-    case kFloat32: return Value::float32(readAligned<float>());
-    case kFloat64: return Value::float64(readAligned<double>());
+    case kMutableOrderedSet:
+      return readSequence(code);
+    case kTrue:
+      return Value::boolean(true);
+    case kFalse:
+      return Value::boolean(false);
+    case kInt8:
+      return Value::integer(static_cast<int8_t>(read8()));
+    case kInt16:
+      return Value::integer(readAligned<int16_t>());
+    case kInt32:
+      return Value::integer(readAligned<int32_t>());
+    case kInt64:
+      return Value::integer(readAligned<int64_t>());
+    case kFloat32:
+      return Value::float32(readAligned<float>());
+    case kFloat64:
+      return Value::float64(readAligned<double>());
     case kData:
     case kMutableData: {
       uint32_t length = readAligned<uint32_t>();
       need(offset_, length);
-      Value data = Value::data(std::span<const uint8_t>(input_ + offset_, length), code == kMutableData);
+      Value data =
+          Value::data(std::span<const uint8_t>(input_ + offset_, length), code == kMutableData);
       offset_ = std::min(total_, (offset_ + length + 3) & ~size_t{3});
       objectCache_.push_back(data);
       return data;
@@ -322,10 +338,14 @@ Value DCNSDecoder::readValue() {
       objectCache_.push_back(date);
       return date;
     }
-    case kClassDefinition: return readClassDefinition();
-    case kObject8: return readObjectInstance(read8());
-    case kObject16: return readObjectInstance(readAligned<uint16_t>());
-    case kObject32: return readObjectInstance(readAligned<uint32_t>());
+    case kClassDefinition:
+      return readClassDefinition();
+    case kObject8:
+      return readObjectInstance(read8());
+    case kObject16:
+      return readObjectInstance(readAligned<uint16_t>());
+    case kObject32:
+      return readObjectInstance(readAligned<uint32_t>());
     case kUrl: {
       // The parts may be nil even where the property-list readers refuse a nil value.
       Value relative = readOptionalValue();
@@ -365,13 +385,20 @@ Value DCNSDecoder::readValue() {
       for (double& d : m) d = readAligned<double>();
       return DCGeometryValue::readTransform3D(m);
     }
-    case kMutableIndexSet: return readIndexSet(true);
-    case kIndexSet: return readIndexSet(false);
-    case kCodedObject: return readCodedObject();
-    case kDecimal: return readDecimal();
-    case kOne: return Value::integer(1);
-    case kZero: return Value::integer(0);
-    default: cannotDecode(code);  // keyed archives are not supported
+    case kMutableIndexSet:
+      return readIndexSet(true);
+    case kIndexSet:
+      return readIndexSet(false);
+    case kCodedObject:
+      return readCodedObject();
+    case kDecimal:
+      return readDecimal();
+    case kOne:
+      return Value::integer(1);
+    case kZero:
+      return Value::integer(0);
+    default:
+      cannotDecode(code);  // keyed archives are not supported
   }
 }
 
@@ -408,8 +435,7 @@ Value DCNSDecoder::readDictionary(bool isMutable) {
 // A mutable container enters the object table before its contents, so that
 // it may contain itself; an immutable one after them, as the writer numbers
 // them.
-Value DCNSDecoder::fillSequence(Value container, bool isMutable, uint32_t count,
-                                ValueReader read) {
+Value DCNSDecoder::fillSequence(Value container, bool isMutable, uint32_t count, ValueReader read) {
   container.reserve(count);
   if (isMutable) {
     objectCache_.push_back(container);
@@ -426,8 +452,7 @@ Value DCNSDecoder::fillSequence(Value container, bool isMutable, uint32_t count,
 
 // Entries stand value first, then key; an entry whose value is nil is dropped.
 Value DCNSDecoder::fillDictionary(bool isMutable, uint32_t count, ValueReader read) {
-  Value dictionary = Value::dictionary(isMutable);
-  dictionary.reserve(count);
+  Value dictionary = Value::dictionaryWithCapacity(count, isMutable);
   if (isMutable) {
     objectCache_.push_back(dictionary);
     openContainers_.push_back(dictionary.identity());
@@ -513,11 +538,19 @@ Value DCNSDecoder::makeObject(ClassRecord& record, Value properties) {
 
 const DCNSCoding::Factory* DCNSDecoder::factoryFor(std::string_view className) {
   if (!makesRegisteredObjects_) return nullptr;
+  // Objects of one class come one after another, their class name read back
+  // as the same text each time.
+  if (lastFactory_.first == className) return lastFactory_.second;
   std::string name(className);
   auto it = factories_.find(name);
-  if (it != factories_.end()) return it->second;
-  const DCNSCoding::Factory* f = DCNSCoding::factoryForClass(className);
-  factories_.emplace(std::move(name), f);
+  const DCNSCoding::Factory* f = nullptr;
+  if (it != factories_.end()) {
+    f = it->second;
+  } else {
+    f = DCNSCoding::factoryForClass(className);
+    it = factories_.emplace(std::move(name), f).first;
+  }
+  lastFactory_ = {it->first, f};
   return f;
 }
 
@@ -557,8 +590,8 @@ Value DCNSDecoder::readCodedProperties(bool legacy) {
 Value DCNSDecoder::finishCodedObject(const Value& className, Value properties) {
   const DCNSCoding::Factory* factory = factoryFor(className.str());
   if (!factory) {
-    return Value::object(std::make_shared<GenericObject>(std::string(className.str()),
-                                                         std::move(properties)));
+    return Value::object(
+        std::make_shared<GenericObject>(std::string(className.str()), std::move(properties)));
   }
   Value saved = std::move(properties_);
   properties_ = properties;
@@ -588,8 +621,7 @@ Value DCNSDecoder::readUrl(Value relative, Value base) {
     cannotDecode(kUrl);
   }
   if (relative.isNil()) return Value();
-  std::optional<Url> url =
-      Url::parse(relative.str(), base.isUrl() ? &base.urlValue() : nullptr);
+  std::optional<Url> url = Url::parse(relative.str(), base.isUrl() ? &base.urlValue() : nullptr);
   return url ? Value::url(std::move(*url)) : Value();
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "quillon/base/value.h"
@@ -159,6 +160,8 @@ class DCNSDecoder {
   // Version 2: object-table index of a class definition → classCache_ index.
   std::unordered_map<size_t, size_t> legacyClasses_;
   std::unordered_map<std::string, const DCNSCoding::Factory*> factories_;
+  // The class last looked up (its name is a key of factories_) and its factory.
+  std::pair<std::string_view, const DCNSCoding::Factory*> lastFactory_{};
   // Mutable containers whose contents are still being read.
   std::vector<const void*> openContainers_;
   uint64_t compareWork_ = 0;

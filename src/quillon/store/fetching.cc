@@ -11,7 +11,6 @@
 #include "quillon/base/json.h"
 #include "quillon/base/system_log.h"
 #include "quillon/cache/cache.h"
-#include "quillon/cache/cache_collection.h"
 #include "quillon/cache/cache_item.h"
 #include "quillon/coding/url_utils.h"
 #include "quillon/graph/entity_description.h"
@@ -48,8 +47,8 @@ bool hasUID(const ManagedObjectIDPtr& objectID) {
 
 }  // namespace
 
-QuillonLoadingIssue QuillonLoadingIssue::loadingIssueWithType(std::string_view type,
-                                                              const Url& url, Value value) {
+QuillonLoadingIssue QuillonLoadingIssue::loadingIssueWithType(std::string_view type, const Url& url,
+                                                              Value value) {
   QuillonLoadingIssue issue;
   issue.dictionary_ = Value::dictionary(true);
   issue.dictionary_.set(Value::string("type"), Value::string(type));
@@ -84,24 +83,15 @@ Value QuillonStore::executeFetchRequest(const FetchRequest& request,
     for (const EntityDescription* e : searched) cache_->loadCachesForEntity(*e);
   }
 
-  const bool needValues = predicate || !request.sortDescriptors().empty() ||
-                          type == FetchRequestResultType::Dictionary;
+  const bool needValues =
+      predicate || !request.sortDescriptors().empty() || type == FetchRequestResultType::Dictionary;
   int64_t count = 0;
   std::vector<Value> items;
   for (const EntityDescription* e : searched) {
-    std::vector<QuillonCache::CachedItem> entries;
-    if (needValues) {
-      entries = cache_->cachedItemsForEntity(*e);
-    } else if (std::shared_ptr<QuillonCacheSet> set = cache_->cacheForEntityUIDs(e->name())) {
-      const Value uids = set->content();
-      if (counting) {
-        count += static_cast<int64_t>(uids.size());
-        continue;
-      }
-      entries.reserve(uids.size());
-      for (const Value& uid : uids.elements()) {
-        if (uid.isString() && !uid.str().empty()) entries.push_back({uid, nullptr});
-      }
+    std::vector<QuillonCache::CachedItem> entries = cache_->cachedItemsForEntity(*e, needValues);
+    if (counting && !predicate) {
+      count += static_cast<int64_t>(entries.size());
+      continue;
     }
     items.reserve(items.size() + entries.size());
     for (QuillonCache::CachedItem& entry : entries) {
@@ -198,7 +188,8 @@ std::shared_ptr<QuillonCacheItem> QuillonStore::loadValuesForEntity(
   for (const Url& url : files) {
     const std::string path = url.path();
     if (!QuillonIsOnDisk(path, env_)) {
-      addLoadingIssue(QuillonLoadingIssue::loadingIssueWithType(kQuillonLoadingIssueRemoteFile, url));
+      addLoadingIssue(
+          QuillonLoadingIssue::loadingIssueWithType(kQuillonLoadingIssueRemoteFile, url));
       return nullptr;
     }
     stored.clear();
@@ -208,7 +199,8 @@ std::shared_ptr<QuillonCacheItem> QuillonStore::loadValuesForEntity(
       return nullptr;
     }
     if (stored.empty()) {
-      addLoadingIssue(QuillonLoadingIssue::loadingIssueWithType(kQuillonLoadingIssueEmptyFile, url));
+      addLoadingIssue(
+          QuillonLoadingIssue::loadingIssueWithType(kQuillonLoadingIssueEmptyFile, url));
       return nullptr;
     }
     plain.clear();
@@ -256,7 +248,8 @@ void QuillonStore::resetAttributesForManagedObject(ManagedObject& object) {
   }
 }
 
-Value QuillonStore::changesDictionaryForObjectIDs(const std::vector<ManagedObjectIDPtr>& objectIDs) {
+Value QuillonStore::changesDictionaryForObjectIDs(
+    const std::vector<ManagedObjectIDPtr>& objectIDs) {
   Value changes = Value::dictionary(true);
   for (const ManagedObjectIDPtr& objectID : objectIDs) {
     if (!objectID || !objectID->entity()) continue;
