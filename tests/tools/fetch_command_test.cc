@@ -68,6 +68,12 @@ TEST_F(FetchCommandTest, PrintsObjectsWithEveryPropertyInResultOrderOrTheirCount
 
   ToolRun run = fetch("Note --sort priority:desc --limit 2");
   ASSERT_EQ(run.status, 0) << run.err;
+  // The framework's developer messages show only when asked for.
+  EXPECT_EQ(run.err, "");
+  ToolRun verbose = testing::runTool(
+      dir_, "-v fetch '" + package() + "' --model '" + dir_.file("model.json") + "' Note");
+  ASSERT_EQ(verbose.status, 0) << verbose.err;
+  EXPECT_NE(verbose.err.find("Quillon: "), std::string::npos);
   Error error;
   Value results = readJSON(run.out, &error);
   ASSERT_TRUE(results.isArray()) << error.localizedDescription() << run.out;

@@ -693,17 +693,20 @@ void QuillonCache::resetExtraDataForObjectID(const ManagedObjectIDPtr& objectID)
 
 // ---- Saving and maintenance ----
 
-void QuillonCache::save() {
-  if (!url_.isEmpty()) store_->env()->createDirectories(url_.path());
+std::vector<std::shared_ptr<QuillonCacheCollection>> QuillonCache::shardsAndUIDSets() const {
   std::vector<std::shared_ptr<QuillonCacheCollection>> all;
   {
     std::lock_guard lock(entitiesMutex_);
     for (const auto& [key, shard] : entities_) all.push_back(shard);
   }
-  {
-    std::lock_guard lock(uidsMutex_);
-    for (const auto& [key, set] : uids_) all.push_back(set);
-  }
+  std::lock_guard lock(uidsMutex_);
+  for (const auto& [key, set] : uids_) all.push_back(set);
+  return all;
+}
+
+void QuillonCache::save() {
+  if (!url_.isEmpty()) store_->env()->createDirectories(url_.path());
+  std::vector<std::shared_ptr<QuillonCacheCollection>> all = shardsAndUIDSets();
   for (auto& collection : all) {
     // Clean collections would only take a queue slot to find nothing to do.
     if (!collection->invalid()) continue;
@@ -715,15 +718,7 @@ void QuillonCache::save() {
 
 void QuillonCache::saveInBundle() {
   store_->env()->createDirectories(store_->cacheURL().path());
-  std::vector<std::shared_ptr<QuillonCacheCollection>> all;
-  {
-    std::lock_guard lock(entitiesMutex_);
-    for (const auto& [key, shard] : entities_) all.push_back(shard);
-  }
-  {
-    std::lock_guard lock(uidsMutex_);
-    for (const auto& [key, set] : uids_) all.push_back(set);
-  }
+  std::vector<std::shared_ptr<QuillonCacheCollection>> all = shardsAndUIDSets();
   for (auto& collection : all) {
     saveQueue_->addOperationWithBlock([collection] { collection->saveInBundle(); });
   }

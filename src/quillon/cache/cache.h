@@ -23,6 +23,7 @@ class EntityDescription;
 class ManagedObjectContext;
 class OperationQueue;
 class QuillonCacheArray;
+class QuillonCacheCollection;
 class QuillonCacheDictionary;
 class QuillonCacheItem;
 class QuillonCacheSet;
@@ -183,6 +184,8 @@ class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
       const std::shared_ptr<QuillonCacheDictionary>& shard, const std::string& uid) const;
   // The value shard stored under `key`, made on first use. Takes entitiesMutex_.
   std::shared_ptr<QuillonCacheDictionary> shardForKey(const std::string& key);
+  // Every value shard and uid set made so far (not the change log).
+  std::vector<std::shared_ptr<QuillonCacheCollection>> shardsAndUIDSets() const;
 
   mutable std::recursive_mutex monitor_;  // changeNames, extra data, record updates
   std::atomic<bool> terminated_{false};
