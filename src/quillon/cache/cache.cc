@@ -524,7 +524,7 @@ std::shared_ptr<QuillonCacheItem> QuillonCache::itemInShard(
 }
 
 std::vector<QuillonCache::CachedItem> QuillonCache::cachedItemsForEntity(
-    const EntityDescription& entity, bool withItems) {
+    const EntityDescription& entity, Lookup lookup) {
   std::vector<CachedItem> answer;
   std::shared_ptr<QuillonCacheSet> set = cacheForEntityUIDs(entity.name());
   if (!set) return answer;
@@ -534,19 +534,24 @@ std::vector<QuillonCache::CachedItem> QuillonCache::cachedItemsForEntity(
     answer.reserve(uids.size());
     for (const Value& uid : uids.elements()) {
       if (!uid.isString() || uid.str().empty()) continue;
-      if (withItems) byShard[storeKeyFor(entity.name(), uid.str())].push_back(answer.size());
-      answer.push_back(CachedItem{uid, nullptr});
+      if (lookup != Lookup::kUIDs) {
+        byShard[storeKeyFor(entity.name(), uid.str())].push_back(answer.size());
+      }
+      answer.push_back(CachedItem{uid});
     }
   });
   for (const auto& [key, positions] : byShard) {
     if (!isSafePathComponent(key)) continue;
-    std::shared_ptr<QuillonCacheDictionary> shard = shardForKey(key);
-    shard->readContent([&](const Value& content) {
+    shardForKey(key)->readContent([&](const Value& content) {
       for (size_t position : positions) {
-        const Value* stored = content.find(answer[position].uid);
-        if (!stored) continue;
-        answer[position].item = std::dynamic_pointer_cast<QuillonCacheItem>(stored->objectValue());
-        if (answer[position].item) answer[position].item->setCollection(shard);
+        CachedItem& entry = answer[position];
+        const Value* stored = content.find(entry.uid);
+        entry.cached = stored && stored->objectAs<QuillonCacheItem>();
+        // Only the items asked for are shared: every copy is an atomic
+        // count on an item another thread may be reading.
+        if (entry.cached && lookup == Lookup::kItems) {
+          entry.item = std::static_pointer_cast<QuillonCacheItem>(stored->objectValue());
+        }
       }
     });
   }
@@ -566,10 +571,7 @@ std::shared_ptr<QuillonCacheItem> QuillonCache::cacheItemForObjectID(
   if (!shard) return nullptr;
   std::string uid = storeUID(*objectID);
   std::shared_ptr<QuillonCacheItem> item = itemInShard(shard, uid);
-  if (item) {
-    item->setCollection(shard);
-    return item;
-  }
+  if (item) return item;
   item = loadValuesForObjectID(objectID, context, shard);
   if (!item) return nullptr;
   // The load ran without the shard's lock; a save may have stored a newer

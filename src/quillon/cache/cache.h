@@ -113,16 +113,22 @@ class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
   void loadCachesForEntity(const EntityDescription& entity);
 
   // ---- Values ----
-  // The entity's known uids, in the uid set's order, each with the item its
-  // shard holds (null when the shard has none, or without `withItems`;
-  // nothing is loaded from the package). Each shard is locked and read
-  // once, so this is the way to visit many objects.
+  // The entity's known uids, in the uid set's order, each with what
+  // `lookup` asks for of the item its shard holds (nothing is loaded from
+  // the package). Each shard is locked and read once, so this is the way
+  // to visit many objects.
+  enum class Lookup {
+    kUIDs,      // the uids alone
+    kPresence,  // whether each is cached (`cached`)
+    kItems,     // and the items themselves (`item`, null when not cached)
+  };
   struct CachedItem {
     Value uid;
+    bool cached = false;
     std::shared_ptr<QuillonCacheItem> item;
   };
   std::vector<CachedItem> cachedItemsForEntity(const EntityDescription& entity,
-                                               bool withItems = true);
+                                               Lookup lookup = Lookup::kItems);
   std::shared_ptr<QuillonCacheItem> cacheItemForObjectID(const ManagedObjectIDPtr& objectID);
   std::shared_ptr<QuillonCacheItem> cacheItemForObjectID(const ManagedObjectIDPtr& objectID,
                                                          ManagedObjectContext* context);

@@ -2,6 +2,7 @@
 
 #include "quillon/base/env.h"
 #include "quillon/base/error.h"
+#include "quillon/cache/cache_item.h"
 #include "quillon/coding/dense_coder.h"
 #include "quillon/store/store.h"
 
@@ -146,10 +147,24 @@ Value QuillonCacheDictionary::valueForKey(const std::string& key) {
   return content_.get(key);
 }
 
+Value QuillonCacheDictionary::loadTransformer(const Value& value) {
+  // Items read from the file update themselves under this shard's lock.
+  if (value.isDictionary()) {
+    auto self = std::static_pointer_cast<QuillonCacheDictionary>(shared_from_this());
+    for (const auto& [key, stored] : value.items()) {
+      if (auto* item = stored.objectAs<QuillonCacheItem>()) item->setCollection(self);
+    }
+  }
+  return value;
+}
+
 void QuillonCacheDictionary::setValue(Value value, const std::string& key) {
   std::lock_guard lock(mutex_);
   loadIfNeeded();
   prepareForChange();
+  if (auto* item = value.objectAs<QuillonCacheItem>()) {
+    item->setCollection(std::static_pointer_cast<QuillonCacheDictionary>(shared_from_this()));
+  }
   content_.set(Value(key), std::move(value));
   invalid_ = true;
 }

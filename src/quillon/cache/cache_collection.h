@@ -78,6 +78,7 @@ class QuillonCacheCollection : public std::enable_shared_from_this<QuillonCacheC
 };
 
 // A dictionary file: the value shards (uid → Value::object of a cache item).
+// Every item it holds, read from the file or stored, has it as collection.
 class QuillonCacheDictionary final : public QuillonCacheCollection {
  public:
   static std::shared_ptr<QuillonCacheDictionary> dictionaryWithStore(QuillonStore* store, Url url);
@@ -90,6 +91,7 @@ class QuillonCacheDictionary final : public QuillonCacheCollection {
  protected:
   void initContent() override;
   bool acceptsLoadedValue(const Value& value) const override { return value.isDictionary(); }
+  Value loadTransformer(const Value& value) override;
 };
 
 // What the array and set files share: members added and removed, each

@@ -18,10 +18,11 @@ void QuillonIndexOperation::main() {
   if (isCancelled() || cache_->stopping_.load()) return;
   // Objects whose shard already holds their item are counted as indexed at
   // once: an operation of their own would only find them there.
-  std::vector<QuillonCache::CachedItem> items = cache_->cachedItemsForEntity(*entity_);
+  std::vector<QuillonCache::CachedItem> items =
+      cache_->cachedItemsForEntity(*entity_, QuillonCache::Lookup::kPresence);
   uint64_t cached = 0;
   for (const QuillonCache::CachedItem& entry : items) {
-    if (entry.item) {
+    if (entry.cached) {
       ++cached;
       continue;
     }

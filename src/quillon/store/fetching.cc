@@ -88,7 +88,8 @@ Value QuillonStore::executeFetchRequest(const FetchRequest& request,
   int64_t count = 0;
   std::vector<Value> items;
   for (const EntityDescription* e : searched) {
-    std::vector<QuillonCache::CachedItem> entries = cache_->cachedItemsForEntity(*e, needValues);
+    std::vector<QuillonCache::CachedItem> entries = cache_->cachedItemsForEntity(
+        *e, needValues ? QuillonCache::Lookup::kItems : QuillonCache::Lookup::kUIDs);
     if (counting && !predicate) {
       count += static_cast<int64_t>(entries.size());
       continue;
