@@ -243,6 +243,14 @@ std::shared_ptr<QuillonCacheArray> QuillonCache::changeLog() const {
 }
 
 void QuillonCache::addChange(const Value& change, bool isExternal) {
+  addChange(change, isExternal, Value());
+}
+
+void QuillonCache::addExternalChange(const Value& change, const Value& loaded) {
+  addChange(change, true, loaded);
+}
+
+void QuillonCache::addChange(const Value& change, bool isExternal, const Value& loaded) {
   std::shared_ptr<QuillonCacheArray> log;
   bool created = false;
   {
@@ -259,7 +267,13 @@ void QuillonCache::addChange(const Value& change, bool isExternal) {
     const Value& sections = change.get(kQuillonChanges);
     log->addObject(change);
     if (sections.isDictionary() && !sections.empty()) {
-      addObjectUIDs(sections.get(kQuillonInsert), isExternal);
+      const Value& inserts = sections.get(kQuillonInsert);
+      // The loaded items go in after the inserted objects' old items are
+      // dropped and before their uids are added, so that no reader (the
+      // index queue among them) finds a uid whose item is still coming.
+      if (isExternal) invalidateObjectUIDs(inserts);
+      installLoadedItems(loaded);
+      addObjectUIDs(inserts, false);
       updateObjectUIDs(sections.get(kQuillonUpdate), isExternal);
       removeObjectUIDs(sections.get(kQuillonDelete), isExternal);
       updateChangeNames();
@@ -274,13 +288,13 @@ void QuillonCache::addChange(const Value& change, bool isExternal) {
   });
 }
 
-void QuillonCache::addExternalChange(const Value& change, const Value& loaded) {
-  // Which uids are new is decided before the change adds them.
-  std::vector<std::pair<std::string, std::vector<std::pair<Value, Value>>>> fresh;
+void QuillonCache::installLoadedItems(const Value& loaded) {
   for (const auto& [entityName, items] : loaded.items()) {
     if (!entityName.isString() || !items.isDictionary()) continue;
     std::shared_ptr<QuillonCacheSet> set = cacheForEntityUIDs(entityName.str());
     if (!set) continue;
+    // Only objects the cache does not know yet: a known one may have
+    // records the loaded item does not reflect.
     std::vector<std::pair<Value, Value>> unknown;
     set->readContent([&](const Value& uids) {
       for (const auto& [uid, item] : items.items()) {
@@ -289,19 +303,13 @@ void QuillonCache::addExternalChange(const Value& change, const Value& loaded) {
         }
       }
     });
-    if (!unknown.empty()) fresh.emplace_back(std::string(entityName.str()), std::move(unknown));
-  }
-  addChange(change, true);
-  for (const auto& [entityName, items] : fresh) {
-    for (const auto& [uid, value] : items) {
-      auto item = std::dynamic_pointer_cast<QuillonCacheItem>(value.objectValue());
-      std::string key = storeKeyFor(entityName, uid.str());
-      if (!item || !isSafePathComponent(key)) continue;
+    for (const auto& [uid, value] : unknown) {
+      std::string key = storeKeyFor(entityName.str(), uid.str());
+      if (!value.objectAs<QuillonCacheItem>() || !isSafePathComponent(key)) continue;
       std::shared_ptr<QuillonCacheDictionary> shard = shardForKey(key);
       std::lock_guard lock(shard->lock());
-      if (itemInShard(shard, std::string(uid.str()))) continue;
-      item->setCollection(shard);
-      shard->setValue(value, std::string(uid.str()));
+      if (!itemInShard(shard, std::string(uid.str())))
+        shard->setValue(value, std::string(uid.str()));
     }
   }
 }

@@ -87,7 +87,8 @@ class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
   // objects its validation already read from their records: `loaded` maps
   // entity name → uid → Value::object of the item. Items of uids the cache
   // did not know before the change go into their shards (unless a shard
-  // holds one by then), so they are not read again; the others are dropped.
+  // holds one by then) before the uids are added, so they are not read
+  // again; the others are dropped.
   void addExternalChange(const Value& change, const Value& loaded);
   void removeChange(const Value& change, bool isExternal);
   // The log's content (an array of change dictionaries); empty while unloaded.
@@ -188,6 +189,11 @@ class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
   std::shared_ptr<QuillonCacheArray> makeChangeLog() const;
   std::shared_ptr<QuillonCacheItem> itemInShard(
       const std::shared_ptr<QuillonCacheDictionary>& shard, const std::string& uid) const;
+  // addChange and addExternalChange.
+  void addChange(const Value& change, bool isExternal, const Value& loaded);
+  // Stores loaded items (entity name → uid → item) of uids the entity's uid
+  // set does not hold, unless a shard holds one by then.
+  void installLoadedItems(const Value& loaded);
   // The value shard stored under `key`, made on first use. Takes entitiesMutex_.
   std::shared_ptr<QuillonCacheDictionary> shardForKey(const std::string& key);
   // Every value shard and uid set made so far (not the change log).
