@@ -605,7 +605,6 @@ Value QuillonCache::valuesForObjectID(const ManagedObjectIDPtr& objectID,
   if (!item || item->attributes().isNil()) {
     std::shared_ptr<QuillonCacheItem> loaded = store_->loadValuesForObjectID(objectID, context);
     if (!loaded) return Value();
-    loaded->setCollection(shard);
     std::lock_guard lock(shard->lock());
     std::shared_ptr<QuillonCacheItem> stored = itemInShard(shard, uid);
     // Keep an item that a save stored while the records were read.
