@@ -4,7 +4,7 @@
 
 #include "quillon/base/env.h"
 #include "quillon/coding/dense_coder.h"
-#include "quillon/store/store.h"
+#include "quillon/store/package_files.h"
 #include "support/fault_env.h"
 #include "support/temp_dir.h"
 
@@ -108,9 +108,8 @@ TEST_F(CacheCollectionTest, RemoveFileLeavesTheCacheFile) {
 
 TEST_F(CacheCollectionTest, FailedWriteDeletesTheFileAndStaysDirty) {
   FaultInjectingEnv env;
-  Env* previous = QuillonStore::defaultEnv();
-  QuillonStore::setDefaultEnv(&env);
-  auto shard = QuillonCacheDictionary::dictionaryWithStore(nullptr, urlFor("Note_B"));
+  auto files = std::make_shared<PackageFiles>(&env, Url::fileURL(dir_.path(), true), Value());
+  auto shard = QuillonCacheDictionary::dictionaryWithStore(files, urlFor("Note_B"));
   shard->setValue(Value("old"), "B1");
   shard->saveIfNeeded();
   ASSERT_TRUE(exists(fastFile("Note_B")));
@@ -123,7 +122,6 @@ TEST_F(CacheCollectionTest, FailedWriteDeletesTheFileAndStaysDirty) {
 
   shard->saveIfNeeded();  // the rule is spent: the retry succeeds
   EXPECT_FALSE(shard->invalid());
-  QuillonStore::setDefaultEnv(previous);
   auto again = QuillonCacheDictionary::dictionaryWithStore(nullptr, urlFor("Note_B"));
   EXPECT_EQ(again->valueForKey("B1"), Value("new"));
 }

@@ -144,7 +144,7 @@ TEST_F(CacheTest, ConcurrentUpdatesReadsAndSavesOfOneShard) {
   for (auto& thread : threads) thread.join();
   saveCache();
 
-  auto shard = QuillonCacheDictionary::dictionaryWithStore(store_, *cache_->URLForKey("Note_D"));
+  auto shard = QuillonCacheDictionary::dictionaryWithStore(store_->packageFilesPointer(), *cache_->URLForKey("Note_D"));
   Value stored = shard->content();
   ASSERT_EQ(stored.size(), 600u);
   auto* item = stored.get("D2199").objectAs<QuillonCacheItem>();
@@ -255,7 +255,7 @@ TEST_F(CacheTest, ResetForgetsEverythingOnDisk) {
 TEST_F(CacheTest, AFirstChangeFromThePackageCopyIsValidatedAndRetried) {
   testing::ManualClock clock;
   auto cache = QuillonCache::cacheForStore(store_);
-  auto log = QuillonCacheArray::arrayWithStore(store_, Url::fileURL(dir_.file("copy/Changes")));
+  auto log = QuillonCacheArray::arrayWithStore(store_->packageFilesPointer(), Url::fileURL(dir_.file("copy/Changes")));
   // Light-weight validation looks at data files only: this one never arrived.
   Value missing = uids({"MISSING"});
   Value blob = Value::dictionary({{"name", "blob"}, {"length", 4}});
@@ -309,7 +309,7 @@ TEST_F(EncryptedCacheTest, CacheFilesAreEncryptedWithThePackage) {
   std::string text(stored.begin(), stored.end());
   EXPECT_EQ(text.find("hidden title"), std::string::npos);
 
-  auto shard = QuillonCacheDictionary::dictionaryWithStore(store_, *cache_->URLForKey("Note_9"));
+  auto shard = QuillonCacheDictionary::dictionaryWithStore(store_->packageFilesPointer(), *cache_->URLForKey("Note_9"));
   auto* item = shard->valueForKey("9A").objectAs<QuillonCacheItem>();
   ASSERT_NE(item, nullptr);
   EXPECT_EQ(item->attributes().get("title"), Value("hidden title"));

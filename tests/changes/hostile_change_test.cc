@@ -21,7 +21,8 @@ namespace {
 using testing::logContains;
 using testing::loggedChangeNames;
 
-constexpr std::string_view kName = "2031-01-01-00-00-00.000.6F9619FF-8B86-D011-B42D-00C04FC964FF.json";
+constexpr std::string_view kName =
+    "2031-01-01-00-00-00.000.6F9619FF-8B86-D011-B42D-00C04FC964FF.json";
 
 std::string change(std::string_view body) {
   return "{\"name\":\"" + std::string(kName) + "\"" + std::string(body) + "}";
@@ -31,8 +32,9 @@ TEST(ChangeFileProblemTest, AcceptsWellFormedChangesAndNamesTheFirstProblemOfOth
   const std::vector<std::string> accepted = {
       change(""),
       change(R"(,"type":"recovery","refreshes":{"update":{"Note":{"A1":{}}}})"),
-      change(R"(,"previousName":"2030.json","session":{"userInfo":[1]},"changes":{"insert":{"Note":)"
-             R"({"A1":{"data":[{"name":"D.bin","length":3,"hash":"ab"}]}}},"delete":{"Tag":{"B":{}}}})"),
+      change(
+          R"(,"previousName":"2030.json","session":{"userInfo":[1]},"changes":{"insert":{"Note":)"
+          R"({"A1":{"data":[{"name":"D.bin","length":3,"hash":"ab"}]}}},"delete":{"Tag":{"B":{}}}})"),
   };
   for (const std::string& text : accepted) {
     EXPECT_EQ(changeFileProblem(readJSON(text), kName), "") << text;
@@ -68,7 +70,8 @@ TEST(ChangeFileProblemTest, AcceptsWellFormedChangesAndNamesTheFirstProblemOfOth
 // Counts every file operation; reports one change file as huge.
 class HugeFileEnv : public FaultInjectingEnv {
  public:
-  static constexpr std::string_view kHuge = "2031-01-01-00-00-00.000.HUGE.json";
+  static constexpr std::string_view kHuge =
+      "2031-01-01-00-00-00.000.00000000-0000-0000-0000-00000000FFFF.json";
   Error attributes(const std::string& path, FileAttributes* attributes) override {
     Error error = FaultInjectingEnv::attributes(path, attributes);
     if (!error && path.ends_with(kHuge)) attributes->size = kMaximumChangeFileSize + 1;
@@ -90,17 +93,18 @@ TEST(HostileChangeFileTest, IsRefusedWithoutTouchingAnythingOutsideThePackage) {
     std::string fileName;
     std::string contents;
   };
-  std::string deep = change(",\"session\":{\"userInfo\":" + std::string(5000, '[') +
-                            std::string(5000, ']') + "}");
+  std::string deep =
+      change(",\"session\":{\"userInfo\":" + std::string(5000, '[') + std::string(5000, ']') + "}");
   const std::vector<Case> cases = {
       {std::string(kName), change(R"(,"changes":{"insert":{"Note":{"../../../outside-uid":{}}}})")},
       {std::string(kName),
-       change(R"(,"changes":{"update":{"Note":{"A1":{"data":[{"name":"../../../../outside-data","length":1,)"
-              R"("hash":"00"}]}}}})")},
+       change(
+           R"(,"changes":{"update":{"Note":{"A1":{"data":[{"name":"../../../../outside-data","length":1,)"
+           R"("hash":"00"}]}}}})")},
       {std::string(kName), R"({"name":"2031-01-01-00-00-00.000.SOMETHING-ELSE.json"})"},
       {std::string(kName), deep},
       {std::string(kName), "{\"name\": \"" + std::string(kName)},  // still arriving
-      {std::string(HugeFileEnv::kHuge), R"({"name":"2031-01-01-00-00-00.000.HUGE.json"})"},
+      {std::string(HugeFileEnv::kHuge), "{\"name\":\"" + std::string(HugeFileEnv::kHuge) + "\"}"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.contents.substr(0, 120));

@@ -171,7 +171,7 @@ TEST_F(UpdateTest, AChangeThatArrivesInTheMiddleCutsTheLogAndReappliesTheRest) {
   ASSERT_EQ(names.size(), 2u);
 
   // An older save of a third computer: sorts after the first, before the second.
-  std::string middle = names[0].substr(0, names[0].size() - 5) + "~.json";
+  std::string middle = names[0].substr(0, 24) + "FFFFFFFF-FFFF-FFFF-FFFF-FFFFFFFFFFFF.json";
   dir.write("Doc.quillon/Changes/" + middle,
             "{\"name\": \"" + middle + "\", \"type\": \"recovery\"}");
   update(*b);

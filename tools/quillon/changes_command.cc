@@ -1,19 +1,19 @@
 // quillon changes PKG [--password P]
 // Lists the change files of a package, newest first. Reads only.
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <memory>
 #include <optional>
 
 #include "package.h"
 #include "quillon/base/env.h"
-#include "quillon/base/json.h"
-#include "quillon/coding/sea_crypto.h"
+#include "quillon/changes/change_file_check.h"
+#include "quillon/store/package_files.h"
+#include "quillon/store/package_layout.h"
 #include "tool.h"
 
 namespace quillon::tool {
@@ -31,14 +31,6 @@ struct ChangesOptions {
   std::string path;
   std::optional<std::string> password;
 };
-
-bool hasJSONExtension(const std::string& name) {
-  size_t dot = name.rfind('.');
-  if (dot == std::string::npos) return false;
-  std::string extension = name.substr(dot + 1);
-  for (char& c : extension) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return extension == "json";
-}
 
 size_t countObjects(const Value& byEntity) {
   size_t count = 0;
@@ -80,52 +72,38 @@ void runChanges(ChangesOptions options) {
   while (options.path.size() > 1 && options.path.back() == '/') options.path.pop_back();
   checkPackageAccess(options.path, options.password);
   Env* env = QuillonStore::defaultEnv();
-  std::string folder = options.path + "/Changes";
+  const Url package = Url::fileURL(options.path, true);
+  const PackageLayout layout(package);
   std::vector<std::string> names;
-  if (env->exists(folder)) {
-    if (Error error = env->listDirectory(folder, &names)) {
-      throw ToolError("cannot list " + folder + ": " + error.localizedDescription());
-    }
+  if (Error error = listChangeFiles(env, layout.changes(), &names)) {
+    throw ToolError("cannot list " + layout.changes().path() + ": " + error.localizedDescription());
   }
-  std::erase_if(names, [](const std::string& name) {
-    return name.empty() || name.front() == '.' || !hasJSONExtension(name);
-  });
   // Names begin with the save's date, so their byte order is the order of history.
-  std::sort(names.begin(), names.end(), std::greater<>());
+  std::reverse(names.begin(), names.end());
   // One key derivation for all files: it is deliberately slow.
-  std::optional<SeaCrypto> crypto;
-  if (options.password) {
-    Value encryption = QuillonStore::infoDictionaryForURL(
-                                  Url::fileURL(options.path, true))
-                                  .get(kSeaCryptoEncryptionKey);
-    crypto.emplace();
-    crypto->setSalt(encryption.get(kSeaCryptoSaltKey));
-    crypto->setRounds(encryption.get(kSeaCryptoRoundsKey));
-    if (!crypto->setPassword(Value(*options.password))) {
-      throw ToolError("the \"Encryption\" entry of " + options.path + "/Info.plist is unusable");
-    }
+  PackageFiles files(env, package, options.password ? Value(*options.password) : Value());
+  if (!files.cipherReady()) {
+    throw ToolError("the \"Encryption\" entry of " + layout.info().path() + " is unusable");
   }
   for (const std::string& name : names) {
+    Value change;
+    ChangeFileReading reading =
+        readChangeFile(files, layout.changes().appending(name).path(), name, &change);
     std::string line;
-    std::vector<uint8_t> bytes;
-    if (env->readFile(folder + "/" + name, &bytes)) {
-      line = printable(name) + "\t-\tunreadable\t-";
-    } else {
-      bool readable = true;
-      if (crypto) {
-        std::vector<uint8_t> plain;
-        readable = crypto->decryptBytes(bytes, &plain);
-        bytes = std::move(plain);
-      }
-      Error error;
-      Value change = readable ? readJSON(std::span<const uint8_t>(bytes), &error) : Value();
-      if (!readable) {
-        line = printable(name) + "\t-\tcannot decrypt\t-";
-      } else if (error || !change.isDictionary()) {
-        line = printable(name) + "\t-\tnot a change file\t-";
-      } else {
+    switch (reading.outcome) {
+      case ChangeFileReading::kRead:
         line = describe(name, change);
-      }
+        break;
+      case ChangeFileReading::kMissing:
+        line = printable(name) + "\t-\tunreadable\t-";
+        break;
+      case ChangeFileReading::kUndecryptable:
+        line = printable(name) + "\t-\tcannot decrypt\t-";
+        break;
+      case ChangeFileReading::kIncomplete:
+      case ChangeFileReading::kInvalid:
+        line = printable(name) + "\t-\tnot a change file\t-";
+        break;
     }
     std::printf("%s\n", line.c_str());
   }

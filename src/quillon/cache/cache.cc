@@ -14,12 +14,15 @@
 #include "quillon/cache/cache_collection.h"
 #include "quillon/cache/cache_item.h"
 #include "quillon/cache/index_operation.h"
+#include "quillon/changes/change_file_check.h"
 #include "quillon/coding/string_utils.h"
 #include "quillon/coding/value_transformer.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/platform/file_viewer.h"
 #include "quillon/platform/main_queue.h"
 #include "quillon/platform/standard_paths.h"
+#include "quillon/store/package_files.h"
+#include "quillon/store/package_format.h"
 #include "quillon/store/quillon.h"
 #include "quillon/store/store.h"
 
@@ -107,6 +110,7 @@ bool QuillonCache::checkWritePermissionsForStoreURL(const Url& storeURL) {
 
 QuillonCache::QuillonCache(QuillonStore* store)
     : store_(store),
+      files_(store ? store->packageFilesPointer() : nullptr),
       queue_(std::make_unique<DispatchQueue>(
           std::string(Quillon::frameworkInfo().get("CFBundleIdentifier").str()) + ".CacheQueue")),
       saveQueue_(std::make_unique<OperationQueue>("QuillonCacheSaveQueue")) {
@@ -183,7 +187,7 @@ void QuillonCache::postChangesNotice(const std::function<void()>& change) {
 }
 
 std::shared_ptr<QuillonCacheArray> QuillonCache::makeChangeLog() const {
-  return QuillonCacheArray::arrayWithStore(store_, URLForKey(kChangeLogKey).value_or(Url()));
+  return QuillonCacheArray::arrayWithStore(files_, URLForKey(kChangeLogKey).value_or(Url()));
 }
 
 void QuillonCache::loadChangeLogIfNeeded() {
@@ -360,25 +364,25 @@ Value QuillonCache::changesHistoryForObjectID(const ManagedObjectIDPtr& objectID
                                   {"value", objectID->uriRepresentation().path()},
                                   {"paths", Value::array(std::move(paths))}});
 
-  auto readJSONFile = [this](const Url& url) -> Value {
-    std::vector<uint8_t> stored, plain;
-    if (store_->env()->readFile(url.path(), &stored)) return Value();
-    if (!store_->decrypt(stored, &plain)) return Value();
-    return readJSON(std::span<const uint8_t>(plain));
-  };
   auto dates = ValueTransformer::valueTransformerForName("QuillonNSDateValueTransformer");
   std::vector<Value> entries;
   for (const Url& file : files) {
     std::string name = file.lastPathComponent();
-    if (!isSafePathComponent(name)) continue;
-    Url changeURL = store_->changesURL().appending(name);
-    Value change = readJSONFile(changeURL);
-    const Value& sections = change.get(kQuillonChanges);
+    std::optional<Url> changeURL = store_->layout().changeFile(name);
+    if (!changeURL) continue;
+    // The change file and the record came from another computer: both are
+    // read within their limits, and the change must be a change file.
+    Value change;
+    if (readChangeFile(*files_, changeURL->path(), name, &change).outcome !=
+        ChangeFileReading::kRead) {
+      continue;
+    }
+    const Value& sections = change.get(kChangeChangesKey);
     if (!sections.isDictionary() || sections.empty()) continue;
     Value date = dates ? dates->transformedValue(change.get("date")) : Value();
     std::vector<Value> children;
-    Value record = readJSONFile(file);
-    for (const auto& [key, value] : record.get("payload").items()) {
+    Value record = files_->readJSON(file.path(), kRecordFileLimits).value;
+    for (const auto& [key, value] : record.get(kRecordPayloadKey).items()) {
       if (!value.isNil()) children.push_back(Value::dictionary({{"name", key}, {"value", value}}));
     }
     entries.push_back(Value::dictionary({
@@ -386,7 +390,7 @@ Value QuillonCache::changesHistoryForObjectID(const ManagedObjectIDPtr& objectID
                               textOf(valueAtPath(change, "session", "machineName")))},
         {"date", date},
         {"name", date.isDate() ? formatMediumDateTime(date.dateValue()) : std::string()},
-        {"URL", Value::url(changeURL)},
+        {"URL", Value::url(*changeURL)},
         {"children", Value::array(std::move(children))},
     }));
   }
@@ -490,7 +494,7 @@ std::shared_ptr<QuillonCacheSet> QuillonCache::cacheForEntityUIDs(std::string_vi
   std::string key = fmt::format("{}_uids", entityName);
   std::lock_guard lock(uidsMutex_);
   std::shared_ptr<QuillonCacheSet>& set = uids_[key];
-  if (!set) set = QuillonCacheSet::setWithStore(store_, URLForKey(key).value_or(Url()));
+  if (!set) set = QuillonCacheSet::setWithStore(files_, URLForKey(key).value_or(Url()));
   return set;
 }
 
@@ -498,7 +502,7 @@ std::shared_ptr<QuillonCacheDictionary> QuillonCache::shardForKey(const std::str
   std::lock_guard lock(entitiesMutex_);
   std::shared_ptr<QuillonCacheDictionary>& shard = entities_[key];
   if (!shard) {
-    shard = QuillonCacheDictionary::dictionaryWithStore(store_, URLForKey(key).value_or(Url()));
+    shard = QuillonCacheDictionary::dictionaryWithStore(files_, URLForKey(key).value_or(Url()));
   }
   return shard;
 }
@@ -726,12 +730,13 @@ void QuillonCache::save() {
 }
 
 void QuillonCache::saveInBundle() {
-  store_->env()->createDirectories(store_->cacheURL().path());
+  const Url bundle = store_->layout().cache();
+  (void)files_->env()->createDirectories(bundle.path());  // each write reports its own failure
   std::vector<std::shared_ptr<QuillonCacheCollection>> all = shardsAndUIDSets();
   for (auto& collection : all) {
-    saveQueue_->addOperationWithBlock([collection] { collection->saveInBundle(); });
+    saveQueue_->addOperationWithBlock([collection, bundle] { collection->saveInBundle(bundle); });
   }
-  if (std::shared_ptr<QuillonCacheArray> log = changeLog()) log->saveInBundle();
+  if (std::shared_ptr<QuillonCacheArray> log = changeLog()) log->saveInBundle(bundle);
 }
 
 void QuillonCache::reset() {

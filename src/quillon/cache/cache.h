@@ -27,6 +27,7 @@ class QuillonCacheCollection;
 class QuillonCacheDictionary;
 class QuillonCacheItem;
 class QuillonCacheSet;
+class PackageFiles;
 class QuillonStore;
 
 // The local database cache of one open store: per entity the set of known
@@ -180,6 +181,7 @@ class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
 
  private:
   QuillonStore* store_;
+  std::shared_ptr<PackageFiles> files_;
   Url storeURL_;
   Url url_;
   friend class QuillonIndexOperation;

@@ -4,43 +4,39 @@
 #include "quillon/base/error.h"
 #include "quillon/cache/cache_item.h"
 #include "quillon/coding/dense_coder.h"
-#include "quillon/store/store.h"
+#include "quillon/store/package_files.h"
 
 namespace quillon {
 namespace {
 
 constexpr std::string_view kFileExtension = "fast";
 
-Env* envOf(const QuillonStore* store) { return store ? store->env() : QuillonStore::defaultEnv(); }
-
 }  // namespace
 
-QuillonCacheCollection::QuillonCacheCollection(QuillonStore* store, Url url)
-    : url_(std::move(url)), store_(store) {}
+QuillonCacheCollection::QuillonCacheCollection(std::shared_ptr<PackageFiles> files, Url url)
+    : url_(std::move(url)), files_(std::move(files)) {}
+
+Env* QuillonCacheCollection::env() const { return files_ ? files_->env() : Env::Default(); }
 
 QuillonCacheCollection::~QuillonCacheCollection() = default;
 
 void QuillonCacheCollection::loadIfNeeded() {
   if (!content_.isNil()) return;
   if (!url_.isEmpty()) {
-    std::vector<uint8_t> stored;
-    Error error =
-        envOf(store_)->readFile(url_.appendingPathExtension(kFileExtension).path(), &stored);
-    if (!error) {
+    const std::string path = url_.appendingPathExtension(kFileExtension).path();
+    std::vector<uint8_t> plain;
+    bool read = false;
+    if (files_) {
+      read = files_->readBytes(path, kCacheFileLimits.maximumSize, &plain).ok();
+    } else {
+      read = !env()->readFile(path, &plain);
+    }
+    if (read) {
       try {
-        std::vector<uint8_t> plain;
-        bool decrypted = true;
-        if (store_) {
-          decrypted = store_->decrypt(stored, &plain);
-        } else {
-          plain.swap(stored);
-        }
-        if (decrypted) {
-          Value loaded = loadTransformer(DenseCoder::objectWithData(plain));
-          // A file of another kind (damage, or a hostile file put in place)
-          // counts as undecodable rather than being trusted.
-          if (acceptsLoadedValue(loaded)) content_ = std::move(loaded);
-        }
+        Value loaded = loadTransformer(DenseCoder::objectWithData(plain));
+        // A file of another kind (damage, or a hostile file put in place)
+        // counts as undecodable rather than being trusted.
+        if (acceptsLoadedValue(loaded)) content_ = std::move(loaded);
       } catch (const Exception&) {
         initContent();
       }
@@ -52,9 +48,9 @@ void QuillonCacheCollection::loadIfNeeded() {
 std::vector<uint8_t> QuillonCacheCollection::encodedContent() {
   try {
     std::vector<uint8_t> plain = DenseCoder::encode(saveTransformer(content_));
-    if (plain.empty() || !store_) return plain;
+    if (plain.empty() || !files_) return plain;
     std::vector<uint8_t> stored;
-    if (!store_->encrypt(plain, &stored)) return {};
+    if (!files_->seal(plain, &stored)) return {};
     return stored;
   } catch (const Exception&) {
     return {};
@@ -67,29 +63,27 @@ void QuillonCacheCollection::saveIfNeeded() {
   loadIfNeeded();
   std::string path = url_.appendingPathExtension(kFileExtension).path();
   std::vector<uint8_t> bytes = encodedContent();
-  Env* env = envOf(store_);
-  if (!bytes.empty() && !env->writeFileAtomically(path, bytes)) {
+  if (!bytes.empty() && !env()->writeFileAtomically(path, bytes)) {
     invalid_ = false;
     return;
   }
   // Never leave a stale file behind: the next open rebuilds from the package.
-  env->removeItem(path);
+  (void)env()->removeItem(path);  // nothing to remove is fine too
 }
 
-void QuillonCacheCollection::saveInBundle() {
-  if (!store_ || url_.isEmpty()) return;
+void QuillonCacheCollection::saveInBundle(const Url& bundleFolder) {
+  if (!files_ || url_.isEmpty() || bundleFolder.isEmpty()) return;
   std::lock_guard lock(mutex_);
   loadIfNeeded();
   std::vector<uint8_t> bytes = encodedContent();
   if (bytes.empty()) return;
-  Url target =
-      store_->cacheURL().appending(url_.lastPathComponent() + "." + std::string(kFileExtension));
-  store_->env()->writeFileAtomically(target.path(), bytes);
+  Url target = bundleFolder.appending(url_.lastPathComponent() + "." + std::string(kFileExtension));
+  (void)env()->writeFileAtomically(target.path(), bytes);  // a copy for others; best effort
 }
 
 void QuillonCacheCollection::removeFile() {
   if (url_.isEmpty()) return;
-  envOf(store_)->removeItem(url_.path());
+  (void)env()->removeItem(url_.path());
 }
 
 // Writers take the lock so that a save in progress cannot clear a mark made
@@ -135,8 +129,8 @@ void QuillonCacheCollection::prepareForChange() {
 // ---- Dictionary ----
 
 std::shared_ptr<QuillonCacheDictionary> QuillonCacheDictionary::dictionaryWithStore(
-    QuillonStore* store, Url url) {
-  return std::make_shared<QuillonCacheDictionary>(store, std::move(url));
+    std::shared_ptr<PackageFiles> files, Url url) {
+  return std::make_shared<QuillonCacheDictionary>(std::move(files), std::move(url));
 }
 
 void QuillonCacheDictionary::initContent() { setContent(Value::mutableDictionary()); }
@@ -218,14 +212,16 @@ void QuillonCacheSequence::removeObjects(const Value& array) {
   invalid_ = true;
 }
 
-std::shared_ptr<QuillonCacheArray> QuillonCacheArray::arrayWithStore(QuillonStore* store, Url url) {
-  return std::make_shared<QuillonCacheArray>(store, std::move(url));
+std::shared_ptr<QuillonCacheArray> QuillonCacheArray::arrayWithStore(
+    std::shared_ptr<PackageFiles> files, Url url) {
+  return std::make_shared<QuillonCacheArray>(std::move(files), std::move(url));
 }
 
 void QuillonCacheArray::initContent() { setContent(Value::mutableArray()); }
 
-std::shared_ptr<QuillonCacheSet> QuillonCacheSet::setWithStore(QuillonStore* store, Url url) {
-  return std::make_shared<QuillonCacheSet>(store, std::move(url));
+std::shared_ptr<QuillonCacheSet> QuillonCacheSet::setWithStore(std::shared_ptr<PackageFiles> files,
+                                                               Url url) {
+  return std::make_shared<QuillonCacheSet>(std::move(files), std::move(url));
 }
 
 void QuillonCacheSet::initContent() { setContent(Value::mutableSet()); }

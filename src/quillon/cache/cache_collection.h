@@ -13,10 +13,11 @@
 
 namespace quillon {
 
-class QuillonStore;
+class Env;
+class PackageFiles;
 
 // One file of the local cache held in memory: a dictionary, array or set,
-// read from "<url>.fast" on first use (the store's decrypt, then
+// read from "<url>.fast" on first use (the package's cipher, then
 // DenseCoding), marked dirty by every change and written back only when
 // dirty. A missing or undecodable file gives empty content.
 //
@@ -28,15 +29,18 @@ class QuillonStore;
 // collection.
 class QuillonCacheCollection : public std::enable_shared_from_this<QuillonCacheCollection> {
  public:
-  QuillonCacheCollection(QuillonStore* store, Url url);
+  // `files` gives the Env and the package's cipher; nullptr reads and writes
+  // plain files through Env::Default() (tools and tests).
+  QuillonCacheCollection(std::shared_ptr<PackageFiles> files, Url url);
   virtual ~QuillonCacheCollection();
   QuillonCacheCollection(const QuillonCacheCollection&) = delete;
   QuillonCacheCollection& operator=(const QuillonCacheCollection&) = delete;
 
   void loadIfNeeded();
   void saveIfNeeded();
-  // Writes a copy into the package's "Cache" folder; the dirty flag stays.
-  void saveInBundle();
+  // Writes a copy into `bundleFolder` (the package's "Cache" folder); the
+  // dirty flag stays.
+  void saveInBundle(const Url& bundleFolder);
   // Removes the item at url() (without ".fast", so the cache file stays).
   void removeFile();
   void invalidate();
@@ -46,7 +50,6 @@ class QuillonCacheCollection : public std::enable_shared_from_this<QuillonCacheC
   bool fromBundle() const { return fromBundle_; }
   void setFromBundle(bool fromBundle) { fromBundle_ = fromBundle; }
   const Url& url() const { return url_; }
-  QuillonStore* store() const { return store_; }
   // The content, loading it first; nil only for the base class, which has no
   // empty form. The caller must not change it.
   virtual Value content();
@@ -73,7 +76,8 @@ class QuillonCacheCollection : public std::enable_shared_from_this<QuillonCacheC
   std::atomic<bool> invalid_{false};  // read without the lock
   bool fromBundle_ = false;
   Url url_;
-  QuillonStore* store_;
+  Env* env() const;
+  std::shared_ptr<PackageFiles> files_;
   Value content_;
 };
 
@@ -81,7 +85,8 @@ class QuillonCacheCollection : public std::enable_shared_from_this<QuillonCacheC
 // Every item it holds, read from the file or stored, has it as collection.
 class QuillonCacheDictionary final : public QuillonCacheCollection {
  public:
-  static std::shared_ptr<QuillonCacheDictionary> dictionaryWithStore(QuillonStore* store, Url url);
+  static std::shared_ptr<QuillonCacheDictionary> dictionaryWithStore(
+      std::shared_ptr<PackageFiles> files, Url url);
   using QuillonCacheCollection::QuillonCacheCollection;
   Value valueForKey(const std::string& key);
   // Nil removes the key.
@@ -110,7 +115,8 @@ class QuillonCacheSequence : public QuillonCacheCollection {
 // An array file: the change log.
 class QuillonCacheArray final : public QuillonCacheSequence {
  public:
-  static std::shared_ptr<QuillonCacheArray> arrayWithStore(QuillonStore* store, Url url);
+  static std::shared_ptr<QuillonCacheArray> arrayWithStore(std::shared_ptr<PackageFiles> files,
+                                                           Url url);
   using QuillonCacheSequence::QuillonCacheSequence;
 
  protected:
@@ -121,7 +127,8 @@ class QuillonCacheArray final : public QuillonCacheSequence {
 // A set file, stored as an array of its members: an entity's uids.
 class QuillonCacheSet final : public QuillonCacheSequence {
  public:
-  static std::shared_ptr<QuillonCacheSet> setWithStore(QuillonStore* store, Url url);
+  static std::shared_ptr<QuillonCacheSet> setWithStore(std::shared_ptr<PackageFiles> files,
+                                                       Url url);
   using QuillonCacheSequence::QuillonCacheSequence;
 
  protected:

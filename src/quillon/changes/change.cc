@@ -12,6 +12,7 @@
 #include "quillon/cache/cache.h"
 #include "quillon/coding/value_transformer.h"
 #include "quillon/graph/entity_description.h"
+#include "quillon/store/package_format.h"
 #include "quillon/store/quillon.h"
 #include "quillon/store/save_operation.h"
 #include "quillon/store/store.h"
@@ -55,22 +56,17 @@ Value mutableChild(Value& parent, std::string_view key) {
 // Recovery and fake changes: pretty JSON, through the cipher, written at once.
 void writeRecoveryChange(QuillonStore* store, const Url& url, const Value& refreshes) {
   Value dictionary = Value::dictionary(true);
-  dictionary.set(Value::string("name"), Value::string(url.lastPathComponent()));
-  dictionary.set(Value::string("type"), Value::string("recovery"));
-  if (!refreshes.isNil()) dictionary.set(Value::string("refreshes"), refreshes);
-  std::string json = writeJSON(dictionary, JSONStyle::Pretty);
-  std::span<const uint8_t> plain(reinterpret_cast<const uint8_t*>(json.data()), json.size());
-  std::vector<uint8_t> bytes;
-  if (store->password().isNil()) {
-    bytes.assign(plain.begin(), plain.end());
-  } else if (!store->encrypt(plain, &bytes)) {
-    return;
-  }
+  dictionary.set(Value::string(kChangeNameKey), Value::string(url.lastPathComponent()));
+  dictionary.set(Value::string(kChangeTypeKey), Value::string(kChangeTypeRecovery));
+  if (!refreshes.isNil()) dictionary.set(Value::string(kChangeRefreshesKey), refreshes);
   const std::string path = url.path();
-  store->env()->createDirectories(url.deletingLastPathComponent().path());
+  Env* env = store->env();
+  (void)env->createDirectories(url.deletingLastPathComponent().path());  // the write reports it
   store->willWriteChangeFile(path);
-  store->env()->writeFileAtomically(path, bytes);
-  if (store->durableSaves()) store->env()->syncFiles({path});
+  Error error =
+      store->packageFiles().writeJSON(path, dictionary, JSONStyle::Pretty, Durability::kFlushed);
+  if (!error && store->durableSaves()) error = env->syncFiles({path});
+  if (error) store->logError(error, "QuillonChange");
 }
 
 }  // namespace
@@ -87,8 +83,15 @@ void QuillonChange::addChange(const Value& entry, std::string_view entityName, s
 
 const std::string& QuillonChange::name() {
   if (name_.empty()) {
-    // The name fixes the date: repair a backwards clock first.
-    if (store_) repairBackwardsClock(*this, store_, lastKnownChange(store_));
+    // The name fixes the date: repair a backwards clock first, then keep
+    // this computer's saves in order when two fall in one millisecond.
+    if (store_) {
+      Value last = lastKnownChange(store_);
+      repairBackwardsClock(*this, store_, last);
+      const Value& lastName = last.get(kChangeNameKey);
+      date_ = store_->orderedChangeDate(date_,
+                                        lastName.isString() ? lastName.str() : std::string_view());
+    }
     std::string date = store_ ? store_->formatChangeDate(date_) : formatChangeDate(date_);
     name_ = date + "." + makeUUIDString();
   }
@@ -146,19 +149,37 @@ void QuillonStore::writeFakeChangeToURL(const Url& url, const Value& refreshes) 
   writeRecoveryChange(this, url, refreshes);
 }
 
+double QuillonStore::orderedChangeDate(double date, std::string_view lastKnownName) {
+  std::lock_guard<std::recursive_mutex> lock(monitor_);
+  // The date part of a change name; names sort by it.
+  std::string floor = lastIssuedChangeDate_;
+  if (isChangeFileName(lastKnownName)) {
+    floor = std::max(floor, std::string(lastKnownName.substr(0, 23)));
+  }
+  if (!floor.empty() && formatChangeDate(date) <= floor) {
+    if (std::optional<double> last = parseChangeDate(floor)) {
+      date = *last + 0.001;
+      while (formatChangeDate(date) <= floor) date += 0.0005;
+    }
+  }
+  lastIssuedChangeDate_ = formatChangeDate(date);
+  return date;
+}
+
 std::vector<Url> QuillonStore::changesFilesFor(const EntityDescription& entity,
-                                              const std::string& uid) {
+                                               const std::string& uid) {
   std::vector<Url> files;
   std::optional<std::string> key = fileNameForEntity(entity);
-  if (!key || !isSafePathComponent(*key) || !isSafePathComponent(uid)) return files;
-  Url folder = entitiesURL().appending(*key, true).appending(uid, true);
+  std::optional<Url> folder = key ? layout().objectFolder(*key, uid) : std::nullopt;
+  if (!folder) return files;
   std::vector<std::string> names;
-  if (env()->listDirectory(folder.path(), &names)) return files;
+  if (env()->listDirectory(folder->path(), &names)) return files;
   Value known = cache().changeNames();
   std::sort(names.begin(), names.end());
   for (const auto& name : names) {
-    if (name.empty() || name[0] == '.') continue;
-    if (known.contains(Value::string(name))) files.push_back(folder.appending(name));
+    if (isChangeFileName(name) && known.contains(Value::string(name))) {
+      files.push_back(folder->appending(name));
+    }
   }
   return files;
 }

@@ -4,10 +4,9 @@
 
 #include <vector>
 
-#include "quillon/base/env.h"
-#include "quillon/base/json.h"
+#include "quillon/store/package_files.h"
+#include "quillon/store/package_layout.h"
 #include "quillon/store/quillon.h"
-#include "quillon/store/store.h"
 
 namespace quillon {
 namespace {
@@ -24,7 +23,8 @@ std::string quoted(std::string_view text) {
 std::string entryProblem(const Value& entry) {
   if (!entry.isDictionary()) return "an entry is not an object";
   for (const auto& [key, records] : entry.items()) {
-    if (!records.isArray()) return fmt::format("entry member {} is not an array", quoted(key.str()));
+    if (!records.isArray())
+      return fmt::format("entry member {} is not an array", quoted(key.str()));
     for (const Value& record : records.elements()) {
       if (!record.isDictionary()) return "a data record is not an object";
       const Value& name = record.get("name");
@@ -33,8 +33,7 @@ std::string entryProblem(const Value& entry) {
       }
       const Value& length = record.get("length");
       if (!length.isNil() && !(length.isNumber() && !length.isBool())) {
-        return fmt::format("data record {} has a length that is not a number",
-                           quoted(name.str()));
+        return fmt::format("data record {} has a length that is not a number", quoted(name.str()));
       }
       const Value& hash = record.get("hash");
       if (!hash.isNil() && !hash.isString()) {
@@ -52,7 +51,8 @@ std::string objectsProblem(const Value& objects) {
     if (!isSafePathComponent(entity.str())) {
       return fmt::format("entity name {} is not usable", quoted(entity.str()));
     }
-    if (!uids.isDictionary()) return fmt::format("entity {} is not an object", quoted(entity.str()));
+    if (!uids.isDictionary())
+      return fmt::format("entity {} is not an object", quoted(entity.str()));
     for (const auto& [uid, entry] : uids.items()) {
       if (!isSafePathComponent(uid.str())) {
         return fmt::format("uid {} of {} is not usable", quoted(uid.str()), entity.str());
@@ -111,44 +111,35 @@ std::string changeFileProblem(const Value& change, std::string_view fileName) {
   return {};
 }
 
-ChangeFileReading readChangeFile(QuillonStore& store, const std::string& path,
+ChangeFileReading readChangeFile(PackageFiles& files, const std::string& path,
                                  std::string_view fileName, Value* change) {
   ChangeFileReading reading;
   *change = Value();
-  FileAttributes attributes;
-  if (!store.env()->attributes(path, &attributes) && attributes.size > kMaximumChangeFileSize) {
-    reading.outcome = ChangeFileReading::kInvalid;
-    reading.problem = fmt::format("{} bytes is more than a change file may have", attributes.size);
-    return reading;
+  PackageFileReading read = files.readJSON(path, kChangeFileLimits);
+  switch (read.status) {
+    case PackageFileReading::kRead:
+      break;
+    case PackageFileReading::kMissing:
+    case PackageFileReading::kEmpty:
+      reading.outcome = ChangeFileReading::kMissing;
+      return reading;
+    case PackageFileReading::kTooLarge:
+      reading.outcome = ChangeFileReading::kInvalid;
+      reading.problem = fmt::format("{} bytes is more than a change file may have", read.size);
+      return reading;
+    case PackageFileReading::kUndecryptable:
+      reading.outcome = ChangeFileReading::kUndecryptable;
+      return reading;
+    case PackageFileReading::kUnparsable:
+      reading.outcome = ChangeFileReading::kIncomplete;
+      return reading;
   }
-  std::vector<uint8_t> stored;
-  if (store.env()->readFile(path, &stored) || stored.empty()) {
-    reading.outcome = ChangeFileReading::kMissing;
-    return reading;
-  }
-  if (stored.size() > kMaximumChangeFileSize) {  // grew since it was measured
-    reading.outcome = ChangeFileReading::kInvalid;
-    reading.problem = fmt::format("{} bytes is more than a change file may have", stored.size());
-    return reading;
-  }
-  std::vector<uint8_t> plain;
-  if (!store.decrypt(stored, &plain)) {
-    reading.outcome = ChangeFileReading::kUndecryptable;
-    return reading;
-  }
-  JSONReadOptions options;
-  options.maximumDepth = kMaximumChangeFileDepth;
-  Value parsed = readJSON(std::span<const uint8_t>(plain), nullptr, options);
-  if (parsed.isNil()) {
-    reading.outcome = ChangeFileReading::kIncomplete;
-    return reading;
-  }
-  reading.problem = changeFileProblem(parsed, fileName);
+  reading.problem = changeFileProblem(read.value, fileName);
   if (!reading.problem.empty()) {
     reading.outcome = ChangeFileReading::kInvalid;
     return reading;
   }
-  *change = std::move(parsed);
+  *change = std::move(read.value);
   return reading;
 }
 

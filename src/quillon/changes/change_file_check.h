@@ -5,19 +5,15 @@
 #include <string_view>
 
 #include "quillon/base/value.h"
+#include "quillon/store/package_format.h"
 
 namespace quillon {
 
-class QuillonStore;
+class PackageFiles;
 
 // Change files come from other computers through a synchronisation service,
 // so everything in them is untrusted: these checks keep a damaged or hostile
 // file from reaching paths outside the package, the cache or the merge.
-
-// Files larger than this are refused before they are read.
-inline constexpr uint64_t kMaximumChangeFileSize = uint64_t{64} << 20;
-// Deeper JSON is refused; a change file needs about ten levels.
-inline constexpr size_t kMaximumChangeFileDepth = 64;
 
 // What reading one change file gave.
 struct ChangeFileReading {
@@ -32,9 +28,10 @@ struct ChangeFileReading {
   std::string problem;  // why a file is kInvalid, for the log
 };
 
-// Reads, decrypts and parses `path` through the store's Env and cipher and
-// checks the result with changeFileProblem(). Any thread.
-ChangeFileReading readChangeFile(QuillonStore& store, const std::string& path,
+// Reads, decrypts and parses `path` within the change-file limits and checks
+// the result with changeFileProblem(). Every reader of change files goes
+// through here. Any thread.
+ChangeFileReading readChangeFile(PackageFiles& files, const std::string& path,
                                  std::string_view fileName, Value* change);
 
 // Empty when `change` has the shape of a change file named `fileName`: a

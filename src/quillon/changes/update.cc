@@ -54,21 +54,6 @@ Value ignoreItem(const Url& changeURL) {
 
 Value showItem(const Url& url) { return menuItem("Show in Finder", "showInFinder:", url); }
 
-bool hasJSONExtension(const std::string& name) {
-  if (name.empty() || name[0] == '.') return false;  // hidden files are skipped
-  size_t dot = name.rfind('.');
-  if (dot == std::string::npos || dot == 0) return false;
-  std::string_view extension(name.data() + dot + 1, name.size() - dot - 1);
-  if (extension.size() != 4) return false;
-  static constexpr std::string_view kJSON = "json";
-  for (size_t i = 0; i < 4; ++i) {
-    char c = extension[i];
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    if (c != kJSON[i]) return false;
-  }
-  return true;
-}
-
 // The objects of one section of an accumulator (entity name → uid → entry),
 // as the context's objects; unknown entities and unusable uids are skipped.
 template <typename Visit>
@@ -156,18 +141,23 @@ void QuillonStore::updateChangesWithCompletion(std::function<void(bool success)>
   auto self = std::static_pointer_cast<QuillonStore>(shared_from_this());
   const std::string changesPath = changesURL().path();
 
-  std::vector<std::string> listed;
-  if (changesPath.empty() || env()->listDirectory(changesPath, &listed)) {
+  auto pass = std::make_shared<UpdatePass>();
+  std::vector<std::string> conflictCopies;
+  if (changesPath.empty() || !env()->exists(changesPath) ||
+      listChangeFiles(env(), changesURL(), &pass->names, &conflictCopies)) {
     log("No change files found", kQuillonLogTypeSuccess);
     completion(true);
     return;
   }
-  auto pass = std::make_shared<UpdatePass>();
   pass->completion = std::move(completion);
-  for (std::string& name : listed) {
-    if (hasJSONExtension(name)) pass->names.push_back(std::move(name));
+  // A sync service's copy of a change file is not part of the history; the
+  // user hears of each one once.
+  for (const std::string& copy : conflictCopies) {
+    if (!reportedConflictCopies_.insert(copy).second) continue;
+    log(fmt::format("Ignored a conflict copy of a change file: {}",
+                    changesURL().appending(copy).absoluteString()),
+        kQuillonLogTypeWarning, Value::array({showItem(changesURL().appending(copy))}));
   }
-  std::sort(pass->names.begin(), pass->names.end());
   changesFileCount_.store(pass->names.size());
 
   if (upToChange_.isDictionary()) {
@@ -225,7 +215,7 @@ void QuillonStore::applyChangeFiles(std::shared_ptr<QuillonStore> self,
     }
 
     Value change;
-    ChangeFileReading reading = readChangeFile(store, path, name, &change);
+    ChangeFileReading reading = readChangeFile(store.packageFiles(), path, name, &change);
     if (reading.outcome == ChangeFileReading::kMissing) {
       store.log(fmt::format("Missing change file: {}", shown), kQuillonLogTypeWarning, ignoreMenu);
       pass->hadError = true;

@@ -206,23 +206,31 @@ Value QuillonStore::validatedChanges(const Value& change, bool lightWeight, Valu
             return Value();
           }
         }
-        std::vector<uint8_t> stored;
-        Error readError = env_->readFile(recordPath, &stored);
-        std::vector<uint8_t> plain;
-        if (readError || stored.empty()) {
-          if (fail(fmt::format("Empty file: {}", recordText()), warning, ignoreMenu))
-            return Value();
-        } else if (!decrypt(stored, &plain)) {
-          // Decrypting may fail for a reason of this computer (a changed
-          // password), so it never ends validation by itself.
-          fail(fmt::format("Decryption error on file: {} {}", clip(entity), recordText()), warning,
-               Value());
-        } else if (Value content = readJSON(std::span<const uint8_t>(plain)); content.isNil()) {
-          if (fail(fmt::format("Incomplete file: {}", recordText()), warning, ignoreMenu)) {
-            return Value();
-          }
-        } else if (loadedItems && sections[1].get(entity).find(uidValue)) {
-          keepLoadedItem(*this, entity, uidValue, content, record, loadedItems);
+        PackageFileReading read = files_->readJSON(recordPath, kRecordFileLimits);
+        switch (read.status) {
+          case PackageFileReading::kMissing:
+          case PackageFileReading::kEmpty:
+            if (fail(fmt::format("Empty file: {}", recordText()), warning, ignoreMenu)) {
+              return Value();
+            }
+            break;
+          case PackageFileReading::kUndecryptable:
+            // Decrypting may fail for a reason of this computer (a changed
+            // password), so it never ends validation by itself.
+            fail(fmt::format("Decryption error on file: {} {}", clip(entity), recordText()),
+                 warning, Value());
+            break;
+          case PackageFileReading::kTooLarge:
+          case PackageFileReading::kUnparsable:
+            if (fail(fmt::format("Incomplete file: {}", recordText()), warning, ignoreMenu)) {
+              return Value();
+            }
+            break;
+          case PackageFileReading::kRead:
+            if (loadedItems && sections[1].get(entity).find(uidValue)) {
+              keepLoadedItem(*this, entity, uidValue, read.value, record, loadedItems);
+            }
+            break;
         }
       }
 

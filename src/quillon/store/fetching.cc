@@ -19,6 +19,7 @@
 #include "quillon/graph/managed_object_context.h"
 #include "quillon/graph/relationship_description.h"
 #include "quillon/platform/main_queue.h"
+#include "quillon/store/package_format.h"
 #include "quillon/store/quillon.h"
 #include "quillon/store/request_item.h"
 #include "quillon/store/store.h"
@@ -184,8 +185,6 @@ std::shared_ptr<QuillonCacheItem> QuillonStore::loadValuesForEntity(
   auto item = std::make_shared<QuillonCacheItem>();
   const std::string_view cutOff = upToChange.isString() ? upToChange.str() : std::string_view();
 
-  std::vector<uint8_t> stored;
-  std::vector<uint8_t> plain;
   for (const Url& url : files) {
     const std::string path = url.path();
     if (!QuillonIsOnDisk(path, env_)) {
@@ -193,30 +192,32 @@ std::shared_ptr<QuillonCacheItem> QuillonStore::loadValuesForEntity(
           QuillonLoadingIssue::loadingIssueWithType(kQuillonLoadingIssueRemoteFile, url));
       return nullptr;
     }
-    stored.clear();
-    if (Error error = env_->readFile(path, &stored)) {
-      addLoadingIssue(
-          QuillonLoadingIssue::loadingIssueWithType(kQuillonLoadingIssueMissingFile, url));
-      return nullptr;
+    PackageFileReading read = files_->readJSON(path, kRecordFileLimits);
+    std::string_view issue;
+    switch (read.status) {
+      case PackageFileReading::kMissing:
+        issue = kQuillonLoadingIssueMissingFile;
+        break;
+      case PackageFileReading::kEmpty:
+        issue = kQuillonLoadingIssueEmptyFile;
+        break;
+      case PackageFileReading::kUndecryptable:
+        issue = kQuillonLoadingIssueUndecryptableFile;
+        break;
+      default:
+        break;
     }
-    if (stored.empty()) {
-      addLoadingIssue(
-          QuillonLoadingIssue::loadingIssueWithType(kQuillonLoadingIssueEmptyFile, url));
-      return nullptr;
-    }
-    plain.clear();
-    if (!decrypt(stored, &plain)) {
-      addLoadingIssue(
-          QuillonLoadingIssue::loadingIssueWithType(kQuillonLoadingIssueUndecryptableFile, url));
+    if (!issue.empty()) {
+      addLoadingIssue(QuillonLoadingIssue::loadingIssueWithType(issue, url));
       return nullptr;
     }
     // A record that does not parse, or is not an object, contributes nothing;
     // validation reports such files when their change is applied.
-    Value record = readJSON(std::span<const uint8_t>(plain));
+    const Value& record = read.value;
     if (record.isDictionary()) {
-      const Value& payload = record.get("payload");
+      const Value& payload = record.get(kRecordPayloadKey);
       if (payload.isDictionary()) {
-        item->updateValues(payload, entity, url, record.get("version"));
+        item->updateValues(payload, entity, url, record.get(kRecordVersionKey));
       }
     } else {
       systemLog(fmt::format("Skipped the unreadable record {}", url.absoluteString()));

@@ -165,11 +165,7 @@ void writeRecord(ManagedObject& object, QuillonStore* source, QuillonStore* targ
         if (attribute->attributeType() == AttributeType::Binary && stored.isString()) {
           std::span<const uint8_t> plain = value.isData() ? value.bytes() : std::span<const uint8_t>();
           std::vector<uint8_t> sealed;
-          if (target->password().isNil()) {
-            sealed.assign(plain.begin(), plain.end());
-          } else {
-            target->encrypt(plain, &sealed);
-          }
+          target->packageFiles().seal(plain, &sealed);
           const auto length = static_cast<int64_t>(sealed.size());
           Value hash = Value::string(quillonSHA256HexDigest(sealed));
           entry.set(Value::string("length"), Value::integer(length));

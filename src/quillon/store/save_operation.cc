@@ -1,5 +1,7 @@
 #include "quillon/store/save_operation.h"
 
+#include <fmt/format.h>
+
 #include "quillon/base/error.h"
 #include "quillon/base/json.h"
 #include "quillon/cache/cache.h"
@@ -24,23 +26,15 @@ std::vector<std::string> QuillonSaveBatch::take() {
 
 QuillonSaveOperation::QuillonSaveOperation(QuillonStore* store, Value dictionary, Url url,
                                            std::shared_ptr<QuillonSaveBatch> batch)
-    : store_(store), dictionary_(std::move(dictionary)), url_(std::move(url)),
+    : store_(store),
+      dictionary_(std::move(dictionary)),
+      url_(std::move(url)),
       batch_(std::move(batch)) {}
 
 bool QuillonSaveOperation::storedBytes(std::vector<uint8_t>* bytes, const std::string& domain) {
-  Error error;
-  std::string json = writeJSON(dictionary_, JSONStyle::Compact, &error);
-  if (json.empty()) {
-    store_->logError(error, domain);
-    return false;
-  }
-  std::span<const uint8_t> plain(reinterpret_cast<const uint8_t*>(json.data()), json.size());
-  if (store_->password().isNil()) {
-    bytes->assign(plain.begin(), plain.end());
-    return true;
-  }
-  if (!store_->encrypt(plain, bytes)) {
-    store_->logErrorString("Could not encrypt " + url_.path(), domain);
+  if (Error error = store_->packageFiles().sealedJSON(dictionary_, JSONStyle::Compact, bytes)) {
+    store_->logErrorString(
+        fmt::format("Could not write {}: {}", url_.path(), error.localizedDescription()), domain);
     return false;
   }
   return true;

@@ -35,6 +35,7 @@
 #include "quillon/platform/main_queue.h"
 #include "quillon/platform/trash.h"
 #include "quillon/platform/user_info.h"
+#include "quillon/store/package_format.h"
 #include "quillon/store/quillon.h"
 
 namespace quillon {
@@ -47,23 +48,6 @@ std::atomic<Env*> gDefaultEnv{nullptr};
 std::mutex gRegistrationsMutex;
 std::condition_variable gRegistrationsDone;
 int gRegistrationsRunning = 0;
-
-Value readInfoPlist(Env* env, const Url& packageURL) {
-  std::vector<uint8_t> bytes;
-  if (env->readFile(packageURL.appending("Info.plist").path(), &bytes)) return Value();
-  Value info = readPropertyList(bytes);
-  return info.isDictionary() ? info : Value();
-}
-
-bool writeInfoPlist(Env* env, const Url& infoURL, const Value& info) {
-  Error error;
-  std::string xml = writePropertyListXML(info, &error);
-  if (error) {
-    systemLog(fmt::format("Cannot write {}: {}", infoURL.path(), error.localizedDescription()));
-    return false;
-  }
-  return !env->writeFileAtomically(infoURL.path(), std::string_view(xml));
-}
 
 // The three bundle keys a package records of the application and the framework.
 Value bundleSummary(const Value& bundleInfo) {
@@ -98,16 +82,6 @@ bool likeMatches(const Value& value, const Value& pattern) {
   return g == glob.size();
 }
 
-bool endsWithJSON(std::string_view name) {
-  if (name.size() < 4) return false;
-  std::string_view tail = name.substr(name.size() - 4);
-  static constexpr std::string_view kJSON = "json";
-  for (size_t i = 0; i < 4; ++i) {
-    if (std::tolower(static_cast<unsigned char>(tail[i])) != kJSON[i]) return false;
-  }
-  return true;
-}
-
 std::string stringOrNull(const Value& value) {
   return value.isString() ? std::string(value.str()) : std::string("(null)");
 }
@@ -138,7 +112,9 @@ std::optional<std::string> QuillonStore::fileExtension() {
   return std::nullopt;
 }
 
-Value QuillonStore::infoDictionaryForURL(const Url& url) { return readInfoPlist(defaultEnv(), url); }
+Value QuillonStore::infoDictionaryForURL(const Url& url) {
+  return PackageFiles::readInfo(defaultEnv(), url);
+}
 
 Value QuillonStore::documentIdentifierForURL(const Url& url) {
   Value identifier = infoDictionaryForURL(url).get("DocumentIdentifier");
@@ -155,16 +131,11 @@ bool QuillonStore::canOpenURL(const Url& url, const Value& password) {
   Value info = infoDictionaryForURL(url);
   const Value& encryption = info.get(kSeaCryptoEncryptionKey);
   if (password.isNil() && encryption.isNil()) return true;
-  if (!password.isString()) return false;
-  if (!encryption.isDictionary()) return false;
   const Value& check = encryption.get(kSeaCryptoInfoKey);
-  const Value& salt = encryption.get(kSeaCryptoSaltKey);
-  if (!check.isData() || !salt.isData()) return false;
-  SeaCrypto crypto;
-  crypto.setSalt(salt);
-  crypto.setRounds(encryption.get(kSeaCryptoRoundsKey));
-  if (!crypto.setPassword(password)) return false;
-  Value plain = crypto.decryptData(check);
+  if (!check.isData()) return false;
+  std::unique_ptr<SeaCrypto> crypto = PackageFiles::makeCipher(encryption, password);
+  if (!crypto) return false;
+  Value plain = crypto->decryptData(check);
   if (!plain.isData()) return false;
   std::span<const uint8_t> bytes = plain.bytes();
   return std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()) ==
@@ -180,9 +151,8 @@ void QuillonStore::prepareNewStoreAtURL(const Url& url) {
     UserDefaults& defaults = UserDefaults::standard();
     Value records = defaults.objectForKey(kQuillonOverwrittenFilesKey);
     records = records.isArray() ? records.mutableCopy() : Value::mutableArray();
-    records.append(Value::dictionary({{"date", Value::date(dateNow())},
-                                      {"originalPath", path},
-                                      {"trashPath", trashPath}}));
+    records.append(Value::dictionary(
+        {{"date", Value::date(dateNow())}, {"originalPath", path}, {"trashPath", trashPath}}));
     defaults.setObject(kQuillonOverwrittenFilesKey, records);
   }
   QuillonCache::resetCacheForURL(url);
@@ -245,8 +215,8 @@ QuillonStore::QuillonStore(PersistentStoreCoordinator* coordinator, std::string 
     : IncrementalStore(coordinator, std::move(configurationName), std::move(url),
                        std::move(options)),
       env_(defaultEnv()) {
-  readQueue_ = std::make_unique<DispatchQueue>(std::string(kQuillonFrameworkIdentifier) +
-                                               ".ReadQueue");
+  readQueue_ =
+      std::make_unique<DispatchQueue>(std::string(kQuillonFrameworkIdentifier) + ".ReadQueue");
   session_ = makeUUIDString();
   fullUserName_ = UserInfo::fullUserName();
   userName_ = UserInfo::userName();
@@ -256,6 +226,7 @@ QuillonStore::QuillonStore(PersistentStoreCoordinator* coordinator, std::string 
   Value storeOptions = IncrementalStore::options().mutableCopy();
   upToChange_ = storeOptions.get(kQuillonUpToChange);
   storeOptions.erase(Value::string(kQuillonUpToChange));
+  files_ = std::make_shared<PackageFiles>(env_, this->url(), password());
   cache_ = QuillonCache::cacheForStore(this);
   setupEntityKeys();
   writeInfo(storeOptions);
@@ -286,7 +257,7 @@ std::string QuillonStore::identifier() const {
 std::string QuillonStore::documentIdentifier() {
   std::lock_guard<std::recursive_mutex> lock(monitor_);
   if (infoDictionary_.isNil()) {
-    Value info = readInfoPlist(env_, url());
+    Value info = PackageFiles::readInfo(env_, url());
     infoDictionary_ = info.isDictionary() ? info.mutableCopy() : Value::mutableDictionary();
   }
   const Value& identifier = infoDictionary_.get("DocumentIdentifier");
@@ -294,10 +265,10 @@ std::string QuillonStore::documentIdentifier() {
 }
 
 void QuillonStore::setDocumentIdentifier(const std::string& identifier) {
-  Value info = readInfoPlist(env_, url());
+  Value info = PackageFiles::readInfo(env_, url());
   info = info.isDictionary() ? info.mutableCopy() : Value::mutableDictionary();
-  info.set("DocumentIdentifier", identifier);
-  writeInfoPlist(env_, infoURL(), info);
+  info.set(kInfoDocumentIdentifierKey, identifier);
+  if (Error error = PackageFiles::writeInfo(env_, url(), info)) logError(error, "QuillonStore");
 }
 
 void QuillonStore::setURL(const Url& url) {
@@ -317,15 +288,12 @@ void QuillonStore::setURL(const Url& url) {
 }
 
 void QuillonStore::computeURLs() {
-  Url package = url();
+  PackageLayout layout(url());
   {
     std::lock_guard<std::recursive_mutex> lock(monitor_);
-    entitiesURL_ = package.appending("Entities", true);
-    changesURL_ = package.appending("Changes", true);
-    cacheURL_ = package.appending("Cache", true);
-    errorsURL_ = package.appending("Errors", true);
+    layout_ = layout;
   }
-  createDirectoryAtPathIfNeeded(errorsURL().path(), env_);
+  createDirectoryAtPathIfNeeded(layout.errors().path(), env_);
 }
 
 void QuillonStore::refreshURLs() {
@@ -334,27 +302,16 @@ void QuillonStore::refreshURLs() {
   registerURL(url());
 }
 
-Url QuillonStore::infoURL() const { return url().appending("Info.plist"); }
-
-Url QuillonStore::entitiesURL() const {
+PackageLayout QuillonStore::layout() const {
   std::lock_guard<std::recursive_mutex> lock(monitor_);
-  return entitiesURL_;
+  return layout_;
 }
 
-Url QuillonStore::changesURL() const {
-  std::lock_guard<std::recursive_mutex> lock(monitor_);
-  return changesURL_;
-}
-
-Url QuillonStore::cacheURL() const {
-  std::lock_guard<std::recursive_mutex> lock(monitor_);
-  return cacheURL_;
-}
-
-Url QuillonStore::errorsURL() const {
-  std::lock_guard<std::recursive_mutex> lock(monitor_);
-  return errorsURL_;
-}
+Url QuillonStore::infoURL() const { return layout().info(); }
+Url QuillonStore::entitiesURL() const { return layout().entities(); }
+Url QuillonStore::changesURL() const { return layout().changes(); }
+Url QuillonStore::cacheURL() const { return layout().cache(); }
+Url QuillonStore::errorsURL() const { return layout().errors(); }
 
 void QuillonStore::writeInfo(const Value& options) {
   std::string path = url().path();
@@ -375,11 +332,11 @@ void QuillonStore::writeInfo(const Value& options) {
     encryption.set(kSeaCryptoSaltKey, SeaCrypto::generateSalt());
     encryption.set(kSeaCryptoRoundsKey, SeaCrypto::defaultRounds());
     info.set(kSeaCryptoEncryptionKey, encryption);
-    writeInfoPlist(env_, infoURL(), info);
+    if (Error error = PackageFiles::writeInfo(env_, url(), info)) logError(error, "QuillonStore");
     std::string_view text = password.str();
     encryption.set(kSeaCryptoInfoKey, encrypt(Value::data(text)));
   }
-  writeInfoPlist(env_, infoURL(), info);
+  if (Error error = PackageFiles::writeInfo(env_, url(), info)) logError(error, "QuillonStore");
   std::lock_guard<std::recursive_mutex> lock(monitor_);
   infoDictionary_ = info;
 }
@@ -388,7 +345,7 @@ void QuillonStore::setMetadata(Value metadata) {
   Value merged;
   {
     std::lock_guard<std::recursive_mutex> lock(monitor_);
-    Value info = readInfoPlist(env_, url());
+    Value info = PackageFiles::readInfo(env_, url());
     if (info.isDictionary()) infoDictionary_ = info.mutableCopy();
     if (!infoDictionary_.isDictionary()) infoDictionary_ = Value::mutableDictionary();
     if (metadata.isDictionary()) {
@@ -408,65 +365,19 @@ Value QuillonStore::metadata() const {
 
 bool QuillonStore::loadMetadata(Error* /*error*/) { return true; }
 
-void QuillonStore::setupCrypto() {
-  std::call_once(cryptoOnce_, [this] {
-    auto crypto = std::make_unique<SeaCrypto>();
-    Value encryption = readInfoPlist(env_, url()).get(kSeaCryptoEncryptionKey);
-    crypto->setSalt(encryption.get(kSeaCryptoSaltKey));
-    crypto->setRounds(encryption.get(kSeaCryptoRoundsKey));
-    crypto->setPassword(password());
-    crypto_ = std::move(crypto);
-  });
-}
+Value QuillonStore::encrypt(const Value& data) { return files_->seal(data); }
 
-Value QuillonStore::encrypt(const Value& data) {
-  if (password().isNil()) return data;
-  setupCrypto();
-  return crypto_->encryptData(data);
-}
-
-Value QuillonStore::decrypt(const Value& data) {
-  if (password().isNil()) return data;
-  setupCrypto();
-  return crypto_->decryptData(data);
-}
+Value QuillonStore::decrypt(const Value& data) { return files_->open(data); }
 
 bool QuillonStore::encrypt(std::span<const uint8_t> plain, std::vector<uint8_t>* out) {
-  if (password().isNil()) {
-    out->assign(plain.begin(), plain.end());
-    return true;
-  }
-  setupCrypto();
-  out->clear();
-  return crypto_->encryptBytes(plain, out);
+  return files_->seal(plain, out);
 }
 
 bool QuillonStore::decrypt(std::span<const uint8_t> stored, std::vector<uint8_t>* out) {
-  if (password().isNil()) {
-    out->assign(stored.begin(), stored.end());
-    return true;
-  }
-  setupCrypto();
-  out->clear();
-  return crypto_->decryptBytes(stored, out);
+  return files_->open(stored, out);
 }
 
-Url QuillonStore::correctedDataURL(const Url& url) {
-  std::string wanted = url.path();
-  if (env_->exists(wanted)) return url;
-  Url folder = url.deletingLastPathComponent();
-  std::vector<std::string> names;
-  if (env_->listDirectory(folder.path(), &names)) return url;
-  // Sorted, so that the choice among several candidates is the same on
-  // every computer.
-  std::sort(names.begin(), names.end());
-  std::string folderPath = folder.path();
-  for (const std::string& name : names) {
-    std::string candidate = folderPath == "/" ? "/" + name : folderPath + "/" + name;
-    if (candidate.compare(0, wanted.size(), wanted) == 0) return folder.appending(name);
-  }
-  return url;
-}
+Url QuillonStore::correctedDataURL(const Url& url) { return quillon::correctedDataURL(env_, url); }
 
 void QuillonStore::updatePackageDate() { env_->setModificationDate(url().path(), dateNow()); }
 
@@ -483,10 +394,8 @@ bool QuillonStore::loadedAllChanges() {
 std::string QuillonStore::changesInfo() {
   size_t inCache = cache_ ? cache_->changes().size() : 0;
   std::vector<std::string> names;
-  env_->listDirectory(changesURL().path(), &names);
-  size_t onDisk = static_cast<size_t>(std::count_if(
-      names.begin(), names.end(), [](const std::string& name) { return endsWithJSON(name); }));
-  return fmt::format("{} in Cache / {} on Disk", inCache, onDisk);
+  (void)listChangeFiles(env_, changesURL(), &names);  // an unreadable folder counts none
+  return fmt::format("{} in Cache / {} on Disk", inCache, names.size());
 }
 
 void QuillonStore::preventFromSaving() { blockSaves_.store(true); }
@@ -599,13 +508,7 @@ void QuillonStore::setupEntityKeys() {
   }
   bool encrypted = !password().isNil();
   for (const auto& [name, entity] : entities_) {
-    // The salt is not known yet when the keys are made, so the digest's
-    // first field is always the text of an absent value; existing encrypted
-    // packages are named this way.
-    std::string key =
-        encrypted ? quillonSHA256HexDigest(
-                        fmt::format("(null).{}.{}", name, kQuillonFrameworkIdentifier))
-                  : name;
+    std::string key = PackageLayout::entityKey(name, encrypted);
     entityKeys_[name] = key;
     reverseEntityKeys_[key] = name;
   }
@@ -726,11 +629,6 @@ QuillonStore* quillonStore(const ManagedObject& object) {
     if (auto* quillon = dynamic_cast<QuillonStore*>(store.get())) return quillon;
   }
   return nullptr;
-}
-
-bool isSafePathComponent(std::string_view name) {
-  if (name.empty() || name == "." || name == "..") return false;
-  return name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
 }
 
 void registerQuillonStoreType() {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -19,6 +20,8 @@
 #include "quillon/base/value.h"
 #include "quillon/graph/incremental_store.h"
 #include "quillon/graph/managed_object_id.h"
+#include "quillon/store/package_files.h"
+#include "quillon/store/package_layout.h"
 
 namespace quillon {
 
@@ -137,8 +140,12 @@ class QuillonStore : public IncrementalStore {
   Value metadata() const override;
   bool loadMetadata(Error* error) override;
 
+  // Where the package's files are, and how they are read and written.
+  PackageLayout layout() const;
+  PackageFiles& packageFiles() const { return *files_; }
+  std::shared_ptr<PackageFiles> packageFilesPointer() const { return files_; }
+
   // The cipher hand-off: without a password both answer their input.
-  void setupCrypto();
   Value encrypt(const Value& data);
   Value decrypt(const Value& data);
   // The same on bytes; false when the cipher refuses (wrong password, damage).
@@ -271,6 +278,10 @@ class QuillonStore : public IncrementalStore {
   // An empty recovery change under the URL, then updateChanges().
   void insertChange(const Url& url);
   void writeFakeChangeToURL(const Url& url, const Value& refreshes);
+  // `date` (seconds since 2001) moved later when needed so that the change
+  // it names sorts after every change this store named and after
+  // `lastKnownName`, by at least one millisecond. Any thread.
+  double orderedChangeDate(double date, std::string_view lastKnownName);
   // The object's record files whose change is in the change log, in change order.
   std::vector<Url> changesFilesFor(const EntityDescription& entity, const std::string& uid);
 
@@ -350,12 +361,11 @@ class QuillonStore : public IncrementalStore {
   Value userInfo_;
 
   // Package.
-  Url entitiesURL_, changesURL_, cacheURL_, errorsURL_;
+  PackageLayout layout_;
+  std::shared_ptr<PackageFiles> files_;
   Value infoDictionary_;
   mutable Value cachedMetadata_;
   std::string documentIdentifier_;
-  std::unique_ptr<SeaCrypto> crypto_;
-  std::once_flag cryptoOnce_;
   std::atomic<bool> blockSaves_{false};
   std::vector<std::weak_ptr<ManagedObjectContext>> contexts_;
 
@@ -406,11 +416,14 @@ class QuillonStore : public IncrementalStore {
   size_t saveOperationsPruneAt_ = 64;
 
   // [change.cc]
+  std::string lastIssuedChangeDate_;  // "yyyy-MM-dd-HH-mm-ss.SSS" of the last name made
 
   // [validation.cc]
 
   // [update.cc]
   struct UpdatePass;
+  // Conflict copies already reported in the log (main thread).
+  std::set<std::string> reportedConflictCopies_;
   // Reads, validates and merges the pass's change files (read queue).
   static void applyChangeFiles(std::shared_ptr<QuillonStore> self,
                                const std::shared_ptr<UpdatePass>& pass);
@@ -458,11 +471,6 @@ std::string storeSavePath(const ManagedObjectID& objectID);
 Value arrayForStore(const Value& value);
 // The store of an object's coordinator when it is a QuillonStore.
 QuillonStore* quillonStore(const ManagedObject& object);
-
-// A uid or entity key read from a file is safe to use as one path component:
-// non-empty, no "/", no NUL, not "." or "..". Untrusted names are checked
-// with it before any file access.
-bool isSafePathComponent(std::string_view name);
 
 // Registers the store type with the coordinator's registry; the same as
 // Quillon::registerStore().
