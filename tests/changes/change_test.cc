@@ -40,7 +40,8 @@ TEST_F(ChangeTest, NameDictionaryAndEntries) {
   QuillonChange change(store(), 1.5);
   EXPECT_TRUE(change.changes().isNil());
   change.addChange(Value::dictionary(), "Note", "A", "insert");
-  change.addChange(Value::dictionary({{"data", Value::array()}}), "Note", "A", "insert");  // replaces
+  change.addChange(Value::dictionary({{"data", Value::array()}}), "Note", "A",
+                   "insert");  // replaces
   change.addChange(Value::dictionary(), "Tag", "B", "delete");
 
   const std::string name = change.name();
@@ -71,6 +72,24 @@ TEST_F(ChangeTest, NameDictionaryAndEntries) {
   EXPECT_FALSE(fs::exists(changeFile(empty.fileName())));
 }
 
+TEST_F(ChangeTest, SavesInOneMillisecondKeepTheirOrder) {
+  // Three saves stamped with one instant, and one whose clock runs a little
+  // behind: each name sorts after the one made before it.
+  std::vector<std::string> names;
+  for (double date : {100.0, 100.0, 100.0, 99.9995}) {
+    QuillonChange change(store(), date);
+    names.push_back(change.name());
+  }
+  EXPECT_TRUE(names[0].starts_with("2001-01-01-00-01-40.000.")) << names[0];
+  EXPECT_TRUE(names[1].starts_with("2001-01-01-00-01-40.001.")) << names[1];
+  EXPECT_TRUE(names[2].starts_with("2001-01-01-00-01-40.002.")) << names[2];
+  EXPECT_TRUE(names[3].starts_with("2001-01-01-00-01-40.003.")) << names[3];
+
+  // The last change another computer wrote counts too.
+  QuillonChange later(store(), 100.0);
+  EXPECT_GT(later.name(), names[3]);
+}
+
 TEST_F(ChangeTest, SavedRecoveryAndFakeChangeFiles) {
   QuillonChange first(store(), 100);
   first.addChange(Value::dictionary(), "Note", "A", "insert");
@@ -93,11 +112,13 @@ TEST_F(ChangeTest, SavedRecoveryAndFakeChangeFiles) {
   // Recovery and fake changes are pretty and named after their file.
   const std::string name = "2001-01-01-00-00-00.000.00000000-0000-0000-0000-000000000001.json";
   Url url = store()->changesURL().appending(name);
-  Value refreshes = Value::dictionary({{"update", Value::dictionary({{"Note", Value::dictionary({{"A", Value::dictionary()}})}})}});
+  Value refreshes = Value::dictionary(
+      {{"update", Value::dictionary({{"Note", Value::dictionary({{"A", Value::dictionary()}})}})}});
   store()->writeFakeChangeToURL(url, refreshes);
   std::string text = dir_.read("Doc.quillon/Changes/" + name);
   EXPECT_NE(text.find('\n'), std::string::npos);  // pretty
-  EXPECT_EQ(readJSON(text), Value::dictionary({{"name", name}, {"type", "recovery"}, {"refreshes", refreshes}}));
+  EXPECT_EQ(readJSON(text),
+            Value::dictionary({{"name", name}, {"type", "recovery"}, {"refreshes", refreshes}}));
 
   const std::string other = "2001-01-01-00-00-00.000.00000000-0000-0000-0000-000000000002.json";
   store()->insertChange(store()->changesURL().appending(other));

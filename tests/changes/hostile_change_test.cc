@@ -8,12 +8,16 @@
 #include <vector>
 
 #include "changes/two_computers.h"
+#include "quillon/base/dispatch_queue.h"
 #include "quillon/base/env.h"
 #include "quillon/base/json.h"
+#include "quillon/cache/cache.h"
 #include "quillon/changes/change_file_check.h"
+#include "quillon/graph/managed_object.h"
 #include "support/fault_env.h"
 #include "support/store_stack.h"
 #include "support/temp_dir.h"
+#include "support/tool_run.h"
 
 namespace quillon {
 namespace {
@@ -74,9 +78,10 @@ class HugeFileEnv : public FaultInjectingEnv {
       "2031-01-01-00-00-00.000.00000000-0000-0000-0000-00000000FFFF.json";
   Error attributes(const std::string& path, FileAttributes* attributes) override {
     Error error = FaultInjectingEnv::attributes(path, attributes);
-    if (!error && path.ends_with(kHuge)) attributes->size = kMaximumChangeFileSize + 1;
+    if (!error && path.ends_with(huge)) attributes->size = kMaximumChangeFileSize + 1;
     return error;
   }
+  std::string huge = std::string(kHuge);
   // Operations on paths built from the hostile names.
   size_t escapes() const {
     size_t n = 0;
@@ -126,6 +131,43 @@ TEST(HostileChangeFileTest, IsRefusedWithoutTouchingAnythingOutsideThePackage) {
     EXPECT_EQ(env.escapes(), 0u);
     EXPECT_EQ(env.count(FaultInjectingEnv::Op::Read, HugeFileEnv::kHuge), 0u);
   }
+}
+
+// A change file already applied can turn hostile later (a sync service
+// replaces it): the other readers of change files meet the same limits.
+TEST(HostileChangeFileTest, EveryOtherReaderOfChangeFilesRefusesIt) {
+  TempDir dir("quillon-hostile");
+  HugeFileEnv env;
+  QuillonStore::setDefaultEnv(&env);
+  {
+    ScopedCacheHome cacheHome(dir.file("cache"));
+    StoreStack stack(dir.file("Doc.quillon"));
+    ASSERT_TRUE(stack.waitUntilReady());
+    ManagedObjectPtr note = testing::insertNote(stack, "one");
+    ASSERT_TRUE(stack.saveAndWait());
+    const std::string name = loggedChangeNames(*stack.store).at(0);
+    ASSERT_EQ(stack.store->cache().changesHistoryForObjectID(note->objectID()).size(), 2u);
+
+    // Nested too deeply: the history leaves the change out, the tool says so.
+    const std::string uid = storeUID(*note);
+    dir.write("Doc.quillon/Changes/" + name,
+              "{\"name\":\"" + name + "\",\"changes\":{\"insert\":{\"Note\":{\"" + uid +
+                  "\":{}}}},\"x\":" + std::string(100, '[') + std::string(100, ']') + "}");
+    EXPECT_EQ(stack.store->cache().changesHistoryForObjectID(note->objectID()).size(), 1u);
+    testing::ToolRun listed = testing::runTool(dir, "changes Doc.quillon");
+    EXPECT_EQ(listed.status, 0) << listed.err;
+    EXPECT_EQ(listed.out, name + "\t-\tnot a change file\t-\n");
+
+    // Too large: never read at all.
+    env.huge = name;
+    const size_t readsBefore = env.count(FaultInjectingEnv::Op::Read, "Changes/" + name);
+    EXPECT_EQ(stack.store->cache().changesHistoryForObjectID(note->objectID()).size(), 1u);
+    stack.store->checkAllFiles();
+    stack.store->cache().queue().drain();
+    EXPECT_EQ(env.count(FaultInjectingEnv::Op::Read, "Changes/" + name), readsBefore);
+  }
+  QuillonStore::setDefaultEnv(Env::Default());
+  EXPECT_EQ(env.escapes(), 0u);
 }
 
 }  // namespace

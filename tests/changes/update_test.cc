@@ -159,6 +159,40 @@ TEST_F(UpdateTest, RecoveryModeAppliesAnIncompleteChangeAndLogsTheProblem) {
   EXPECT_FALSE(logContains(*b->store, "Missing files: Abort"));
 }
 
+TEST_F(UpdateTest, ConflictCopiesAndTemporaryFilesAreNotPartOfTheHistory) {
+  openBoth();
+  insertNote(*a, "one");
+  ASSERT_TRUE(a->saveAndWait());
+  Strings names = loggedChangeNames(*a->store);
+  ASSERT_EQ(names.size(), 1u);
+  // What sync services leave beside a change file: a conflict copy (here a
+  // damaged one), their temporary files, and a leftover of ours.
+  const std::string stem = names[0].substr(0, names[0].size() - 5);
+  const std::string copy = stem + ".sync-conflict-20261123-084814-DXILLWC.json";
+  dir.write("Doc.quillon/Changes/" + copy, "{\"name\": \"not this\"}");
+  dir.write("Doc.quillon/Changes/.syncthing." + names[0] + ".tmp", "{\"na");
+  dir.write("Doc.quillon/Changes/" + stem + " (1).json", "");
+  dir.write("Doc.quillon/Changes/.quillon-tmp-" + names[0], "{");
+  update(*b);
+  insertNote(*a, "two");
+  ASSERT_TRUE(a->saveAndWait());
+  update(*b);
+
+  EXPECT_EQ(fetchNotes(*b).size(), 2u);
+  EXPECT_EQ(loggedChangeNames(*b->store), loggedChangeNames(*a->store));
+  EXPECT_FALSE(logContains(*b->store, "Incomplete change file"));
+  EXPECT_FALSE(logContains(*b->store, "Refused change file"));
+  // Each copy is worth one warning, however many updates see it.
+  Value entries = b->store->logEntries();
+  size_t warnings = 0;
+  for (const Value& entry : entries.elements()) {
+    if (entry.get("message").str().find("Ignored a conflict copy") != std::string::npos) ++warnings;
+  }
+  EXPECT_EQ(warnings, 2u);
+  EXPECT_EQ(b->store->checkSum(), a->store->checkSum());
+  EXPECT_EQ(b->store->changesInfo(), "2 in Cache / 2 on Disk");
+}
+
 TEST_F(UpdateTest, AChangeThatArrivesInTheMiddleCutsTheLogAndReappliesTheRest) {
   a = open("A");
   b = open("B");

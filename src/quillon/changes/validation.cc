@@ -95,19 +95,7 @@ Value QuillonStore::combineChangeDictionary(const Value& first, const Value& sec
   return result;
 }
 
-std::string QuillonStore::shortURL(const Url& url) const {
-  std::string text = url.absoluteString();
-  const std::string package = this->url().absoluteString();
-  if (package.empty()) return text;
-  std::string shortened;
-  size_t from = 0;
-  for (size_t at = text.find(package); at != std::string::npos; at = text.find(package, from)) {
-    shortened.append(text, from, at - from);
-    from = at + package.size();
-  }
-  shortened.append(text, from, std::string::npos);
-  return shortened;
-}
+std::string QuillonStore::shortURL(const Url& url) const { return layout().shortText(url); }
 
 Value QuillonStore::validatedChanges(const Value& change, bool lightWeight, Value* loadedItems) {
   const std::string_view error = kQuillonLogTypeError;
