@@ -144,7 +144,8 @@ TEST_F(CacheTest, ConcurrentUpdatesReadsAndSavesOfOneShard) {
   for (auto& thread : threads) thread.join();
   saveCache();
 
-  auto shard = QuillonCacheDictionary::dictionaryWithStore(store_->packageFilesPointer(), *cache_->URLForKey("Note_D"));
+  auto shard = QuillonCacheDictionary::dictionaryWithStore(store_->packageFilesPointer(),
+                                                           *cache_->URLForKey("Note_D"));
   Value stored = shard->content();
   ASSERT_EQ(stored.size(), 600u);
   auto* item = stored.get("D2199").objectAs<QuillonCacheItem>();
@@ -254,17 +255,19 @@ TEST_F(CacheTest, ResetForgetsEverythingOnDisk) {
 
 TEST_F(CacheTest, AFirstChangeFromThePackageCopyIsValidatedAndRetried) {
   testing::ManualClock clock;
-  auto cache = QuillonCache::cacheForStore(store_);
-  auto log = QuillonCacheArray::arrayWithStore(store_->packageFilesPointer(), Url::fileURL(dir_.file("copy/Changes")));
+  QuillonCache* cache = &store_->cache();
+  cache->installChangeLog(nullptr);  // as before the first load
+  auto log = QuillonCacheArray::arrayWithStore(store_->packageFilesPointer(),
+                                               Url::fileURL(dir_.file("copy/Changes")));
   // Light-weight validation looks at data files only: this one never arrived.
   Value missing = uids({"MISSING"});
   Value blob = Value::dictionary({{"name", "blob"}, {"length", 4}});
   missing.set("MISSING", Value::dictionary({{"data", Value::array({blob})}}));
-  log->setContent(Value::array({Value::dictionary(
-      {{"name", "2020-01-01-00-00-00.000.0000"},
-       {"changes", sections(Value::dictionary({{"Note", missing}}))}})}));
+  log->setContent(Value::array(
+      {Value::dictionary({{"name", "2020-01-01-00-00-00.000.0000"},
+                          {"changes", sections(Value::dictionary({{"Note", missing}}))}})}));
   log->setFromBundle(true);
-  cache->loadChangeLog(log);
+  store_->loadChangeLog(log);
   EXPECT_EQ(cache->changeLog(), nullptr) << "a change whose files are missing is not trusted";
 
   clock.advance(10);
@@ -309,7 +312,8 @@ TEST_F(EncryptedCacheTest, CacheFilesAreEncryptedWithThePackage) {
   std::string text(stored.begin(), stored.end());
   EXPECT_EQ(text.find("hidden title"), std::string::npos);
 
-  auto shard = QuillonCacheDictionary::dictionaryWithStore(store_->packageFilesPointer(), *cache_->URLForKey("Note_9"));
+  auto shard = QuillonCacheDictionary::dictionaryWithStore(store_->packageFilesPointer(),
+                                                           *cache_->URLForKey("Note_9"));
   auto* item = shard->valueForKey("9A").objectAs<QuillonCacheItem>();
   ASSERT_NE(item, nullptr);
   EXPECT_EQ(item->attributes().get("title"), Value("hidden title"));

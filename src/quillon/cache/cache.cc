@@ -31,10 +31,8 @@ namespace {
 
 constexpr std::string_view kChangeLogKey = "Changes";
 constexpr std::string_view kLocalDatabaseCache = "LocalDatabaseCache";
-constexpr std::string_view kLoadChangeLogSelector = "loadChangeLogIfNeeded";
 constexpr std::string_view kShardCharacters = "0123456789ABCDEF";
 constexpr size_t kChangesChainLength = 50;
-constexpr double kLoadChangeLogRetrySeconds = 10.0;
 
 // The application's "LocalDatabaseCache" folder; empty without a user cache
 // folder.
@@ -154,8 +152,6 @@ void QuillonCache::setStoreURL(const Url& storeURL) {
     }
   }
   url_ = cacheURLForStoreURL(storeURL).value_or(Url());
-  if (store_->upToChange().isNil()) loadChangeLogIfNeeded();
-  store_->updateChanges();
 }
 
 std::optional<Url> QuillonCache::URLForKey(std::string_view key) const {
@@ -186,13 +182,8 @@ void QuillonCache::postChangesNotice(const std::function<void()>& change) {
   });
 }
 
-std::shared_ptr<QuillonCacheArray> QuillonCache::makeChangeLog() const {
+std::shared_ptr<QuillonCacheArray> QuillonCache::storedChangeLog() const {
   return QuillonCacheArray::arrayWithStore(files_, URLForKey(kChangeLogKey).value_or(Url()));
-}
-
-void QuillonCache::loadChangeLogIfNeeded() {
-  if (changeLog()) return;
-  loadChangeLog(makeChangeLog());
 }
 
 void QuillonCache::installChangeLog(const std::shared_ptr<QuillonCacheArray>& log) {
@@ -203,42 +194,22 @@ void QuillonCache::installChangeLog(const std::shared_ptr<QuillonCacheArray>& lo
   updateChangeNames();
 }
 
-void QuillonCache::loadChangeLog(const std::shared_ptr<QuillonCacheArray>& log) {
-  Value first;
-  size_t count = 0;
-  log->readContent([&](const Value& changes) {
-    count = changes.size();
-    if (count > 0) first = changes[0];
-  });
-  if (first.isNil() || !log->fromBundle()) {
-    installChangeLog(log);
-    if (count > 0) {
-      store_->log("Loaded changes", kQuillonLogTypeSuccess);
-    } else {
-      store_->log("No changes found", kQuillonLogTypeWarning);
-    }
-    return;
+size_t QuillonCache::keepAgreeingChanges(const std::vector<std::string>& names) {
+  std::shared_ptr<QuillonCacheArray> log = changeLog();
+  if (!log) return 0;
+  std::lock_guard lock(log->lock());
+  Value logged = log->content();
+  size_t agreeing = 0;
+  while (agreeing < names.size() && agreeing < logged.size()) {
+    const Value& name = logged[agreeing].get(kChangeNameKey);
+    if (!name.isString() || name.str() != names[agreeing]) break;
+    ++agreeing;
   }
-  systemLog("Start Check");
-  Value validated = store_->validatedChanges(first, true);
-  systemLog("End Check");
-  if (validated.isNil()) {
-    store_->log("Aborting for now. Trying later", kQuillonLogTypeWarning);
-    MainQueue::afterDelay(
-        kLoadChangeLogRetrySeconds,
-        [weak = weak_from_this()] {
-          if (auto cache = weak.lock()) cache->loadChangeLogIfNeeded();
-        },
-        this, std::string(kLoadChangeLogSelector));
-    return;
+  if (agreeing < logged.size() && agreeing < names.size()) {
+    std::vector<Value> prefix(logged.elements().begin(), logged.elements().begin() + agreeing);
+    log->setContent(Value::array(std::move(prefix), true));
   }
-  installChangeLog(log);
-  const Value& sections = first.get(kQuillonChanges);
-  // The update section goes in as inserted objects and the insert section as
-  // updated ones; the refresh treats both alike and this order is relied on.
-  store_->refreshInsertedObjects(sections.get(kQuillonUpdate), sections.get(kQuillonInsert),
-                                 sections.get(kQuillonDelete));
-  store_->log("Loaded Cache", kQuillonLogTypeSuccess);
+  return agreeing;
 }
 
 std::shared_ptr<QuillonCacheArray> QuillonCache::changeLog() const {
@@ -260,7 +231,7 @@ void QuillonCache::addChange(const Value& change, bool isExternal, const Value& 
   {
     std::lock_guard lock(changeLogMutex_);
     if (!changeLog_) {
-      changeLog_ = makeChangeLog();
+      changeLog_ = storedChangeLog();
       created = true;
     }
     log = changeLog_;
@@ -751,33 +722,9 @@ void QuillonCache::reset() {
   }
   {
     std::lock_guard lock(changeLogMutex_);
-    changeLog_ = makeChangeLog();
+    changeLog_ = storedChangeLog();
   }
   store_->log("Reset Log", kQuillonLogTypeWarning);
-}
-
-void QuillonCache::checkAllFiles() {
-  // The queue is drained before the cache goes, so the block may use it.
-  queue_->async([this] {
-    if (stopping_.load()) return;
-    store_->log("Start checking Files", kQuillonLogTypeSuccess);
-    Value changes = makeChangeLog()->content();
-    store_->setRecover(true);
-    size_t errors = 0;
-    if (changes.empty()) {
-      store_->log("No change files found", kQuillonLogTypeError);
-      ++errors;
-    }
-    for (const Value& change : changes.elements()) {
-      if (store_->validatedChanges(change, false).isNil()) ++errors;
-    }
-    store_->setRecover(false);
-    if (errors > 0) {
-      store_->log("Finished checking Files: Found errors", kQuillonLogTypeError);
-    } else {
-      store_->log("Finished checking Files: All fine", kQuillonLogTypeSuccess);
-    }
-  });
 }
 
 void QuillonCache::cacheMissingItems() {

@@ -42,7 +42,7 @@ class QuillonStore;
 // store without owning it. Thread-safe: the shard and uid tables, the change
 // log and each collection carry their own locks; change notices ("changes")
 // are posted on the main queue. Indexing runs on indexQueue, collection saves
-// on saveQueue, checkAllFiles on queue(). The store must call
+// on saveQueue; queue() is the store's for checking all files. The store must call
 // stopBackgroundWork() before its own state goes (its destructor), since
 // that work calls back into the store.
 //
@@ -75,14 +75,17 @@ class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
   std::optional<Url> URLForKey(std::string_view key) const;
 
   // ---- The change log ----
-  void loadChangeLogIfNeeded();
-  // Installs `log` as the change log, first validating its first change
-  // (light-weight) when the collection came from the package's copy; a
-  // failed validation retries loadChangeLogIfNeeded after 10 s. What
-  // loadChangeLogIfNeeded does with a fresh "Changes" collection.
-  void loadChangeLog(const std::shared_ptr<QuillonCacheArray>& log);
+  // The change log as stored in the cache folder (loaded on first use); the
+  // store decides whether to trust it and installs it.
+  std::shared_ptr<QuillonCacheArray> storedChangeLog() const;
+  // Makes `log` the change log (nullptr: none is loaded).
+  void installChangeLog(const std::shared_ptr<QuillonCacheArray>& log);
   // Nullptr until loaded: fetches answer nothing before that.
   std::shared_ptr<QuillonCacheArray> changeLog() const;
+  // The number of logged changes that agree, in order, with the first of
+  // `names` (the change files on disk); when one differs, the log is cut
+  // after the agreeing ones, which are then all it holds.
+  size_t keepAgreeingChanges(const std::vector<std::string>& names);
   void addChange(const Value& change, bool isExternal);
   // addChange(change, true) for another computer's change whose inserted
   // objects its validation already read from their records: `loaded` maps
@@ -156,7 +159,6 @@ class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
   void save();
   void saveInBundle();
   void reset();
-  void checkAllFiles();
   // Background indexing of every concrete entity, once per cache.
   void cacheMissingItems();
   // The quit-time backup snapshot; no provider exists here, so it logs that.
@@ -187,8 +189,6 @@ class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
   friend class QuillonIndexOperation;
   friend class QuillonIndexLoadOperation;
   void postChangesNotice(const std::function<void()>& change);
-  void installChangeLog(const std::shared_ptr<QuillonCacheArray>& log);
-  std::shared_ptr<QuillonCacheArray> makeChangeLog() const;
   std::shared_ptr<QuillonCacheItem> itemInShard(
       const std::shared_ptr<QuillonCacheDictionary>& shard, const std::string& uid) const;
   // addChange and addExternalChange.

@@ -26,6 +26,7 @@
 #include "quillon/platform/file_viewer.h"
 #include "quillon/platform/main_queue.h"
 #include "quillon/store/managed_object_context.h"
+#include "quillon/store/package_format.h"
 #include "quillon/store/quillon.h"
 #include "quillon/store/store.h"
 
@@ -87,6 +88,50 @@ struct QuillonStore::UpdatePass {
   Value deletes = Value::mutableDictionary();
   std::function<void(bool)> completion;
 };
+
+void QuillonStore::loadChangeLogIfNeeded() {
+  if (cache().changeLog()) return;
+  loadChangeLog(cache().storedChangeLog());
+}
+
+void QuillonStore::loadChangeLog(const std::shared_ptr<QuillonCacheArray>& log) {
+  Value first;
+  size_t count = 0;
+  log->readContent([&](const Value& changes) {
+    count = changes.size();
+    if (count > 0) first = changes[0];
+  });
+  if (first.isNil() || !log->fromBundle()) {
+    cache().installChangeLog(log);
+    if (count > 0) {
+      this->log("Loaded changes", kQuillonLogTypeSuccess);
+    } else {
+      this->log("No changes found", kQuillonLogTypeWarning);
+    }
+    return;
+  }
+  systemLog("Start Check");
+  Value validated = validatedChanges(first, true);
+  systemLog("End Check");
+  if (validated.isNil()) {
+    this->log("Aborting for now. Trying later", kQuillonLogTypeWarning);
+    std::weak_ptr<IncrementalStore> weak = weak_from_this();
+    MainQueue::afterDelay(
+        kRetryDelaySeconds,
+        [weak] {
+          if (auto store = lockStore(weak)) store->loadChangeLogIfNeeded();
+        },
+        this, "loadChangeLogIfNeeded");
+    return;
+  }
+  cache().installChangeLog(log);
+  const Value& sections = first.get(kChangeChangesKey);
+  // The update section goes in as inserted objects and the insert section as
+  // updated ones; the refresh treats both alike and this order is relied on.
+  refreshInsertedObjects(sections.get(kChangeUpdateKey), sections.get(kChangeInsertKey),
+                         sections.get(kChangeDeleteKey));
+  this->log("Loaded Cache", kQuillonLogTypeSuccess);
+}
 
 void QuillonStore::updateChanges() {
   std::weak_ptr<IncrementalStore> weak = weak_from_this();
@@ -168,20 +213,7 @@ void QuillonStore::updateChangesWithCompletion(std::function<void(bool success)>
     }
   }
 
-  // The change log's agreeing prefix.
-  std::shared_ptr<QuillonCacheArray> changeLog = cache().changeLog();
-  Value logged = changeLog ? changeLog->content() : Value::array();
-  size_t start = 0;
-  while (start < pass->names.size() && start < logged.size()) {
-    const Value& entry = logged[start];
-    const Value& name = entry.isDictionary() ? entry.get("name") : Value();
-    if (!name.isString() || name.str() != pass->names[start]) {
-      std::vector<Value> prefix(logged.elements().begin(), logged.elements().begin() + start);
-      changeLog->setContent(Value::array(std::move(prefix), true));
-      break;
-    }
-    ++start;
-  }
+  const size_t start = cache().keepAgreeingChanges(pass->names);
   if (start == pass->names.size()) {
     log("No new changes to apply", kQuillonLogTypeSuccess);
     pass->completion(true);

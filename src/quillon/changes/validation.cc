@@ -98,6 +98,11 @@ Value QuillonStore::combineChangeDictionary(const Value& first, const Value& sec
 std::string QuillonStore::shortURL(const Url& url) const { return layout().shortText(url); }
 
 Value QuillonStore::validatedChanges(const Value& change, bool lightWeight, Value* loadedItems) {
+  return validate(change, lightWeight, loadedItems, recover());
+}
+
+Value QuillonStore::validate(const Value& change, bool lightWeight, Value* loadedItems,
+                             bool recovering) {
   const std::string_view error = kQuillonLogTypeError;
   const std::string_view warning = kQuillonLogTypeWarning;
   const std::string_view success = kQuillonLogTypeSuccess;
@@ -126,7 +131,7 @@ Value QuillonStore::validatedChanges(const Value& change, bool lightWeight, Valu
     log(message, type, menu);
     setErrorLevel(warning);
     failed = true;
-    return !recover();
+    return !recovering;
   };
   auto invalidContent = [&](std::string_view where) {
     return fail(fmt::format("Invalid content in change file: {}", clip(std::string(where))), error,
@@ -283,7 +288,7 @@ Value QuillonStore::validatedChanges(const Value& change, bool lightWeight, Valu
   if (failed) {
     log(fmt::format("Failed validation {}", changeText), error);
     setErrorLevel(error);
-    return recover() ? combined : Value();
+    return recovering ? combined : Value();
   }
   log(fmt::format("Completed validation {}", changeText), success);
   setErrorLevel(success);

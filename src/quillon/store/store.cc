@@ -19,6 +19,7 @@
 #include "quillon/base/uuid.h"
 #include "quillon/base/version.h"
 #include "quillon/cache/cache.h"
+#include "quillon/cache/cache_collection.h"
 #include "quillon/coding/data_utils.h"
 #include "quillon/coding/file_manager_utils.h"
 #include "quillon/coding/sea_crypto.h"
@@ -238,7 +239,8 @@ QuillonStore::~QuillonStore() {
   // Indexing and cache checks call back into the store: stop them while the
   // store is still whole.
   if (cache_) cache_->stopBackgroundWork();
-  for (const char* selector : {"updateChanges", "processChanges", "refreshLog"}) {
+  for (const char* selector :
+       {"updateChanges", "processChanges", "refreshLog", "loadChangeLogIfNeeded"}) {
     MainQueue::cancelPreviousPerformRequests(this, selector);
   }
   unobserveDirectory();
@@ -298,7 +300,11 @@ void QuillonStore::computeURLs() {
 
 void QuillonStore::refreshURLs() {
   computeURLs();
-  if (cache_) cache_->setStoreURL(url());
+  if (cache_) {
+    cache_->setStoreURL(url());
+    if (upToChange_.isNil()) loadChangeLogIfNeeded();
+    updateChanges();
+  }
   registerURL(url());
 }
 
@@ -384,7 +390,26 @@ void QuillonStore::updatePackageDate() { env_->setModificationDate(url().path(),
 void QuillonStore::resetCache() { env_->removeItem(cacheURL().path()); }
 
 void QuillonStore::checkAllFiles() {
-  if (cache_) cache_->checkAllFiles();
+  if (!cache_) return;
+  // On the cache's queue, which the destructor drains before anything goes.
+  cache_->queue().async([this] {
+    log("Start checking Files", kQuillonLogTypeSuccess);
+    Value changes = cache_->storedChangeLog()->content();
+    size_t errors = 0;
+    if (changes.empty()) {
+      log("No change files found", kQuillonLogTypeError);
+      ++errors;
+    }
+    // Every file is checked, as in recovery mode, whatever the store's mode.
+    for (const Value& change : changes.elements()) {
+      if (validate(change, false, nullptr, /*recovering=*/true).isNil()) ++errors;
+    }
+    if (errors > 0) {
+      log("Finished checking Files: Found errors", kQuillonLogTypeError);
+    } else {
+      log("Finished checking Files: All fine", kQuillonLogTypeSuccess);
+    }
+  });
 }
 
 bool QuillonStore::loadedAllChanges() {

@@ -34,6 +34,7 @@ class ManagedObjectContext;
 class Operation;
 class OperationQueue;
 class QuillonCache;
+class QuillonCacheArray;
 class QuillonCacheItem;
 class QuillonChange;
 class SaveChangesRequest;
@@ -168,8 +169,8 @@ class QuillonStore : public IncrementalStore {
 
   Value executeRequest(const PersistentStoreRequest& request, ManagedObjectContext* context,
                        Error* error) override;
-  // Binds the cache to the package (setStoreURL, which loads the change log
-  // and starts the first update), records the package as recently opened and
+  // Binds the cache to the package, loads its change log and starts the
+  // first update, records the package as recently opened and
   // starts observing "Changes". This is the last step of opening; it runs
   // here rather than in the constructor because the work it schedules holds
   // the store weakly, which needs the coordinator's shared_ptr to exist.
@@ -300,6 +301,11 @@ class QuillonStore : public IncrementalStore {
 
   // ---- Applying external changes (changes/update.cc) ----
 
+  // Installs the cache's stored change log, first validating its first
+  // change (light-weight) when the log came from the package's copy; a
+  // failed validation tries again after 10 s.
+  void loadChangeLogIfNeeded();
+  void loadChangeLog(const std::shared_ptr<QuillonCacheArray>& log);
   void updateChanges();
   void updateChangesWithCompletion(std::function<void(bool success)> completion);
   void refreshInsertedObjects(const Value& inserts, const Value& updates, const Value& deletes);
@@ -419,6 +425,8 @@ class QuillonStore : public IncrementalStore {
   std::string lastIssuedChangeDate_;  // "yyyy-MM-dd-HH-mm-ss.SSS" of the last name made
 
   // [validation.cc]
+  // validatedChanges with the recovery mode given rather than the store's.
+  Value validate(const Value& change, bool lightWeight, Value* loadedItems, bool recovering);
 
   // [update.cc]
   struct UpdatePass;
