@@ -57,6 +57,8 @@ namespace detail {
 struct Node;
 }
 
+struct ValueChild;
+
 // Value is the property-list-like tree that records, change files, property
 // lists, the cache and DenseCoding share.
 //
@@ -172,6 +174,17 @@ class Value {
   // dictionary form treats repeated keys and nil values as above.
   static Value arrayMovingFrom(std::span<Value> elements, bool isMutable = false);
   static Value dictionaryMovingFrom(std::span<Entry> entries, bool isMutable = false);
+  // A child for the parser factories below (see ValueChild).
+  using Child = ValueChild;
+  using ChildEntry = std::pair<Child, Child>;
+  // As arrayMovingFrom and dictionaryMovingFrom, but short text children
+  // become strings that share the container's allocation: building a
+  // container of strings costs one allocation, and dropping it one free. A
+  // string that outlives its container keeps that allocation (the container's
+  // element buffer and its other short strings, a bounded size) alive, never
+  // the container's other children.
+  static Value arrayFromChildren(std::span<Child> elements, bool isMutable = false);
+  static Value dictionaryFromChildren(std::span<ChildEntry> entries, bool isMutable = false);
   static Value mutableDictionary() { return dictionary(true); }
   static Value set(bool isMutable = false);
   static Value set(std::initializer_list<Value> elements, bool isMutable = false);
@@ -306,6 +319,9 @@ class Value {
   detail::Node* node() const { return hasNode() ? u_.n : nullptr; }
   // The bytes of a string; requires isString().
   static std::string_view stringOf(const Value& v);
+  // The dictionary builders' common part, over Entry or ChildEntry.
+  template <typename E>
+  static Value dictionaryFrom(std::span<E> entries, bool isMutable, size_t stringBytes);
   // Reference counting of the node; both require hasNode().
   void retain() const noexcept;
   void release() noexcept;
@@ -318,6 +334,22 @@ class Value {
     detail::Node* n;
   } u_;
   Kind kind_;
+};
+
+// A child for Value's parser factories: a finished value, or the text of an
+// immutable string that the container keeps in its own allocation.
+struct ValueChild {
+  ValueChild() = default;
+  ValueChild(Value v) : value(std::move(v)) {}
+  static ValueChild string(std::string_view s) {
+    ValueChild c;
+    c.text = s;
+    c.isText = true;
+    return c;
+  }
+  Value value;
+  std::string_view text;  // with isText; must stay valid until the factory returns
+  bool isText = false;
 };
 
 struct ValueHash {
