@@ -660,6 +660,10 @@ void Value::release() noexcept {
   }
 }
 
+bool Value::isSoleHandle() const noexcept {
+  return hasNode() && u_.n->refs.load(std::memory_order_relaxed) == 1;
+}
+
 Value& Value::operator=(const Value& other) noexcept {
   if (this != &other) {
     Value copy(other);

@@ -302,6 +302,10 @@ class Value {
   // The address of the shared node, nullptr for scalars: a key for identity
   // maps (valid while some handle to the node lives).
   const void* identity() const noexcept { return node(); }
+  // Whether this is the only handle on its node (false for scalars): a node
+  // held once is reached once by a walk that does not copy handles. Only
+  // meaningful while no other thread copies or drops handles to it.
+  bool isSoleHandle() const noexcept;
   // Deep equality; numbers by value across kinds, sets regardless of order.
   bool operator==(const Value& other) const;
   size_t hash() const;

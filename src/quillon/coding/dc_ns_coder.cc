@@ -160,6 +160,7 @@ DCNSCoder::DCNSCoder(const Value& rootObject) : rootObject_(rootObject) {
   }
   generation_ = tables_->generation;
   tables_->arena.clear();
+  tables_->pending.clear();
 }
 
 DCNSCoder::~DCNSCoder() {
@@ -168,6 +169,7 @@ DCNSCoder::~DCNSCoder() {
   if (tables_->dates.size() > kRetainedSlots) tables_->dates = {};
   if (tables_->strings.size() > kRetainedSlots) tables_->strings = {};
   if (tables_->arena.capacity() > kRetainedArena) tables_->arena = {};
+  if (tables_->pending.capacity() > kRetainedSlots) tables_->pending = {};
 }
 
 // ---- Output ----------------------------------------------------------------
@@ -247,8 +249,30 @@ void DCNSCoder::insertSlot(std::vector<ObjectSlot>& slots, uint32_t& used, uint6
   ++used;
 }
 
-uint32_t DCNSCoder::findObject(const void* key) const {
+uint32_t DCNSCoder::findObject(const void* key) {
+  uint32_t found = findSlot(tables_->objects, reinterpret_cast<uintptr_t>(key));
+  if (found || tables_->pending.empty()) return found;
+  enterPending();
   return findSlot(tables_->objects, reinterpret_cast<uintptr_t>(key));
+}
+
+void DCNSCoder::enterPending() {
+  for (const auto& [key, index] : tables_->pending) {
+    insertSlot(tables_->objects, objectSlotsUsed_, reinterpret_cast<uintptr_t>(key), index);
+  }
+  tables_->pending.clear();
+}
+
+uint32_t DCNSCoder::findValue(const Value& v) {
+  return v.isSoleHandle() ? 0 : findObject(v.identity());
+}
+
+void DCNSCoder::enterValue(const Value& v) {
+  if (v.isSoleHandle()) {
+    tables_->pending.emplace_back(v.identity(), ++objectCount_);
+  } else {
+    enterObject(v.identity());
+  }
 }
 
 // Enters the value with this identity as the next object-table entry.
@@ -441,21 +465,21 @@ void DCNSCoder::writeImmutableString(std::string_view s) {
 void DCNSCoder::writeKey(std::string_view key) { writeImmutableString(key); }
 
 void DCNSCoder::writeMutableString(const Value& v) {
-  if (uint32_t found = findObject(v.identity())) {
+  if (uint32_t found = findValue(v)) {
     writeAlias(kAlias8, found - 1);
     return;
   }
-  enterObject(v.identity());
+  enterValue(v);
   put8(kMutableString);
   putCString(v.str());
 }
 
 void DCNSCoder::writeData(const Value& v) {
-  if (uint32_t found = findObject(v.identity())) {
+  if (uint32_t found = findValue(v)) {
     writeAlias(kAlias8, found - 1);
     return;
   }
-  enterObject(v.identity());
+  enterValue(v);
   put8(v.isMutable() ? kMutableData : kData);
   auto bytes = v.bytes();
   if (bytes.size() > UINT32_MAX) raise("Unable to encode data longer than 4 GB");
@@ -487,8 +511,7 @@ void DCNSCoder::writeDecimal(const Value& v) {
 }
 
 void DCNSCoder::writeSequence(const Value& v) {
-  const void* id = v.identity();
-  if (uint32_t found = findObject(id)) {
+  if (uint32_t found = findValue(v)) {
     writeAlias(kAlias8, found - 1);
     return;
   }
@@ -496,7 +519,7 @@ void DCNSCoder::writeSequence(const Value& v) {
   bool isMutable = v.isMutable();
   uint8_t code = v.isArray() ? kArray : v.isSet() ? kSet : kOrderedSet;
   if (isMutable) {
-    enterObject(id);
+    enterValue(v);
     code = static_cast<uint8_t>(code + (kMutableArray - kArray));
   }
   auto elements = v.elements();
@@ -504,12 +527,11 @@ void DCNSCoder::writeSequence(const Value& v) {
   putAligned<uint32_t>(static_cast<uint32_t>(elements.size()));
   // Index-based: a mutable container may be reached again while it is written.
   for (size_t i = 0; i < elements.size(); ++i) encodeValue(elements[i]);
-  if (!isMutable) enterObject(id);
+  if (!isMutable) enterValue(v);
 }
 
 void DCNSCoder::writeDictionary(const Value& v) {
-  const void* id = v.identity();
-  if (uint32_t found = findObject(id)) {
+  if (uint32_t found = findValue(v)) {
     writeAlias(kAlias8, found - 1);
     return;
   }
@@ -519,19 +541,24 @@ void DCNSCoder::writeDictionary(const Value& v) {
     writeAliasReference(items[0].second);
     return;
   }
-  if (const Value* cls = v.find(std::string_view("$class")); cls && cls->isString()) {
-    writeClassSubstitute(v, cls->str());
-    return;
+  // The keys' nodes are read below and again when they are written: fetch
+  // them all at once rather than one miss at a time.
+  for (const auto& item : items) __builtin_prefetch(item.first.identity());
+  for (const auto& [key, value] : items) {
+    if (value.isString() && key.isString() && key.str() == "$class") {
+      writeClassSubstitute(v, value.str());
+      return;
+    }
   }
   bool isMutable = v.isMutable();
-  if (isMutable) enterObject(id);
+  if (isMutable) enterValue(v);
   put8(isMutable ? kMutableDictionary : kDictionary);
   putAligned<uint32_t>(static_cast<uint32_t>(items.size()));
   for (size_t i = 0; i < items.size(); ++i) {
     encodeValue(items[i].second);
     encodeValue(items[i].first);
   }
-  if (!isMutable) enterObject(id);
+  if (!isMutable) enterValue(v);
 }
 
 // {"$alias": "a.0.b"} stands for the value at that key path from the root.
@@ -557,6 +584,9 @@ void DCNSCoder::writeAliasReference(const Value& path) {
     if (dot == std::string_view::npos) break;
     rest.remove_prefix(dot + 1);
   }
+  // Kept, so that the value is not taken for unshared where the graph
+  // reaches it again.
+  if (current.identity()) retained_.push_back(current);
   encodeValue(current);
 }
 
@@ -600,7 +630,7 @@ void DCNSCoder::writeClassSubstitute(const Value& v, std::string_view className)
     putAligned<uint32_t>(static_cast<uint32_t>(def.propertyKeys.size()));
     for (const auto& k : def.propertyKeys) putCString(k);
   }
-  enterObject(v.identity());
+  enterValue(v);
   writeClassIndex(static_cast<uint32_t>(entry->tableIndex));
   // Copy: values written below may reach this class again and widen it.
   std::vector<std::string> propertyKeys = def.propertyKeys;

@@ -74,6 +74,8 @@ class DCNSCoder {
     std::vector<ObjectSlot> dates;  // by the date's bits
     std::vector<StringSlot> strings;
     std::string arena;  // the string table's texts
+    // Object-table entries not yet in the table: identity, index + 1.
+    std::vector<std::pair<const void*, uint32_t>> pending;
     uint32_t generation = 0;
     bool inUse = false;
   };
@@ -111,8 +113,14 @@ class DCNSCoder {
   void writeClassIndex(uint32_t index);
 
   // Object table by identity; answers index + 1, 0 when absent.
-  uint32_t findObject(const void* key) const;
+  uint32_t findObject(const void* key);
   uint32_t enterObject(const void* key);
+  // The same for a value of the graph, cheaper for a node that only this
+  // handle holds: it cannot have been written before, and its entry waits in
+  // a list that goes into the table when a lookup would need it.
+  uint32_t findValue(const Value& v);
+  void enterValue(const Value& v);
+  void enterPending();
   uint32_t findSlot(const std::vector<ObjectSlot>& slots, uint64_t key) const;
   void insertSlot(std::vector<ObjectSlot>& slots, uint32_t& used, uint64_t key, uint32_t index);
   // String table by string equality.
@@ -124,7 +132,7 @@ class DCNSCoder {
   std::vector<uint8_t> output_;
   size_t size_ = 0;
   Tables* tables_;
-  std::unique_ptr<Tables> ownTables_;  // when the thread's set is in use
+  std::unique_ptr<Tables> ownTables_;                      // when the thread's set is in use
   uint32_t generation_ = 0;
   uint32_t objectSlotsUsed_ = 0;
   uint32_t objectCount_ = 0;
