@@ -231,6 +231,70 @@ TEST(ValueTest, BuildingFromMovedChildren) {
   EXPECT_EQ(a.size(), 3u);
 }
 
+TEST(ValueTest, BuildingFromTextChildren) {
+  for (int count : {3, 20}) {       // below and above the indexing threshold
+    std::vector<std::string> keys;  // the texts outlive the build
+    for (int i = 0; i < count; ++i) keys.push_back("k" + std::to_string(i));
+    std::vector<Value::ChildEntry> entries;
+    for (const auto& k : keys)
+      entries.emplace_back(Value::Child::string(k), Value::Child::string("v"));
+    entries.emplace_back(Value("k1"), Value::Child::string("last"));  // a value key repeats a text
+    entries.emplace_back(Value::Child::string("k2"), Value(2));       // a text key repeats one
+    entries.emplace_back(Value::Child::string("gone"), Value());      // nil values are dropped
+    entries.emplace_back(Value(7), Value::Child::string("number key"));
+    Value d = Value::dictionaryFromChildren(entries);
+    ASSERT_EQ(d.size(), static_cast<size_t>(count) + 1) << count;
+    EXPECT_EQ(d.items()[1].first, Value("k1"));
+    EXPECT_EQ(d.get("k1"), Value("last"));
+    EXPECT_EQ(d.get("k2"), Value(2));
+    EXPECT_TRUE(d.get("gone").isNil());
+    EXPECT_EQ(d.get(Value(7)), Value("number key"));
+    EXPECT_EQ(d.get("k0"), Value("v"));
+    EXPECT_EQ(d.items().back().first, Value(7));
+  }
+
+  // Strings past the per-string and per-container limits get nodes of their
+  // own; every one reads back.
+  std::vector<std::string> texts;
+  for (int i = 0; i < 300; ++i) texts.push_back(std::string(i % 7 == 0 ? 2000 : i, 'a' + i % 26));
+  std::vector<Value::Child> elements;
+  for (const auto& t : texts) elements.push_back(Value::Child::string(t));
+  elements.emplace_back(Value::array({Value(1)}));
+  Value a = Value::arrayFromChildren(elements, true);
+  ASSERT_EQ(a.size(), texts.size() + 1);
+  for (size_t i = 0; i < texts.size(); ++i) ASSERT_EQ(a[i].str(), texts[i]) << i;
+  EXPECT_EQ(a[texts.size()], Value::array({Value(1)}));
+}
+
+TEST(ValueTest, StringsOutliveTheContainerTheyWereBuiltIn) {
+  // The sanitizer build checks that neither the strings nor the shared
+  // allocation are freed early or leaked, whichever handle goes last.
+  std::vector<Value::Child> elements{Value::Child::string("first"), Value::Child::string("second"),
+                                     Value::Child::string("third")};
+  Value kept;
+  Value moved = Value::mutableArray();
+  {
+    Value a = Value::arrayFromChildren(elements, true);
+    kept = a[0];
+    moved.append(a[1]);
+    a.replace(1, Value("replaced"));  // the container lets go of one string early
+    a.append(Value(kept));            // and holds another twice
+  }
+  EXPECT_EQ(kept.str(), "first");
+  EXPECT_EQ(moved[0].str(), "second");
+  moved.clear();
+  EXPECT_EQ(kept.str(), "first");
+
+  std::vector<Value::ChildEntry> entries;
+  entries.emplace_back(Value::Child::string("key"), Value::Child::string("value"));
+  Value d = Value::dictionaryFromChildren(entries);
+  Value key = d.items()[0].first;
+  std::thread other([copy = d] {});  // a handle dropped on another thread
+  other.join();
+  d = Value();
+  EXPECT_EQ(key.str(), "key");
+}
+
 TEST(ValueTest, HandlesAreSharedAcrossThreads) {
   // Copies made and dropped on two threads while a third handle holds the
   // node: the count must end where it started (the sanitizer build checks

@@ -131,9 +131,10 @@ bool widenLongIntegers(std::string_view text, std::string* out) {
 // own depth check, which runs before this walk.
 //
 // Children are collected on two stacks shared by every level (a container's
-// children sit above those of its unfinished ancestors), so a container costs
-// exactly one allocation, sized by its final count. The stacks belong to the
-// thread and are reused across documents, as are the shared keys.
+// children sit above those of its unfinished ancestors), so a container and
+// the short strings in it (keys included) cost exactly one allocation, sized
+// by its final count. The stacks belong to the thread and are reused across
+// documents.
 class ValueBuilder {
  public:
   explicit ValueBuilder(bool mutableContainers)
@@ -153,8 +154,8 @@ class ValueBuilder {
         auto& stack = scratch_.elements;
         size_t base = stack.size();
         dom::array a = e.get_array().value_unsafe();
-        for (dom::element child : a) stack.push_back(build(child));
-        Value v = Value::arrayMovingFrom(std::span(stack).subspan(base), mutable_);
+        for (dom::element element : a) stack.push_back(child(element));
+        Value v = Value::arrayFromChildren(std::span(stack).subspan(base), mutable_);
         stack.resize(base);
         return v;
       }
@@ -163,10 +164,9 @@ class ValueBuilder {
         size_t base = stack.size();
         dom::object o = e.get_object().value_unsafe();
         for (dom::key_value_pair field : o) {
-          Value k = key(field.key);
-          stack.emplace_back(std::move(k), build(field.value));
+          stack.emplace_back(Value::Child::string(field.key), child(field.value));
         }
-        Value v = Value::dictionaryMovingFrom(std::span(stack).subspan(base), mutable_);
+        Value v = Value::dictionaryFromChildren(std::span(stack).subspan(base), mutable_);
         stack.resize(base);
         return v;
       }
@@ -176,19 +176,9 @@ class ValueBuilder {
   }
 
  private:
-  static constexpr size_t kInternedKeyBits = 8;
-  static constexpr size_t kInternedKeyLength = 24;
-
-  struct SharedKey {
-    Value value;
-    std::array<uint64_t, 3> words{};
-    size_t length = 0;
-  };
-
   struct Scratch {
-    std::vector<Value> elements;
-    std::vector<Value::Entry> entries;
-    std::array<SharedKey, size_t{1} << kInternedKeyBits> keys;
+    std::vector<Value::Child> elements;
+    std::vector<Value::ChildEntry> entries;
   };
 
   // Larger stacks (a document with a huge flat array) are freed after use.
@@ -197,6 +187,15 @@ class ValueBuilder {
   static Scratch& threadScratch() {
     thread_local Scratch scratch;
     return scratch;
+  }
+
+  // Strings are left as text for their container to store in its own
+  // allocation; the parser's copy of the text outlives the walk.
+  Value::Child child(dom::element e) {
+    if (e.type() == dom::element_type::STRING) {
+      return Value::Child::string(e.get_string().value_unsafe());
+    }
+    return build(e);
   }
 
   // Kept out of build() so that the recursive frame stays small.
@@ -217,42 +216,6 @@ class ValueBuilder {
       default:
         return Value();
     }
-  }
-
-  // Short keys repeat across the objects of a document and across documents
-  // (every record has a "name", every note a "title"), so the thread keeps
-  // one immutable string per recent short key and shares it: that saves an
-  // allocation and a free per repetition. Collisions simply replace the
-  // cached key.
-  __attribute__((noinline)) Value key(std::string_view text) {
-    size_t n = text.size();
-    if (n > kInternedKeyLength) return Value::string(text);
-    // Three words that, with the length, hold every byte of the key: the
-    // comparison and the hash need neither a loop nor a call.
-    const char* p = text.data();
-    std::array<uint64_t, 3> words{};
-    if (n >= 8) {
-      std::memcpy(&words[0], p, 8);
-      std::memcpy(&words[2], p + n - 8, 8);
-      if (n > 16) std::memcpy(&words[1], p + 8, 8);
-    } else if (n >= 4) {
-      uint32_t lo, hi;
-      std::memcpy(&lo, p, 4);
-      std::memcpy(&hi, p + n - 4, 4);
-      words[0] = lo | uint64_t{hi} << 32;
-    } else if (n > 0) {
-      words[0] =
-          uint8_t(p[0]) | uint32_t{uint8_t(p[n / 2])} << 8 | uint32_t{uint8_t(p[n - 1])} << 16;
-    }
-    uint64_t h = words[0] * 0x9E3779B97F4A7C15ull ^ (words[2] + n) * 0xC2B2AE3D27D4EB4Full ^
-                 words[1] * 0x165667B19E3779F9ull;
-    SharedKey& slot = scratch_.keys[h >> (64 - kInternedKeyBits)];
-    if (slot.length != n || slot.words != words || slot.value.isNil()) {
-      slot.value = Value::string(text);
-      slot.words = words;
-      slot.length = n;
-    }
-    return slot.value;
   }
 
   bool mutable_;

@@ -17,6 +17,28 @@ namespace detail {
 struct Node {
   std::atomic<uint32_t> refs{1};
   bool isMutable = false;
+  bool inBlock = false;  // shares a Block's allocation
+
+  // Handle internals for the code below (Value befriends Node).
+  static Node* of(const Value& v) { return v.u_.n; }
+  static Value adopt(Value::Kind kind, Node* n) noexcept {
+    Value v(kind);
+    v.u_.n = n;
+    return v;
+  }
+  // Empties a handle without releasing its node.
+  static void forget(Value& v) noexcept {
+    v.kind_ = Value::Kind::Nil;
+    v.u_.i = 0;
+  }
+};
+
+// One allocation shared by a container and the short immutable strings it
+// was built with: the header, the container's node, its element buffer, then
+// each string's node preceded by the header's address. It goes once the
+// container and each of those strings have gone.
+struct alignas(8) Block {
+  std::atomic<uint32_t> refs{1};  // the container while it lives, plus each live string
 };
 
 struct DecimalNode final : Node {
@@ -43,12 +65,102 @@ struct ObjectNode final : Node {
   std::shared_ptr<Object> value;
 };
 
+static_assert(std::is_trivially_destructible_v<InlineStringNode>);
+
+// Strings up to this length are put in their container's block, until its
+// strings take kEmbeddedBytesLimit; both bound what a retained string keeps.
+constexpr size_t kEmbeddedStringLimit = 1024;
+constexpr size_t kEmbeddedBytesLimit = 16 << 10;
+
+constexpr size_t embeddedSize(size_t length) {
+  return (sizeof(Block*) + sizeof(InlineStringNode) + length + 1 + 7) & ~size_t{7};
+}
+
+inline Block* blockOfContainer(Node* n) { return reinterpret_cast<Block*>(n) - 1; }
+inline Block* blockOfString(Node* n) { return *(reinterpret_cast<Block**>(n) - 1); }
+
+// Drops `count` references to the block, freeing it with the last.
+inline void releaseBlock(Block* b, uint32_t count) {
+  // As in Value::release: when ours are the only references, no other thread
+  // can touch the count.
+  if (b->refs.load(std::memory_order_acquire) == count ||
+      b->refs.fetch_sub(count, std::memory_order_acq_rel) == count) {
+    ::operator delete(static_cast<void*>(b));
+  }
+}
+
+// Where a container's short strings go while it is built.
+class StringArea {
+ public:
+  StringArea() = default;
+  StringArea(Block* block, char* begin, char* end) : block_(block), cursor_(begin), end_(end) {}
+
+  Value take(Value::Child& child) {
+    if (!child.isText) return std::move(child.value);
+    std::string_view text = child.text;
+    size_t size = embeddedSize(text.size());
+    if (text.size() > kEmbeddedStringLimit || size > static_cast<size_t>(end_ - cursor_)) {
+      return Value::string(text);
+    }
+    *reinterpret_cast<Block**>(cursor_) = block_;
+    auto* n = new (cursor_ + sizeof(Block*)) InlineStringNode();
+    n->inBlock = true;
+    n->length = text.size();
+    if (!text.empty()) std::memcpy(n->bytes(), text.data(), text.size());
+    n->bytes()[text.size()] = '\0';
+    cursor_ += size;
+    // Nothing else sees the block yet, but a repeated key may already have
+    // released one of its strings: the count must be right at every step.
+    block_->refs.store(block_->refs.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    return Node::adopt(Value::Kind::String, n);
+  }
+
+ private:
+  Block* block_ = nullptr;
+  char* cursor_ = nullptr;
+  char* end_ = nullptr;
+};
+
+// The bytes a block needs for the short texts among `children`.
+inline void countEmbedded(const Value::Child& child, size_t* total) {
+  if (!child.isText || child.text.size() > kEmbeddedStringLimit) return;
+  size_t size = embeddedSize(child.text.size());
+  if (*total + size <= kEmbeddedBytesLimit) *total += size;
+}
+
+// Frees a string of block `b` held by `v` alone, without touching the
+// block's count; answers whether it did.
+inline bool dropIfLastInBlock(Value& v, Block* b) {
+  if (v.kind() != Value::Kind::String) return false;
+  Node* n = Node::of(v);
+  if (!n->inBlock || blockOfString(n) != b || n->refs.load(std::memory_order_acquire) != 1) {
+    return false;
+  }
+  Node::forget(v);
+  return true;
+}
+
 // Allocates a node of type N with `extra` bytes behind it.
 template <typename N>
 N* newNode(bool isMutable, size_t extra = 0) {
   static_assert(alignof(N) <= alignof(std::max_align_t));
   N* n = new (::operator new(sizeof(N) + extra)) N();
   n->isMutable = isMutable;
+  return n;
+}
+
+// The same at the start of a block, with `stringBytes` behind the node and
+// its `extra` bytes for `area` to hand out.
+template <typename N>
+N* newNodeInBlock(bool isMutable, size_t extra, size_t stringBytes, StringArea* area) {
+  static_assert(alignof(N) <= alignof(Block) && sizeof(N) % alignof(Block) == 0);
+  size_t head = sizeof(Block) + sizeof(N) + extra;
+  char* p = static_cast<char*>(::operator new(head + stringBytes));
+  auto* b = new (p) Block();
+  N* n = new (p + sizeof(Block)) N();
+  n->isMutable = isMutable;
+  n->inBlock = true;
+  *area = StringArea(b, p + head, p + head + stringBytes);
   return n;
 }
 
@@ -282,6 +394,16 @@ struct SequenceNode final : Node {
     n->elements.adoptInlineBuffer(reinterpret_cast<Value*>(n + 1), capacity);
     return n;
   }
+  // The same in a block with `stringBytes` for strings, which `area` hands out.
+  static SequenceNode* createInBlock(bool isMutable, size_t capacity, size_t stringBytes,
+                                     StringArea* area) {
+    if (capacity > Elements<Value>::kMaxCapacity) {
+      throw std::length_error("Value: container too large");
+    }
+    auto* n = newNodeInBlock<SequenceNode>(isMutable, capacity * sizeof(Value), stringBytes, area);
+    n->elements.adoptInlineBuffer(reinterpret_cast<Value*>(n + 1), capacity);
+    return n;
+  }
 
   std::optional<size_t> find(const Value& v) const {
     return find(v, index.active() ? v.hash() : 0);
@@ -335,6 +457,16 @@ struct DictionaryNode final : Node {
     n->entries.adoptInlineBuffer(reinterpret_cast<Value::Entry*>(n + 1), capacity);
     return n;
   }
+  static DictionaryNode* createInBlock(bool isMutable, size_t capacity, size_t stringBytes,
+                                       StringArea* area) {
+    if (capacity > Elements<Value::Entry>::kMaxCapacity) {
+      throw std::length_error("Value: container too large");
+    }
+    auto* n = newNodeInBlock<DictionaryNode>(isMutable, capacity * sizeof(Value::Entry),
+                                             stringBytes, area);
+    n->entries.adoptInlineBuffer(reinterpret_cast<Value::Entry*>(n + 1), capacity);
+    return n;
+  }
 
   template <typename Key>
   std::optional<size_t> find(const Key& key, size_t h) const {
@@ -372,6 +504,28 @@ struct DictionaryNode final : Node {
   }
 };
 
+// A container of a block goes before the block does. Its own strings that
+// nothing else holds go with it at no cost of their own, so dropping a
+// parsed container of strings costs one count update and one free.
+void deleteBlockContainer(SequenceNode* n) {
+  Block* b = blockOfContainer(n);
+  uint32_t dropped = 0;
+  for (Value& v : n->elements) dropped += dropIfLastInBlock(v, b);
+  n->~SequenceNode();
+  releaseBlock(b, dropped + 1);
+}
+
+void deleteBlockContainer(DictionaryNode* n) {
+  Block* b = blockOfContainer(n);
+  uint32_t dropped = 0;
+  for (Value::Entry& e : n->entries) {
+    dropped += dropIfLastInBlock(e.first, b);
+    dropped += dropIfLastInBlock(e.second, b);
+  }
+  n->~DictionaryNode();
+  releaseBlock(b, dropped + 1);
+}
+
 // Frees a node whose last handle, of kind `kind`, has gone.
 void destroyNode(Value::Kind kind, Node* n) {
   using K = Value::Kind;
@@ -379,7 +533,9 @@ void destroyNode(Value::Kind kind, Node* n) {
     case K::Decimal:
       return deleteNode<DecimalNode>(n);
     case K::String:
-      return n->isMutable ? deleteNode<MutableStringNode>(n) : deleteNode<InlineStringNode>(n);
+      if (n->isMutable) return deleteNode<MutableStringNode>(n);
+      if (n->inBlock) return releaseBlock(blockOfString(n), 1);
+      return deleteNode<InlineStringNode>(n);
     case K::Data:
       return deleteNode<DataNode>(n);
     case K::Url:
@@ -387,8 +543,10 @@ void destroyNode(Value::Kind kind, Node* n) {
     case K::Array:
     case K::Set:
     case K::OrderedSet:
+      if (n->inBlock) return deleteBlockContainer(static_cast<SequenceNode*>(n));
       return deleteNode<SequenceNode>(n);
     case K::Dictionary:
+      if (n->inBlock) return deleteBlockContainer(static_cast<DictionaryNode*>(n));
       return deleteNode<DictionaryNode>(n);
     case K::Object:
       return deleteNode<ObjectNode>(n);
@@ -500,6 +658,10 @@ void Value::release() noexcept {
       u_.n->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
     detail::destroyNode(kind_, u_.n);
   }
+}
+
+bool Value::isSoleHandle() const noexcept {
+  return hasNode() && u_.n->refs.load(std::memory_order_relaxed) == 1;
 }
 
 Value& Value::operator=(const Value& other) noexcept {
@@ -660,52 +822,117 @@ Value Value::dictionary(std::vector<Entry>&& entries, bool isMutable) {
   return v;
 }
 
-Value Value::dictionaryMovingFrom(std::span<Entry> entries, bool isMutable) {
-  auto* n = DictionaryNode::create(isMutable, entries.size());
+namespace {
+
+// A key being added by the dictionary builders: a value, or text that will
+// become a string.
+struct KeyProbe {
+  const Value* value = nullptr;
+  std::string_view text;  // a string key's bytes
+  bool isString = false;
+};
+
+bool isAbsent(const Value& v) { return v.isNil(); }
+bool isAbsent(const Value::Child& c) { return !c.isText && c.value.isNil(); }
+
+Value take(detail::StringArea&, Value& v) { return std::move(v); }
+Value take(detail::StringArea& area, Value::Child& c) { return area.take(c); }
+
+}  // namespace
+
+template <typename E>
+Value Value::dictionaryFrom(std::span<E> entries, bool isMutable, size_t stringBytes) {
+  detail::StringArea area;
+  auto* n = stringBytes
+                ? DictionaryNode::createInBlock(isMutable, entries.size(), stringBytes, &area)
+                : DictionaryNode::create(isMutable, entries.size());
   Value v(Kind::Dictionary);
   v.u_.n = n;
   auto& e = n->entries;
+  // Parsers build string keys, often shared ones; comparing nodes, lengths
+  // and first bytes skips the general cross-kind equality and most calls to
+  // memcmp.
+  auto matches = [](const Value& other, const KeyProbe& key) {
+    if (key.isString && other.isString()) {
+      if (key.value && other.u_.n == key.value->u_.n) return true;
+      std::string_view o = stringOf(other);
+      return o.size() == key.text.size() && (o.empty() || o[0] == key.text[0]) && o == key.text;
+    }
+    return key.value && other == *key.value;
+  };
   bool indexed = entries.size() > detail::HashIndex::kThreshold;
   if (indexed) n->index.prepare(entries.size());
-  for (Entry& entry : entries) {
-    if (entry.second.isNil()) continue;
-    const Value& key = entry.first;
-    size_t h = indexed ? key.hash() : 0;
+  // Without an index, a bit per string key added so far (strings equal only
+  // strings): most keys need no scan for an earlier repeat.
+  uint64_t stringKeys = 0;
+  auto fingerprint = [](std::string_view text) {
+    auto last = text.empty() ? 0u : static_cast<unsigned char>(text.back());
+    return uint64_t{1} << ((text.size() * 5 + last * 3) & 63);
+  };
+  for (E& entry : entries) {
+    if (isAbsent(entry.second)) continue;
+    KeyProbe key;
+    if constexpr (std::is_same_v<E, Entry>) {
+      key.value = &entry.first;
+    } else if (!entry.first.isText) {
+      key.value = &entry.first.value;
+    } else {
+      key.text = entry.first.text;
+      key.isString = true;
+    }
+    if (key.value && key.value->isString()) {
+      key.text = stringOf(*key.value);
+      key.isString = true;
+    }
+    size_t h = !indexed ? 0 : key.isString ? hashString(key.text) : key.value->hash();
     std::optional<size_t> earlier;
     if (indexed) {
-      earlier = n->index.lookup(h, [&](size_t j) { return e[j].first == key; });
-    } else {
-      bool stringKey = key.isString();
-      std::string_view text = stringKey ? stringOf(key) : std::string_view();
+      earlier = n->index.lookup(h, [&](size_t j) { return matches(e[j].first, key); });
+    } else if (!key.isString || (stringKeys & fingerprint(key.text))) {
       for (size_t j = 0; j < e.size(); ++j) {
-        // Parsers build string keys, often shared ones; comparing nodes,
-        // lengths and first bytes skips the general cross-kind equality and
-        // most calls to memcmp.
-        const Value& other = e[j].first;
-        if (stringKey && other.isString()) {
-          if (other.u_.n == key.u_.n) {
-            earlier = j;
-            break;
-          }
-          std::string_view o = stringOf(other);
-          if (o.size() == text.size() && (o.empty() || o[0] == text[0]) && o == text) {
-            earlier = j;
-            break;
-          }
-        } else if (other == key) {
+        if (matches(e[j].first, key)) {
           earlier = j;
           break;
         }
       }
     }
     if (earlier) {
-      e[*earlier].second = std::move(entry.second);
+      e[*earlier].second = take(area, entry.second);
       continue;
     }
     if (indexed) n->index.place(h, static_cast<uint32_t>(e.size()));
-    e.emplaceBack(std::move(entry));
+    if (key.isString) stringKeys |= fingerprint(key.text);
+    Value k = take(area, entry.first);
+    e.emplaceBack(std::move(k), take(area, entry.second));
   }
   if (indexed && e.size() <= detail::HashIndex::kThreshold) n->index.reset();
+  return v;
+}
+
+Value Value::dictionaryMovingFrom(std::span<Entry> entries, bool isMutable) {
+  return dictionaryFrom(entries, isMutable, 0);
+}
+
+Value Value::dictionaryFromChildren(std::span<ChildEntry> entries, bool isMutable) {
+  size_t stringBytes = 0;
+  for (const ChildEntry& entry : entries) {
+    if (isAbsent(entry.second)) continue;
+    detail::countEmbedded(entry.first, &stringBytes);
+    detail::countEmbedded(entry.second, &stringBytes);
+  }
+  return dictionaryFrom(entries, isMutable, stringBytes);
+}
+
+Value Value::arrayFromChildren(std::span<Child> elements, bool isMutable) {
+  size_t stringBytes = 0;
+  for (const Child& c : elements) detail::countEmbedded(c, &stringBytes);
+  detail::StringArea area;
+  auto* n = stringBytes
+                ? SequenceNode::createInBlock(isMutable, elements.size(), stringBytes, &area)
+                : SequenceNode::create(isMutable, elements.size());
+  Value v(Kind::Array);
+  v.u_.n = n;
+  for (Child& c : elements) n->elements.emplaceBack(area.take(c));
   return v;
 }
 

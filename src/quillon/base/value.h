@@ -57,6 +57,8 @@ namespace detail {
 struct Node;
 }
 
+struct ValueChild;
+
 // Value is the property-list-like tree that records, change files, property
 // lists, the cache and DenseCoding share.
 //
@@ -172,6 +174,17 @@ class Value {
   // dictionary form treats repeated keys and nil values as above.
   static Value arrayMovingFrom(std::span<Value> elements, bool isMutable = false);
   static Value dictionaryMovingFrom(std::span<Entry> entries, bool isMutable = false);
+  // A child for the parser factories below (see ValueChild).
+  using Child = ValueChild;
+  using ChildEntry = std::pair<Child, Child>;
+  // As arrayMovingFrom and dictionaryMovingFrom, but short text children
+  // become strings that share the container's allocation: building a
+  // container of strings costs one allocation, and dropping it one free. A
+  // string that outlives its container keeps that allocation (the container's
+  // element buffer and its other short strings, a bounded size) alive, never
+  // the container's other children.
+  static Value arrayFromChildren(std::span<Child> elements, bool isMutable = false);
+  static Value dictionaryFromChildren(std::span<ChildEntry> entries, bool isMutable = false);
   static Value mutableDictionary() { return dictionary(true); }
   static Value set(bool isMutable = false);
   static Value set(std::initializer_list<Value> elements, bool isMutable = false);
@@ -289,6 +302,10 @@ class Value {
   // The address of the shared node, nullptr for scalars: a key for identity
   // maps (valid while some handle to the node lives).
   const void* identity() const noexcept { return node(); }
+  // Whether this is the only handle on its node (false for scalars): a node
+  // held once is reached once by a walk that does not copy handles. Only
+  // meaningful while no other thread copies or drops handles to it.
+  bool isSoleHandle() const noexcept;
   // Deep equality; numbers by value across kinds, sets regardless of order.
   bool operator==(const Value& other) const;
   size_t hash() const;
@@ -306,6 +323,9 @@ class Value {
   detail::Node* node() const { return hasNode() ? u_.n : nullptr; }
   // The bytes of a string; requires isString().
   static std::string_view stringOf(const Value& v);
+  // The dictionary builders' common part, over Entry or ChildEntry.
+  template <typename E>
+  static Value dictionaryFrom(std::span<E> entries, bool isMutable, size_t stringBytes);
   // Reference counting of the node; both require hasNode().
   void retain() const noexcept;
   void release() noexcept;
@@ -318,6 +338,22 @@ class Value {
     detail::Node* n;
   } u_;
   Kind kind_;
+};
+
+// A child for Value's parser factories: a finished value, or the text of an
+// immutable string that the container keeps in its own allocation.
+struct ValueChild {
+  ValueChild() = default;
+  ValueChild(Value v) : value(std::move(v)) {}
+  static ValueChild string(std::string_view s) {
+    ValueChild c;
+    c.text = s;
+    c.isText = true;
+    return c;
+  }
+  Value value;
+  std::string_view text;  // with isText; must stay valid until the factory returns
+  bool isText = false;
 };
 
 struct ValueHash {

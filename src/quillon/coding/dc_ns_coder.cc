@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <bit>
 #include <charconv>
 #include <cstring>
@@ -35,25 +36,56 @@ inline const void* identityOf(const Value& v) {
   return v.isObject() ? static_cast<const void*>(v.objectValue().get()) : v.identity();
 }
 
-// A fast hash for the short texts (keys, identifiers, titles) that fill the
-// string table: eight bytes per multiply.
-inline uint64_t hashText(std::string_view s) {
-  const auto* p = reinterpret_cast<const uint8_t*>(s.data());
-  size_t n = s.size();
-  uint64_t h = 0x9e3779b97f4a7c15ULL ^ (n * 0xff51afd7ed558ccdULL);
-  while (n >= 8) {
-    uint64_t w;
-    std::memcpy(&w, p, 8);
-    h = (h ^ w) * 0xbf58476d1ce4e5b9ULL;
-    h ^= h >> 31;
-    p += 8;
-    n -= 8;
-  }
-  uint64_t tail = 0;
-  std::memcpy(&tail, p, n);
-  h = (h ^ tail) * 0x94d049bb133111ebULL;
-  return h ^ (h >> 29);
+inline uint64_t load64(const char* p) {
+  uint64_t w;
+  std::memcpy(&w, p, 8);
+  return w;
 }
+
+inline uint32_t load32(const char* p) {
+  uint32_t w;
+  std::memcpy(&w, p, 4);
+  return w;
+}
+
+// A fast hash for the texts that fill the string table: short ones (keys,
+// identifiers) in a few loads and no loop, longer ones sixteen bytes a step
+// in two independent lanes.
+inline uint64_t hashText(std::string_view s) {
+  const char* p = s.data();
+  size_t n = s.size();
+  uint64_t a = 0, b = 0;
+  if (n > 16) {
+    a = load64(p);
+    b = load64(p + 8);
+    const char* last = p + n - 16;
+    for (const char* q = p + 16; q < last; q += 16) {
+      a = (a ^ load64(q)) * 0xbf58476d1ce4e5b9ULL;
+      b = (b ^ load64(q + 8)) * 0x94d049bb133111ebULL;
+      a ^= a >> 31;
+      b ^= b >> 29;
+    }
+    a ^= load64(last) * 0x9e3779b97f4a7c15ULL;
+    b ^= load64(last + 8);
+  } else if (n >= 8) {
+    a = load64(p);
+    b = load64(p + n - 8);
+  } else if (n >= 4) {
+    a = load32(p);
+    b = load32(p + n - 4);
+  } else if (n > 0) {
+    a = static_cast<uint64_t>(static_cast<uint8_t>(p[0])) << 16 |
+        static_cast<uint64_t>(static_cast<uint8_t>(p[n / 2])) << 8 | static_cast<uint8_t>(p[n - 1]);
+  }
+  uint64_t h = (a ^ (n * 0xff51afd7ed558ccdULL)) * 0xbf58476d1ce4e5b9ULL;
+  h ^= std::rotl(b * 0x94d049bb133111ebULL, 29);
+  h *= 0x9e3779b97f4a7c15ULL;
+  return h ^ (h >> 32);
+}
+
+// Tables bigger than these are not kept for the thread's next run.
+constexpr size_t kRetainedSlots = size_t{1} << 18;
+constexpr size_t kRetainedArena = size_t{16} << 20;
 
 [[noreturn]] void raise(std::string reason) {
   throw Exception(std::string(kDenseCodingException), std::move(reason));
@@ -110,15 +142,41 @@ void encodeDecimal(const Decimal& in, uint8_t* out) {
 
 }  // namespace
 
-DCNSCoder::DCNSCoder(const Value& rootObject) : rootObject_(rootObject) {}
+DCNSCoder::DCNSCoder(const Value& rootObject) : rootObject_(rootObject) {
+  thread_local Tables threadTables;
+  if (threadTables.inUse) {
+    ownTables_ = std::make_unique<Tables>();
+    tables_ = ownTables_.get();
+  } else {
+    tables_ = &threadTables;
+  }
+  tables_->inUse = true;
+  if (++tables_->generation == 0) {
+    // Slots of a run 2^32 runs ago would look current.
+    std::fill(tables_->objects.begin(), tables_->objects.end(), ObjectSlot{});
+    std::fill(tables_->dates.begin(), tables_->dates.end(), ObjectSlot{});
+    std::fill(tables_->strings.begin(), tables_->strings.end(), StringSlot{});
+    tables_->generation = 1;
+  }
+  generation_ = tables_->generation;
+  tables_->arena.clear();
+  tables_->pending.clear();
+}
+
+DCNSCoder::~DCNSCoder() {
+  tables_->inUse = false;
+  if (tables_->objects.size() > kRetainedSlots) tables_->objects = {};
+  if (tables_->dates.size() > kRetainedSlots) tables_->dates = {};
+  if (tables_->strings.size() > kRetainedSlots) tables_->strings = {};
+  if (tables_->arena.capacity() > kRetainedArena) tables_->arena = {};
+  if (tables_->pending.capacity() > kRetainedSlots) tables_->pending = {};
+}
 
 // ---- Output ----------------------------------------------------------------
 
 // output_ is kept larger than size_ and zero beyond it, so padding is only an
 // advance of size_.
-void DCNSCoder::reserve(size_t n) {
-  if (size_ + n > output_.size()) output_.resize(std::max(output_.size() * 2, size_ + n + 256));
-}
+void DCNSCoder::grow(size_t n) { output_.resize(std::max(output_.size() * 2, size_ + n + 256)); }
 
 inline void DCNSCoder::put8(uint8_t b) {
   reserve(1);
@@ -154,12 +212,12 @@ inline void DCNSCoder::putCString(std::string_view s) {
 
 // ---- Tables ----------------------------------------------------------------
 
-uint32_t DCNSCoder::findSlot(const std::vector<ObjectSlot>& slots, uint64_t key) {
+uint32_t DCNSCoder::findSlot(const std::vector<ObjectSlot>& slots, uint64_t key) const {
   if (slots.empty()) return 0;
   size_t mask = slots.size() - 1;
   for (size_t s = mix64(key) & mask;; s = (s + 1) & mask) {
     const ObjectSlot& slot = slots[s];
-    if (slot.index == 0) return 0;
+    if (slot.generation != generation_) return 0;
     if (slot.key == key) return slot.index;
   }
 }
@@ -169,73 +227,99 @@ void DCNSCoder::insertSlot(std::vector<ObjectSlot>& slots, uint32_t& used, uint6
                            uint32_t index) {
   if ((used + 1) * 2 > slots.size()) {
     std::vector<ObjectSlot> old = std::move(slots);
-    slots.assign(old.empty() ? 256 : old.size() * 2, ObjectSlot{0, 0});
+    slots.assign(std::max<size_t>(old.size() * 2, 256), ObjectSlot{});
     size_t mask = slots.size() - 1;
     for (const ObjectSlot& o : old) {
-      if (o.index == 0) continue;
+      if (o.generation != generation_) continue;
       size_t s = mix64(o.key) & mask;
-      while (slots[s].index != 0) s = (s + 1) & mask;
+      while (slots[s].generation == generation_) s = (s + 1) & mask;
       slots[s] = o;
     }
   }
   size_t mask = slots.size() - 1;
   size_t s = mix64(key) & mask;
-  while (slots[s].index != 0) {
+  while (slots[s].generation == generation_) {
     if (slots[s].key == key) {
       slots[s].index = index;
       return;
     }
     s = (s + 1) & mask;
   }
-  slots[s] = ObjectSlot{key, index};
+  slots[s] = ObjectSlot{key, index, generation_};
   ++used;
 }
 
-uint32_t DCNSCoder::findObject(const void* key) const {
-  return findSlot(objectCache_, reinterpret_cast<uintptr_t>(key));
+uint32_t DCNSCoder::findObject(const void* key) {
+  uint32_t found = findSlot(tables_->objects, reinterpret_cast<uintptr_t>(key));
+  if (found || tables_->pending.empty()) return found;
+  enterPending();
+  return findSlot(tables_->objects, reinterpret_cast<uintptr_t>(key));
+}
+
+void DCNSCoder::enterPending() {
+  for (const auto& [key, index] : tables_->pending) {
+    insertSlot(tables_->objects, objectSlotsUsed_, reinterpret_cast<uintptr_t>(key), index);
+  }
+  tables_->pending.clear();
+}
+
+uint32_t DCNSCoder::findValue(const Value& v) {
+  return v.isSoleHandle() ? 0 : findObject(v.identity());
+}
+
+void DCNSCoder::enterValue(const Value& v) {
+  if (v.isSoleHandle()) {
+    tables_->pending.emplace_back(v.identity(), ++objectCount_);
+  } else {
+    enterObject(v.identity());
+  }
 }
 
 // Enters the value with this identity as the next object-table entry.
 uint32_t DCNSCoder::enterObject(const void* key) {
   uint32_t index = objectCount_++;
-  insertSlot(objectCache_, objectSlotsUsed_, reinterpret_cast<uintptr_t>(key), index + 1);
+  insertSlot(tables_->objects, objectSlotsUsed_, reinterpret_cast<uintptr_t>(key), index + 1);
   return index;
 }
 
 uint32_t DCNSCoder::findString(std::string_view text, uint64_t hash) const {
-  if (stringCache_.empty()) return 0;
-  size_t mask = stringCache_.size() - 1;
+  const std::vector<StringSlot>& slots = tables_->strings;
+  if (slots.empty()) return 0;
+  size_t mask = slots.size() - 1;
   for (size_t s = hash & mask;; s = (s + 1) & mask) {
-    const StringSlot& slot = stringCache_[s];
-    if (slot.index == 0) return 0;
+    const StringSlot& slot = slots[s];
+    if (slot.generation != generation_) return 0;
     if (slot.hash == hash && slot.length == text.size() &&
-        std::memcmp(arena_.data() + slot.begin, text.data(), text.size()) == 0) {
+        std::memcmp(tables_->arena.data() + slot.begin, text.data(), text.size()) == 0) {
       return slot.index;
     }
   }
 }
 
 void DCNSCoder::growStrings() {
-  std::vector<StringSlot> old = std::move(stringCache_);
-  stringCache_.assign(old.empty() ? 1024 : old.size() * 2, StringSlot{0, 0, 0, 0});
-  size_t mask = stringCache_.size() - 1;
+  std::vector<StringSlot>& slots = tables_->strings;
+  std::vector<StringSlot> old = std::move(slots);
+  slots.assign(std::max<size_t>(old.size() * 2, 1024), StringSlot{});
+  size_t mask = slots.size() - 1;
   for (const StringSlot& o : old) {
-    if (o.index == 0) continue;
+    if (o.generation != generation_) continue;
     size_t s = o.hash & mask;
-    while (stringCache_[s].index != 0) s = (s + 1) & mask;
-    stringCache_[s] = o;
+    while (slots[s].generation == generation_) s = (s + 1) & mask;
+    slots[s] = o;
   }
 }
 
 uint32_t DCNSCoder::enterString(std::string_view text, uint64_t hash) {
   uint32_t index = stringCount_++;
-  if ((stringSlotsUsed_ + 1) * 2 > stringCache_.size()) growStrings();
-  size_t mask = stringCache_.size() - 1;
+  if ((stringSlotsUsed_ + 1) * 2 > tables_->strings.size()) growStrings();
+  std::vector<StringSlot>& slots = tables_->strings;
+  size_t mask = slots.size() - 1;
   size_t s = hash & mask;
-  while (stringCache_[s].index != 0) s = (s + 1) & mask;
-  stringCache_[s] = StringSlot{hash, static_cast<uint32_t>(arena_.size()),
-                               static_cast<uint32_t>(text.size()), index + 1};
-  arena_.append(text);
+  while (slots[s].generation == generation_) s = (s + 1) & mask;
+  std::string& arena = tables_->arena;
+  slots[s] = StringSlot{hash, static_cast<uint32_t>(arena.size()),
+                        static_cast<uint32_t>(text.size()), index + 1, generation_};
+  arena.append(text);
   ++stringSlotsUsed_;
   return index;
 }
@@ -246,7 +330,6 @@ std::vector<uint8_t> DCNSCoder::encodeRootObject() {
   if (used_) raise("A DCNSCoder writes one root object");
   used_ = true;
   output_.assign(4096, 0);
-  arena_.reserve(16384);
   store<uint32_t>(output_.data(), kIdentifier);
   store<uint16_t>(output_.data() + 4, kMajorVersion);
   store<uint16_t>(output_.data() + 6, kMinorVersion);
@@ -263,10 +346,18 @@ std::vector<uint8_t> DCNSCoder::encodeRootObject() {
 
 void DCNSCoder::encodeValue(const Value& v) {
   switch (v.kind()) {
-    case Value::Kind::Nil: put8(kNil); return;
-    case Value::Kind::Null: put8(kNull); return;
-    case Value::Kind::Boolean: put8(v.boolValue() ? kTrue : kFalse); return;
-    case Value::Kind::Integer: writeInteger(v.intValue()); return;
+    case Value::Kind::Nil:
+      put8(kNil);
+      return;
+    case Value::Kind::Null:
+      put8(kNull);
+      return;
+    case Value::Kind::Boolean:
+      put8(v.boolValue() ? kTrue : kFalse);
+      return;
+    case Value::Kind::Integer:
+      writeInteger(v.intValue());
+      return;
     case Value::Kind::Float32:
       put8(kFloat32);
       putAligned<float>(v.floatValue());
@@ -275,7 +366,9 @@ void DCNSCoder::encodeValue(const Value& v) {
       put8(kFloat64);
       putAligned<double>(v.doubleValue());
       return;
-    case Value::Kind::Decimal: writeDecimal(v); return;
+    case Value::Kind::Decimal:
+      writeDecimal(v);
+      return;
     case Value::Kind::String:
       if (v.isMutable()) {
         writeMutableString(v);
@@ -283,14 +376,26 @@ void DCNSCoder::encodeValue(const Value& v) {
         writeImmutableString(v.str());
       }
       return;
-    case Value::Kind::Data: writeData(v); return;
-    case Value::Kind::Date: writeDate(v.dateValue()); return;
-    case Value::Kind::Url: writeUrl(v); return;
+    case Value::Kind::Data:
+      writeData(v);
+      return;
+    case Value::Kind::Date:
+      writeDate(v.dateValue());
+      return;
+    case Value::Kind::Url:
+      writeUrl(v);
+      return;
     case Value::Kind::Array:
     case Value::Kind::Set:
-    case Value::Kind::OrderedSet: writeSequence(v); return;
-    case Value::Kind::Dictionary: writeDictionary(v); return;
-    case Value::Kind::Object: writeObject(v); return;
+    case Value::Kind::OrderedSet:
+      writeSequence(v);
+      return;
+    case Value::Kind::Dictionary:
+      writeDictionary(v);
+      return;
+    case Value::Kind::Object:
+      writeObject(v);
+      return;
   }
 }
 
@@ -360,21 +465,21 @@ void DCNSCoder::writeImmutableString(std::string_view s) {
 void DCNSCoder::writeKey(std::string_view key) { writeImmutableString(key); }
 
 void DCNSCoder::writeMutableString(const Value& v) {
-  if (uint32_t found = findObject(v.identity())) {
+  if (uint32_t found = findValue(v)) {
     writeAlias(kAlias8, found - 1);
     return;
   }
-  enterObject(v.identity());
+  enterValue(v);
   put8(kMutableString);
   putCString(v.str());
 }
 
 void DCNSCoder::writeData(const Value& v) {
-  if (uint32_t found = findObject(v.identity())) {
+  if (uint32_t found = findValue(v)) {
     writeAlias(kAlias8, found - 1);
     return;
   }
-  enterObject(v.identity());
+  enterValue(v);
   put8(v.isMutable() ? kMutableData : kData);
   auto bytes = v.bytes();
   if (bytes.size() > UINT32_MAX) raise("Unable to encode data longer than 4 GB");
@@ -386,11 +491,11 @@ void DCNSCoder::writeData(const Value& v) {
 // Dates have no identity of their own here: equal dates share one entry.
 void DCNSCoder::writeDate(double seconds) {
   uint64_t bits = std::bit_cast<uint64_t>(seconds);
-  if (uint32_t found = findSlot(dateCache_, bits)) {
+  if (uint32_t found = findSlot(tables_->dates, bits)) {
     writeAlias(kAlias8, found - 1);
     return;
   }
-  insertSlot(dateCache_, dateSlotsUsed_, bits, ++objectCount_);
+  insertSlot(tables_->dates, dateSlotsUsed_, bits, ++objectCount_);
   put8(kDate);
   putAligned<double>(seconds);
 }
@@ -406,8 +511,7 @@ void DCNSCoder::writeDecimal(const Value& v) {
 }
 
 void DCNSCoder::writeSequence(const Value& v) {
-  const void* id = v.identity();
-  if (uint32_t found = findObject(id)) {
+  if (uint32_t found = findValue(v)) {
     writeAlias(kAlias8, found - 1);
     return;
   }
@@ -415,7 +519,7 @@ void DCNSCoder::writeSequence(const Value& v) {
   bool isMutable = v.isMutable();
   uint8_t code = v.isArray() ? kArray : v.isSet() ? kSet : kOrderedSet;
   if (isMutable) {
-    enterObject(id);
+    enterValue(v);
     code = static_cast<uint8_t>(code + (kMutableArray - kArray));
   }
   auto elements = v.elements();
@@ -423,12 +527,11 @@ void DCNSCoder::writeSequence(const Value& v) {
   putAligned<uint32_t>(static_cast<uint32_t>(elements.size()));
   // Index-based: a mutable container may be reached again while it is written.
   for (size_t i = 0; i < elements.size(); ++i) encodeValue(elements[i]);
-  if (!isMutable) enterObject(id);
+  if (!isMutable) enterValue(v);
 }
 
 void DCNSCoder::writeDictionary(const Value& v) {
-  const void* id = v.identity();
-  if (uint32_t found = findObject(id)) {
+  if (uint32_t found = findValue(v)) {
     writeAlias(kAlias8, found - 1);
     return;
   }
@@ -438,19 +541,24 @@ void DCNSCoder::writeDictionary(const Value& v) {
     writeAliasReference(items[0].second);
     return;
   }
-  if (const Value* cls = v.find(std::string_view("$class")); cls && cls->isString()) {
-    writeClassSubstitute(v, cls->str());
-    return;
+  // The keys' nodes are read below and again when they are written: fetch
+  // them all at once rather than one miss at a time.
+  for (const auto& item : items) __builtin_prefetch(item.first.identity());
+  for (const auto& [key, value] : items) {
+    if (value.isString() && key.isString() && key.str() == "$class") {
+      writeClassSubstitute(v, value.str());
+      return;
+    }
   }
   bool isMutable = v.isMutable();
-  if (isMutable) enterObject(id);
+  if (isMutable) enterValue(v);
   put8(isMutable ? kMutableDictionary : kDictionary);
   putAligned<uint32_t>(static_cast<uint32_t>(items.size()));
   for (size_t i = 0; i < items.size(); ++i) {
     encodeValue(items[i].second);
     encodeValue(items[i].first);
   }
-  if (!isMutable) enterObject(id);
+  if (!isMutable) enterValue(v);
 }
 
 // {"$alias": "a.0.b"} stands for the value at that key path from the root.
@@ -462,7 +570,8 @@ void DCNSCoder::writeAliasReference(const Value& path) {
     std::string_view component = rest.substr(0, dot);
     if (current.isArray()) {
       size_t index = 0;
-      auto [end, ec] = std::from_chars(component.data(), component.data() + component.size(), index);
+      auto [end, ec] =
+          std::from_chars(component.data(), component.data() + component.size(), index);
       bool valid = ec == std::errc() && end == component.data() + component.size();
       current = valid && index < current.size() ? current[index] : Value();
     } else if (current.isDictionary()) {
@@ -475,6 +584,9 @@ void DCNSCoder::writeAliasReference(const Value& path) {
     if (dot == std::string_view::npos) break;
     rest.remove_prefix(dot + 1);
   }
+  // Kept, so that the value is not taken for unshared where the graph
+  // reaches it again.
+  if (current.identity()) retained_.push_back(current);
   encodeValue(current);
 }
 
@@ -518,7 +630,7 @@ void DCNSCoder::writeClassSubstitute(const Value& v, std::string_view className)
     putAligned<uint32_t>(static_cast<uint32_t>(def.propertyKeys.size()));
     for (const auto& k : def.propertyKeys) putCString(k);
   }
-  enterObject(v.identity());
+  enterValue(v);
   writeClassIndex(static_cast<uint32_t>(entry->tableIndex));
   // Copy: values written below may reach this class again and widen it.
   std::vector<std::string> propertyKeys = def.propertyKeys;

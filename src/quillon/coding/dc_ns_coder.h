@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -21,6 +22,7 @@ namespace quillon {
 class DCNSCoder {
  public:
   explicit DCNSCoder(const Value& rootObject);
+  ~DCNSCoder();
   DCNSCoder(const DCNSCoder&) = delete;
   DCNSCoder& operator=(const DCNSCoder&) = delete;
 
@@ -47,17 +49,35 @@ class DCNSCoder {
   void encodeBytes(std::span<const uint8_t> bytes, std::string_view key);
 
  private:
-  // Open-addressing slots of the identity map (object table) and of the
-  // string-equality map (string table); index is table index + 1, 0 = free.
+  // Open-addressing slots of the identity map (object table), the date map
+  // and the string-equality map (string table); index is table index + 1. A
+  // slot is free unless it carries the current run's generation, so tables
+  // kept from an earlier run start empty at no cost.
   struct ObjectSlot {
     uint64_t key;
     uint32_t index;
+    uint32_t generation;
   };
   struct StringSlot {
     uint64_t hash;
-    uint32_t begin;  // offset of the text in arena_
+    uint32_t begin;  // offset of the text in the arena
     uint32_t length;
     uint32_t index;
+    uint32_t generation;
+  };
+  // The tables' storage. A thread keeps one set between runs, so that a run
+  // neither grows its tables from nothing nor faults their pages in again; a
+  // run nested in another (a coded object that encodes a value of its own)
+  // gets a set of its own.
+  struct Tables {
+    std::vector<ObjectSlot> objects;
+    std::vector<ObjectSlot> dates;  // by the date's bits
+    std::vector<StringSlot> strings;
+    std::string arena;  // the string table's texts
+    // Object-table entries not yet in the table: identity, index + 1.
+    std::vector<std::pair<const void*, uint32_t>> pending;
+    uint32_t generation = 0;
+    bool inUse = false;
   };
 
   struct ClassEntry {
@@ -65,7 +85,10 @@ class DCNSCoder {
     int64_t tableIndex = -1;  // -1 until written into the class table
   };
 
-  void reserve(size_t n);
+  void reserve(size_t n) {
+    if (size_ + n > output_.size()) grow(n);
+  }
+  void grow(size_t n);
   void put8(uint8_t b);
   void align(size_t width);
   template <typename T>
@@ -90,11 +113,16 @@ class DCNSCoder {
   void writeClassIndex(uint32_t index);
 
   // Object table by identity; answers index + 1, 0 when absent.
-  uint32_t findObject(const void* key) const;
+  uint32_t findObject(const void* key);
   uint32_t enterObject(const void* key);
-  static uint32_t findSlot(const std::vector<ObjectSlot>& slots, uint64_t key);
-  static void insertSlot(std::vector<ObjectSlot>& slots, uint32_t& used, uint64_t key,
-                         uint32_t index);
+  // The same for a value of the graph, cheaper for a node that only this
+  // handle holds: it cannot have been written before, and its entry waits in
+  // a list that goes into the table when a lookup would need it.
+  uint32_t findValue(const Value& v);
+  void enterValue(const Value& v);
+  void enterPending();
+  uint32_t findSlot(const std::vector<ObjectSlot>& slots, uint64_t key) const;
+  void insertSlot(std::vector<ObjectSlot>& slots, uint32_t& used, uint64_t key, uint32_t index);
   // String table by string equality.
   uint32_t findString(std::string_view s, uint64_t hash) const;
   uint32_t enterString(std::string_view s, uint64_t hash);
@@ -103,14 +131,13 @@ class DCNSCoder {
   Value rootObject_;
   std::vector<uint8_t> output_;
   size_t size_ = 0;
-  std::vector<ObjectSlot> objectCache_;
+  Tables* tables_;
+  std::unique_ptr<Tables> ownTables_;                      // when the thread's set is in use
+  uint32_t generation_ = 0;
   uint32_t objectSlotsUsed_ = 0;
   uint32_t objectCount_ = 0;
-  std::vector<StringSlot> stringCache_;
-  std::string arena_;
   uint32_t stringCount_ = 0;
   uint32_t stringSlotsUsed_ = 0;
-  std::vector<ObjectSlot> dateCache_;  // by the date's bits
   uint32_t dateSlotsUsed_ = 0;
   std::unordered_map<std::string, uint32_t> urlCache_;
   std::unordered_map<std::string, uint32_t> classCache_;
