@@ -48,45 +48,8 @@ class LogTest : public ::testing::Test {
   std::unique_ptr<StoreStack> stack_;
 };
 
-TEST_F(LogTest, ABurstOfEntriesGivesOneNoticeASecondAfterTheLast) {
-  MainQueue::cancelPreviousPerformRequests(stack_->store.get(), "refreshLog");
-  testing::ManualClock clock;
-  int notices = 0;
-  ScopedObserver observer = countNotices("log", &notices);
-  const size_t before = store().logEntries().size();
-
-  Value menu = Value::array({Value::dictionary(
-      {{"title", "Ignore"}, {"action", "discardChangeFromMenu:"}, {"URL", "file:///x"}})});
-  store().log("first", kQuillonLogTypeSuccess);
-  std::thread([this] { store().log("second"); }).join();
-  MainQueue::drain();
-  clock.advance(0.6);
-  MainQueue::drain();
-  store().log("third", kQuillonLogTypeError, menu);
-  MainQueue::drain();
-  clock.advance(0.6);
-  MainQueue::drain();
-  EXPECT_EQ(notices, 0);  // the third entry pushed the refresh back
-  clock.advance(0.5);
-  MainQueue::drain();
-  EXPECT_EQ(notices, 1);
-  clock.advance(5);
-  MainQueue::drain();
-  EXPECT_EQ(notices, 1);
-
-  Value entries = store().logEntries();
-  ASSERT_EQ(entries.size(), before + 3);
-  EXPECT_EQ(entries[0].get("message"), Value("third"));
-  EXPECT_EQ(entries[0].get(kQuillonLogType), Value(kQuillonLogTypeError));
-  EXPECT_EQ(entries[0].get("menu"), menu);
-  EXPECT_EQ(entries[1].get("message"), Value("second"));
-  EXPECT_EQ(entries[1].get(kQuillonLogType), Value(kQuillonLogTypeWarning));
-  EXPECT_EQ(entries[1].find("menu"), nullptr);
-  EXPECT_EQ(entries[2].get(kQuillonLogType), Value(kQuillonLogTypeSuccess));
-  EXPECT_TRUE(entries[2].get("date").isDate());
-}
-
-TEST_F(LogTest, ErrorLevelChangesOnTheMainQueueAndWorkForAGoneStoreDoesNothing) {
+// The log itself: tests/changes/store_log_test.cc.
+TEST_F(LogTest, TheStoresLogNamesTheStoreAndEndsWithIt) {
   int notices = 0;
   ScopedObserver observer = countNotices("errorLevel", &notices);
   std::thread([this] { store().setErrorLevel(kQuillonLogTypeError); }).join();

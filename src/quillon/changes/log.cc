@@ -25,37 +25,7 @@
 
 namespace quillon {
 
-struct QuillonStore::LogLink {
-  // Held while a block works on the store, so that a store destroyed on
-  // another thread waits for it. Recursive: an observer of a notice that a
-  // block posts may destroy the store on the main thread.
-  std::recursive_mutex mutex;
-  QuillonStore* store;
-};
-
-QuillonStore::LogLinkOwner::LogLinkOwner(QuillonStore* store) : link_(std::make_shared<LogLink>()) {
-  link_->store = store;
-}
-
-QuillonStore::LogLinkOwner::~LogLinkOwner() {
-  std::lock_guard<std::recursive_mutex> lock(link_->mutex);
-  MainQueue::cancelPreviousPerformRequests(link_->store, "refreshLog");
-  link_->store = nullptr;
-}
-
 namespace {
-
-constexpr int kErrorsArrayLimit = 20;
-constexpr double kRecentErrorsInterval = 864000;  // ten days
-constexpr size_t kSessionInfoLimit = 100;
-// Error records are small property lists; anything far larger is not one.
-constexpr uint64_t kMaximumErrorRecordSize = 8 << 20;
-
-void postValueChange(const QuillonStore* store, std::string_view notification,
-                     std::string_view key) {
-  NotificationCenter::defaultCenter().post(notification, store,
-                                           Value::dictionary({{"key", Value(key)}}));
-}
 
 // Whether the store's last owner has let go, so that its members are being
 // torn down: work still running then (a queue the cache drains as it goes)
@@ -68,57 +38,19 @@ bool isBeingDestroyed(const QuillonStore& store) {
   return owned && self.expired();
 }
 
-// Runs `work` on the main queue with the store, unless the store is gone by then.
-template <typename Link, typename Work>
-void onMainQueueWithStore(std::shared_ptr<Link> link, Work work) {
-  MainQueue::async([link = std::move(link), work = std::move(work)]() mutable {
-    std::lock_guard<std::recursive_mutex> lock(link->mutex);
-    if (link->store) work(*link->store, link);
-  });
-}
-
 }  // namespace
 
 // ---- The log ----
 
 void QuillonStore::log(const std::string& message, std::string_view type, const Value& menu) {
-  if (isBeingDestroyed(*this)) return;
-  auto add = [message, type = std::string(type), menu](QuillonStore& store,
-                                                       const std::shared_ptr<LogLink>& link) {
-    std::vector<Value::Entry> entry;
-    entry.emplace_back("date", Value::date(dateNow()));
-    entry.emplace_back("message", Value(message));
-    if (!menu.isNil()) entry.emplace_back("menu", menu);
-    entry.emplace_back(Value(kQuillonLogType), Value(type));
-    if (store.log_.isNil()) store.log_ = Value::mutableArray();
-    store.log_.append(Value::dictionary(std::move(entry)));
-
-    // One notice for a burst: each entry pushes the refresh a second further.
-    MainQueue::cancelPreviousPerformRequests(&store, "refreshLog");
-    auto refresh = [link] {
-      std::lock_guard<std::recursive_mutex> lock(link->mutex);
-      if (link->store) link->store->refreshLog();
-    };
-    MainQueue::afterDelay(1.0, std::move(refresh), &store, "refreshLog");
-  };
-  onMainQueueWithStore(logLink_.link(), std::move(add));
+  if (!isBeingDestroyed(*this)) storeLog_.log(message, type, menu);
 }
 
 void QuillonStore::log(const std::string& message) { log(message, kQuillonLogTypeWarning); }
 
-Value QuillonStore::logEntries() const {
-  // The log only grows, so an equal count means the snapshot is current.
-  if (logSnapshot_.isNil() || logSnapshot_.size() != log_.size()) {
-    std::vector<Value> newestFirst(log_.elements().rbegin(), log_.elements().rend());
-    logSnapshot_ = Value::array(std::move(newestFirst));
-  }
-  return logSnapshot_;
-}
+Value QuillonStore::logEntries() const { return storeLog_.entries(); }
 
-void QuillonStore::refreshLog() {
-  postValueChange(this, kQuillonWillChangeValueNotification, "log");
-  postValueChange(this, kQuillonDidChangeValueNotification, "log");
-}
+void QuillonStore::refreshLog() { storeLog_.refresh(); }
 
 void QuillonStore::logError(const Error& error, const std::string& domain) {
   if (!error || domain.empty()) return;
@@ -130,59 +62,17 @@ void QuillonStore::logErrorString(const std::string& text, const std::string& do
 }
 
 void QuillonStore::setErrorLevel(std::string_view type) {
-  if (isBeingDestroyed(*this)) return;
-  auto set = [type = std::string(type)](QuillonStore& store, const std::shared_ptr<LogLink>&) {
-    postValueChange(&store, kQuillonWillChangeValueNotification, "errorLevel");
-    store.errorLevel_ = type;
-    postValueChange(&store, kQuillonDidChangeValueNotification, "errorLevel");
-  };
-  onMainQueueWithStore(logLink_.link(), std::move(set));
+  if (!isBeingDestroyed(*this)) storeLog_.setErrorLevel(type);
 }
 
-std::string QuillonStore::errorLevel() const { return errorLevel_; }
+std::string QuillonStore::errorLevel() const { return storeLog_.errorLevel(); }
 
 // ---- Error records ----
 
-Value QuillonStore::errorsArray() {
-  const std::string folder = errorsURL().path();
-  std::vector<std::string> names;
-  Value records = Value::mutableArray();
-  if (env_->listDirectory(folder, &names)) return records;
-  std::erase_if(names, [](const std::string& name) {
-    return !isSafePathComponent(name) || name.front() == '.';
-  });
-  std::sort(names.begin(), names.end(), std::greater<>());
-  if (names.size() > kErrorsArrayLimit) names.resize(kErrorsArrayLimit);
-
-  for (const std::string& name : names) {
-    const std::string path = folder + "/" + name;
-    FileAttributes attributes;
-    if (env_->attributes(path, &attributes) || !attributes.isRegular() ||
-        attributes.size > kMaximumErrorRecordSize) {
-      continue;
-    }
-    std::vector<uint8_t> bytes;
-    if (env_->readFile(path, &bytes)) continue;
-    Value record = readPropertyList(bytes);
-    if (!record.isDictionary()) {
-      // A document with a password may hold its records enciphered.
-      std::vector<uint8_t> plain;
-      if (decrypt(bytes, &plain)) record = readPropertyList(plain);
-    }
-    if (record.isDictionary()) records.append(std::move(record));
-  }
-  return records;
-}
+Value QuillonStore::errorsArray() { return QuillonStoreLog::errorRecords(*files_, errorsURL()); }
 
 Value QuillonStore::recentErrorsArray() {
-  const double since = dateNow() - kRecentErrorsInterval;
-  Value recent = Value::mutableArray();
-  Value all = errorsArray();
-  for (const Value& record : all.elements()) {
-    const Value& date = record.get("date");
-    if (date.isDate() && date.dateValue() > since) recent.append(record);
-  }
-  return recent;
+  return QuillonStoreLog::recentErrorRecords(*files_, errorsURL());
 }
 
 Value QuillonStore::peformanceArray() const {
@@ -205,38 +95,9 @@ Value QuillonStore::sessionDictionary() const {
   return Value::dictionary(std::move(session));
 }
 
-Value QuillonStore::sessionInfo() {
-  static constexpr std::string_view kWriterKeys[] = {"machineName", "fullUserName", "userName",
-                                                     "version", "osVersion"};
-  Value changes = cache().changes();
-  Value writers = Value::mutableArray();
-  auto entries = changes.elements();
-  size_t seen = 0;
-  for (auto it = entries.rbegin(); it != entries.rend() && seen < kSessionInfoLimit; ++it, ++seen) {
-    const Value& session = it->get("session");
-    if (!session.isDictionary()) continue;
-    std::vector<Value::Entry> writer;
-    for (std::string_view key : kWriterKeys) {
-      const Value& value = session.get(key);
-      writer.emplace_back(Value(key), value.isNil() ? Value::null() : value);
-    }
-    Value row = Value::dictionary(std::move(writer));
-    if (!writers.contains(row)) writers.append(std::move(row));
-  }
-  return writers;
-}
+Value QuillonStore::sessionInfo() { return QuillonStoreLog::writers(cache().changes()); }
 
-std::string QuillonStore::checkSum() {
-  Value changes = cache().changes();
-  std::string names;
-  bool first = true;
-  for (const Value& change : changes.elements()) {
-    if (!first) names += ',';
-    first = false;
-    names += change.get("name").str();
-  }
-  return storeMD5String(names).substr(0, 6);
-}
+std::string QuillonStore::checkSum() { return QuillonStoreLog::checkSum(cache().changes()); }
 
 Value QuillonStore::infoArrayForContext(ManagedObjectContext* context) {
   auto row = [](std::string_view key, Value value) {

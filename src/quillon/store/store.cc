@@ -239,8 +239,7 @@ QuillonStore::~QuillonStore() {
   // Indexing and cache checks call back into the store: stop them while the
   // store is still whole.
   if (cache_) cache_->stopBackgroundWork();
-  for (const char* selector :
-       {"updateChanges", "processChanges", "refreshLog", "loadChangeLogIfNeeded"}) {
+  for (const char* selector : {"updateChanges", "processChanges", "loadChangeLogIfNeeded"}) {
     MainQueue::cancelPreviousPerformRequests(this, selector);
   }
   unobserveDirectory();

@@ -18,6 +18,7 @@
 #include "quillon/base/error.h"
 #include "quillon/base/url.h"
 #include "quillon/base/value.h"
+#include "quillon/changes/store_log.h"
 #include "quillon/graph/incremental_store.h"
 #include "quillon/graph/managed_object_id.h"
 #include "quillon/store/package_files.h"
@@ -332,7 +333,7 @@ class QuillonStore : public IncrementalStore {
   // The folder-event grouping window in seconds (2.0; tests shorten it).
   static void setObservationLatency(double seconds);
 
-  // ---- Log and diagnostics (changes/log.cc) ----
+  // ---- Log and diagnostics (changes/log.cc, over QuillonStoreLog) ----
 
   // A log entry: {"date", "message", "menu" (when given), "QuillonLogType"}.
   // A menu is an array of {"title", "action", "URL"}. Any thread; the entry is
@@ -401,10 +402,6 @@ class QuillonStore : public IncrementalStore {
   // Observation (main thread).
   std::unique_ptr<DirectoryWatcher> watcher_;
 
-  // Log (main thread).
-  Value log_;
-  std::string errorLevel_;
-
   // Further private state and helpers, one block per implementation file;
   // each file's owner adds only inside its own block.
   // [store.cc]
@@ -441,27 +438,9 @@ class QuillonStore : public IncrementalStore {
   mutable std::mutex watcherMutex_;
 
   // [log.cc]
-  // log_ holds the entries oldest first, so that adding one is cheap;
-  // logEntries() answers them newest first from logSnapshot_, which the
-  // store keeps so that the answer's elements outlive a temporary handle.
-  mutable Value logSnapshot_;
-  //
-  // The log's main-queue blocks and delayed calls reach the store through a
-  // shared link that the store detaches as its members go, so a block that
-  // runs after the store is gone does nothing.
-  struct LogLink;
-  class LogLinkOwner {
-   public:
-    explicit LogLinkOwner(QuillonStore* store);
-    ~LogLinkOwner();
-    LogLinkOwner(const LogLinkOwner&) = delete;
-    LogLinkOwner& operator=(const LogLinkOwner&) = delete;
-    const std::shared_ptr<LogLink>& link() const { return link_; }
-
-   private:
-    std::shared_ptr<LogLink> link_;
-  };
-  LogLinkOwner logLink_{this};
+  // Declared last, so that it goes first: work for the log that is still
+  // queued then does nothing.
+  QuillonStoreLog storeLog_{this};
 
   // [end]
 };
