@@ -1,5 +1,5 @@
 # Thin wrapper over the CMake presets; see README.md.
-.PHONY: all release debug asan test test-release test-asan check bench demo format clean
+.PHONY: all release debug asan fuzz test test-release test-asan check bench demo format clean
 
 all: release
 
@@ -7,14 +7,24 @@ release debug asan:
 	cmake --preset $@ >/dev/null
 	cmake --build --preset $@
 
-# The whole suite twice: a Release build with warnings as errors, then ASan+UBSan.
+# The whole suite twice: a Release build with warnings as errors, then ASan+UBSan;
+# then a short run of every fuzz target.
 test: test-release test-asan
+	$(MAKE) fuzz
 
 test-release: release
 	ctest --preset release
 
 test-asan: asan
 	ctest --preset asan
+
+# The libFuzzer targets (clang, ASan+UBSan), each run for FUZZ_SECONDS on its
+# seed corpus; fails on any crash.
+FUZZ_SECONDS ?= 30
+fuzz:
+	cmake --preset fuzz >/dev/null
+	cmake --build --preset fuzz
+	scripts/run-fuzz $(FUZZ_SECONDS)
 
 # Quick loop while developing: the Release suite only.
 check: test-release

@@ -68,6 +68,19 @@ TEST_F(CacheItemTest, AttributesDefaultsBinaryAndRelations) {
   EXPECT_EQ(item.attributes().find("link"), nullptr);
 }
 
+// A record is untrusted: names the cache's writer reserves never reach the
+// item, so its cache form reads back as the same item.
+TEST_F(CacheItemTest, ReservedNamesInARecordAreDropped) {
+  auto item = std::make_shared<QuillonCacheItem>();
+  update(*item, Value::dictionary({{"$alias", entry("12")}, {"title", entry("t")}}));
+  update(*item, Value::dictionary({{"$class", entry("QuillonCacheItem")}}));
+  EXPECT_TRUE(item->relations().empty());
+  Value again = DenseCoder::objectWithData(DenseCoder::dataWithRootObject(Value::object(item)));
+  ASSERT_NE(again.objectAs<QuillonCacheItem>(), nullptr);
+  EXPECT_EQ(again.objectAs<QuillonCacheItem>()->relations(), item->relations());
+  EXPECT_EQ(again.objectAs<QuillonCacheItem>()->attributes().get("title"), Value("t"));
+}
+
 TEST_F(CacheItemTest, ToManyAddsRemovesAndOrders) {
   QuillonCacheItem item;
   update(

@@ -242,6 +242,7 @@ TEST_F(PredicateTest, SyntaxErrorsAndDeepNestingNameTheirPosition) {
   EXPECT_EQ(errorPosition("a == 1 & b == 2"), 7);
   EXPECT_EQ(errorPosition("a BETWEEN {1, 2, 3}"), 10);
   EXPECT_EQ(errorPosition("a == 12abc"), 7);
+  EXPECT_EQ(errorPosition("a == 5e999"), 5);  // infinity cannot be written back
   EXPECT_EQ(errorPosition("a. == 1"), 3);
   EXPECT_EQ(errorPosition("a == 1 + 2"), 7);
   EXPECT_EQ(errorPosition(""), 0);
@@ -269,6 +270,9 @@ TEST_F(PredicateTest, FormatParsesBackToAnEqualPredicate) {
            "ALL #in.#size LIKE[cd] \"a*?\" AND SELF.x MATCHES \"^a$\"",
            "d BETWEEN {CAST(10, \"NSDate\"), CAST(20.5, \"NSDate\")} AND done == YES",
            "v == $VAR AND n == nil AND items.@count == 0 AND TRUEPREDICATE",
+           "#8 == t AND a.#2b.c == 1",  // keys that would read back as numbers
+           "a.self.b == 1 AND #self.c == 2",
+           "t == \"100% sure, 50%% off\"",
        }) {
     auto first = Predicate::parse(text);
     ASSERT_TRUE(first) << text;

@@ -271,8 +271,9 @@ void QuillonCache::installLoadedItems(const Value& loaded) {
     // Only objects the cache does not know yet: a known one may have
     // records the loaded item does not reflect.
     std::vector<std::pair<Value, Value>> unknown;
+    const Value& objects = items;  // clang before 16 cannot capture a binding
     set->readContent([&](const Value& uids) {
-      for (const auto& [uid, item] : items.items()) {
+      for (const auto& [uid, item] : objects.items()) {
         if (uid.isString() && !uid.str().empty() && !uids.contains(uid)) {
           unknown.emplace_back(uid, item);
         }
@@ -523,8 +524,9 @@ std::vector<QuillonCache::CachedItem> QuillonCache::cachedItemsForEntity(
       answer.push_back(CachedItem{uid});
     }
   });
-  for (const auto& [key, positions] : byShard) {
+  for (const auto& [key, shardPositions] : byShard) {
     if (!isSafePathComponent(key)) continue;
+    const std::vector<size_t>& positions = shardPositions;  // clang before 16 cannot capture a binding
     shardForKey(key)->readContent([&](const Value& content) {
       for (size_t position : positions) {
         CachedItem& entry = answer[position];

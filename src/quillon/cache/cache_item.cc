@@ -171,6 +171,9 @@ void QuillonCacheItem::updateValues(const Value& values, const EntityDescription
   for (const auto& [key, entry] : values.items()) {
     if (!key.isString() || !entry.isDictionary()) continue;
     std::string_view name = key.str();
+    // No property is named with a '$'; such a key from another computer's
+    // record would be taken for an alias or a class by the cache's writer.
+    if (name.starts_with('$')) continue;
     if (const AttributeDescription* attribute = entity.attribute(name)) {
       // A cleared value needs no transformer; a record from another computer
       // whose value no transformer reads counts as absent rather than

@@ -193,7 +193,7 @@ Value PersistentStoreCoordinator::executeRequest(const PersistentStoreRequest& r
         for (const Value& e : part.elements()) joined.append(e);
       }
     }
-    if (fetch.resultType() == FetchRequestResultType::Count) return Value::array({count});
+    if (fetch.resultType() == FetchRequestResultType::Count) return Value::array({Value::integer(count)});
     return joined;
   }
   if (stores_.size() == 1) return stores_.front()->executeRequest(request, context, error);

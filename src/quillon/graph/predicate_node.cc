@@ -113,6 +113,9 @@ void appendQuoted(std::string_view s, std::string* out) {
       case '\t':
         *out += "\\t";
         break;
+      case '%':  // the reader takes "%%" for one percent sign, in quotes too
+        *out += "%%";
+        break;
       default:
         if (static_cast<unsigned char>(c) < 0x20) {
           char buf[8];
@@ -192,7 +195,9 @@ void formatKeyPath(const quillon::KeyPath& path, std::string* out) {
     if (part == "self" || part == "SELF") {
       *out += "SELF";
     } else {
-      if (isReservedWord(part)) out->push_back('#');
+      // A key that would read back as a keyword or a number is escaped.
+      const bool numeric = !part.empty() && part[0] >= '0' && part[0] <= '9';
+      if (numeric || isReservedWord(part)) out->push_back('#');
       *out += part;
     }
     if (dot == s.npos) break;

@@ -207,7 +207,10 @@ class Lexer {
         return t;
       }
     }
-    t.value = Value::float64(std::strtod(digits.c_str(), nullptr));
+    const double v = std::strtod(digits.c_str(), nullptr);
+    // Infinity has no literal form to write the predicate back with.
+    if (!std::isfinite(v)) fail(start, "number too large");
+    t.value = Value::float64(v);
     return t;
   }
 
@@ -533,7 +536,7 @@ class Parser {
       case Kind::AtIdentifier:
         return keyPathFrom(t.text);
       case Kind::Identifier: {
-        if (t.escaped) return keyPathFrom(t.text);
+        if (t.escaped) return keyPathFrom(std::string(selfSpelled(t.text)));
         if (equalsIgnoringCase(t.text, "YES") || equalsIgnoringCase(t.text, "TRUE")) {
           return Expression::makeConstant(Value::boolean(true));
         }
@@ -557,14 +560,21 @@ class Parser {
          t.kind == Kind::End ? "unexpected end, expected an expression" : "expected an expression");
   }
 
+  // Key paths read "self" and "SELF" alike; one spelling keeps equal
+  // predicates equal once written and read back.
+  static std::string_view selfSpelled(std::string_view key) {
+    return key == "self" ? std::string_view("SELF") : key;
+  }
+
   Expression keyPathFrom(std::string path) {
     while (current_.kind == Kind::Dot) {
       advance();
       if (current_.kind != Kind::Identifier && current_.kind != Kind::AtIdentifier) {
         fail(current_.position, "expected a key after '.'");
       }
+      const Token key = advance();
       path += ".";
-      path += advance().text;
+      path += selfSpelled(key.text);
     }
     return Expression::makeKeyPath(path);
   }
