@@ -131,7 +131,7 @@ TEST_F(EditCommandsTest, BadInputIsOneLineErrorAndLeavesThePackageAsItWas) {
   };
   for (const auto& c : cases) {
     ToolRun run = edit(c.command, c.rest);
-    EXPECT_EQ(run.status, 1) << c.rest;
+    EXPECT_EQ(run.status, 1) << c.rest << "\n" << run.err;
     // Diagnostics of the framework may precede it; the error is one line.
     std::string line = errorLine(run);
     EXPECT_NE(line.find(c.message), std::string::npos) << c.rest << " → " << run.err;
