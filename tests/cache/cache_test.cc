@@ -243,14 +243,6 @@ TEST_F(CacheTest, ResetForgetsEverythingOnDisk) {
   EXPECT_FALSE(Env::Default()->exists(cache_->URL().path()));
   EXPECT_EQ(cache_->cacheItemForObjectID(noteID("F1")), nullptr);
   EXPECT_TRUE(cache_->changes().empty());
-  ASSERT_TRUE(MainQueue::runUntil(
-      [&] {
-        for (const Value& e : store_->logEntries().elements()) {
-          if (e.get("message") == Value("Reset Log")) return true;
-        }
-        return false;
-      },
-      5));
 }
 
 TEST_F(CacheTest, AFirstChangeFromThePackageCopyIsValidatedAndRetried) {

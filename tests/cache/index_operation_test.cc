@@ -28,7 +28,7 @@ class IndexOperationTest : public ::testing::Test {
     stack_ = std::make_unique<StoreStack>(dir_.file("Notes.quillon"));
     ASSERT_TRUE(stack_->waitUntilReady());
     store_ = stack_->store.get();
-    cache_ = QuillonCache::cacheForStore(store_);
+    cache_ = QuillonCache::cacheForSource(store_, store_->packageFilesPointer());
   }
   void TearDown() override {
     cache_.reset();

@@ -211,6 +211,23 @@ TEST_F(UpdateTest, AChangeThatArrivesInTheMiddleCutsTheLogAndReappliesTheRest) {
   update(*b);
   EXPECT_EQ(loggedChangeNames(*b->store), (Strings{names[0], middle, names[1]}));
   EXPECT_EQ(fetchNotes(*b).size(), 2u);
+
+  // Older than anything B applied: B's cache starts over, and says so.
+  auto resets = [&] {
+    size_t n = 0;
+    for (const Value& entry : b->store->logEntries().elements()) {
+      n += entry.get("message") == Value("Reset Log") ? 1 : 0;
+    }
+    return n;
+  };
+  const size_t resetsBefore = resets();
+  std::string first = "2001-01-01-00-00-00.000.FFFFFFFF-FFFF-FFFF-FFFF-FFFFFFFFFFFF.json";
+  dir.write("Doc.quillon/Changes/" + first,
+            "{\"name\": \"" + first + "\", \"type\": \"recovery\"}");
+  update(*b);
+  EXPECT_EQ(resets(), resetsBefore + 1);
+  EXPECT_EQ(loggedChangeNames(*b->store), (Strings{first, names[0], middle, names[1]}));
+  EXPECT_EQ(fetchNotes(*b).size(), 2u);
 }
 
 TEST_F(UpdateTest, UpToChangeStopsAtTheNamedChange) {

@@ -13,6 +13,7 @@
 #include "quillon/base/uuid.h"
 #include "quillon/cache/cache_collection.h"
 #include "quillon/cache/cache_item.h"
+#include "quillon/cache/cache_source.h"
 #include "quillon/cache/index_operation.h"
 #include "quillon/changes/change_file_check.h"
 #include "quillon/coding/string_utils.h"
@@ -24,7 +25,8 @@
 #include "quillon/store/package_files.h"
 #include "quillon/store/package_format.h"
 #include "quillon/store/quillon.h"
-#include "quillon/store/store.h"
+#include "quillon/store/object_uid.h"
+#include "quillon/store/package_layout.h"
 
 namespace quillon {
 namespace {
@@ -66,14 +68,15 @@ Value changeKeyInfo() { return Value::dictionary({{"key", "changes"}}); }
 
 // ---- Class operations ----
 
-std::shared_ptr<QuillonCache> QuillonCache::cacheForStore(QuillonStore* store) {
-  return std::make_shared<QuillonCache>(store);
+std::shared_ptr<QuillonCache> QuillonCache::cacheForSource(QuillonCacheSource* source,
+                                                          std::shared_ptr<PackageFiles> files) {
+  return std::make_shared<QuillonCache>(source, std::move(files));
 }
 
 std::optional<Url> QuillonCache::cacheURLForStoreURL(const Url& storeURL) {
   std::string folder = localDatabaseCachePath();
   if (folder.empty()) return std::nullopt;
-  Env* env = QuillonStore::defaultEnv();
+  Env* env = PackageFiles::defaultEnv();
   env->createDirectories(folder);
   folder += "/" + storeMD5String(trimmedOfSlashes(storeURL.absoluteString()));
   env->createDirectories(folder);
@@ -82,19 +85,19 @@ std::optional<Url> QuillonCache::cacheURLForStoreURL(const Url& storeURL) {
 
 void QuillonCache::resetCacheForURL(const Url& storeURL) {
   if (std::optional<Url> url = cacheURLForStoreURL(storeURL)) {
-    QuillonStore::defaultEnv()->removeItem(url->path());
+    PackageFiles::defaultEnv()->removeItem(url->path());
   }
 }
 
 void QuillonCache::resetAllCaches() {
   std::string folder = localDatabaseCachePath();
-  if (!folder.empty()) QuillonStore::defaultEnv()->removeItem(folder);
+  if (!folder.empty()) PackageFiles::defaultEnv()->removeItem(folder);
 }
 
 bool QuillonCache::checkWritePermissionsForStoreURL(const Url& storeURL) {
   std::optional<Url> folder = cacheURLForStoreURL(storeURL);
   if (!folder) return false;
-  Env* env = QuillonStore::defaultEnv();
+  Env* env = PackageFiles::defaultEnv();
   std::string probe = makeUUIDString();
   std::string path = folder->appending(probe).path();
   bool fine = !env->writeFileAtomically(path, std::string_view(probe));
@@ -106,9 +109,9 @@ bool QuillonCache::checkWritePermissionsForStoreURL(const Url& storeURL) {
 
 // ---- Life ----
 
-QuillonCache::QuillonCache(QuillonStore* store)
-    : store_(store),
-      files_(store ? store->packageFilesPointer() : nullptr),
+QuillonCache::QuillonCache(QuillonCacheSource* source, std::shared_ptr<PackageFiles> files)
+    : source_(source),
+      files_(std::move(files)),
       queue_(std::make_unique<DispatchQueue>(
           std::string(Quillon::frameworkInfo().get("CFBundleIdentifier").str()) + ".CacheQueue")),
       saveQueue_(std::make_unique<OperationQueue>("QuillonCacheSaveQueue")) {
@@ -329,7 +332,7 @@ Value QuillonCache::changesChain() {
 
 Value QuillonCache::changesHistoryForObjectID(const ManagedObjectIDPtr& objectID) {
   if (!objectID || !objectID->entity()) return Value::array();
-  std::vector<Url> files = store_->changesFilesFor(*objectID->entity(), storeUID(*objectID));
+  std::vector<Url> files = source_->changesFilesFor(*objectID->entity(), storeUID(*objectID));
   std::vector<Value> paths;
   for (const Url& file : files) paths.emplace_back(file.path());
   Value root = Value::dictionary({{"name", "Object"},
@@ -340,7 +343,7 @@ Value QuillonCache::changesHistoryForObjectID(const ManagedObjectIDPtr& objectID
   std::vector<Value> entries;
   for (const Url& file : files) {
     std::string name = file.lastPathComponent();
-    std::optional<Url> changeURL = store_->layout().changeFile(name);
+    std::optional<Url> changeURL = PackageLayout(storeURL_).changeFile(name);
     if (!changeURL) continue;
     // The change file and the record came from another computer: both are
     // read within their limits, and the change must be a change file.
@@ -435,12 +438,12 @@ void QuillonCache::removeObjectUIDs(const Value& objects, bool isExternal) {
 
 void QuillonCache::invalidateObjectUIDs(const Value& objects) {
   for (const auto& [entityName, uids] : objects.items()) {
-    const EntityDescription* entity = store_->entityNamed(entityName.str());
+    const EntityDescription* entity = source_->entityNamed(entityName.str());
     // An unknown entity ends the whole run: later entities stay as they are.
     if (!entity) return;
     for (const auto& [uid, entry] : uids.items()) {
       if (!uid.isString() || !isSafePathComponent(uid.str())) continue;
-      if (ManagedObjectIDPtr objectID = store_->newObjectIDForEntity(entity, uid)) {
+      if (ManagedObjectIDPtr objectID = source_->newObjectIDForEntity(entity, uid)) {
         removeObjectID(objectID);
       }
     }
@@ -570,7 +573,7 @@ std::shared_ptr<QuillonCacheItem> QuillonCache::cacheItemForObjectID(
 Value QuillonCache::attributesForObjectID(const ManagedObjectIDPtr& objectID,
                                           ManagedObjectContext* context) {
   std::shared_ptr<QuillonCacheItem> item = cacheItemForObjectID(objectID, context);
-  return item ? item->attributesForObjectID(objectID, store_, context) : Value();
+  return item ? item->attributesForObjectID(objectID, source_, context) : Value();
 }
 
 Value QuillonCache::valuesForObjectID(const ManagedObjectIDPtr& objectID,
@@ -580,7 +583,7 @@ Value QuillonCache::valuesForObjectID(const ManagedObjectIDPtr& objectID,
   std::string uid = storeUID(*objectID);
   std::shared_ptr<QuillonCacheItem> item = itemInShard(shard, uid);
   if (!item || item->attributes().isNil()) {
-    std::shared_ptr<QuillonCacheItem> loaded = store_->loadValuesForObjectID(objectID, context);
+    std::shared_ptr<QuillonCacheItem> loaded = source_->loadValuesForObjectID(objectID, context, Value());
     if (!loaded) return Value();
     std::lock_guard lock(shard->lock());
     std::shared_ptr<QuillonCacheItem> stored = itemInShard(shard, uid);
@@ -592,20 +595,20 @@ Value QuillonCache::valuesForObjectID(const ManagedObjectIDPtr& objectID,
       shard->setValue(Value::object(item), uid);
     }
   }
-  return item->valuesForObjectID(objectID, store_, context);
+  return item->valuesForObjectID(objectID, source_, context);
 }
 
 Value QuillonCache::allValuesForObjectID(const ManagedObjectIDPtr& objectID,
                                          ManagedObjectContext* context) {
   std::shared_ptr<QuillonCacheItem> item = cacheItemForObjectID(objectID, context);
-  return item ? item->allValuesForObjectID(objectID, store_, context) : Value();
+  return item ? item->allValuesForObjectID(objectID, source_, context) : Value();
 }
 
 std::shared_ptr<QuillonCacheItem> QuillonCache::loadValuesForObjectID(
     const ManagedObjectIDPtr& objectID, ManagedObjectContext* context,
     const std::shared_ptr<QuillonCacheDictionary>& intoCache) {
   std::shared_ptr<QuillonCacheItem> item = cacheItemForObjectID(objectID);
-  if (!item) item = store_->loadValuesForObjectID(objectID, context);
+  if (!item) item = source_->loadValuesForObjectID(objectID, context, Value());
   if (item) item->setCollection(intoCache);
   return item;
 }
@@ -691,7 +694,7 @@ std::vector<std::shared_ptr<QuillonCacheCollection>> QuillonCache::shardsAndUIDS
 }
 
 void QuillonCache::save() {
-  if (!url_.isEmpty()) store_->env()->createDirectories(url_.path());
+  if (!url_.isEmpty()) files_->env()->createDirectories(url_.path());
   std::vector<std::shared_ptr<QuillonCacheCollection>> all = shardsAndUIDSets();
   for (auto& collection : all) {
     // Clean collections would only take a queue slot to find nothing to do.
@@ -703,7 +706,7 @@ void QuillonCache::save() {
 }
 
 void QuillonCache::saveInBundle() {
-  const Url bundle = store_->layout().cache();
+  const Url bundle = PackageLayout(storeURL_).cache();
   (void)files_->env()->createDirectories(bundle.path());  // each write reports its own failure
   std::vector<std::shared_ptr<QuillonCacheCollection>> all = shardsAndUIDSets();
   for (auto& collection : all) {
@@ -713,7 +716,7 @@ void QuillonCache::saveInBundle() {
 }
 
 void QuillonCache::reset() {
-  if (!url_.isEmpty()) store_->env()->removeItem(url_.path());
+  if (!url_.isEmpty()) files_->env()->removeItem(url_.path());
   {
     std::lock_guard lock(entitiesMutex_);
     entities_.clear();
@@ -726,7 +729,6 @@ void QuillonCache::reset() {
     std::lock_guard lock(changeLogMutex_);
     changeLog_ = storedChangeLog();
   }
-  store_->log("Reset Log", kQuillonLogTypeWarning);
 }
 
 void QuillonCache::cacheMissingItems() {
@@ -740,7 +742,7 @@ void QuillonCache::cacheMissingItems() {
   indexQueue_ = std::make_unique<OperationQueue>("QuillonIndexQueue");
   indexQueue_->setMaxConcurrentOperationCount(1);
   std::vector<const EntityDescription*> entities;
-  for (const auto& [name, entity] : store_->entities()) {
+  for (const auto& [name, entity] : source_->entities()) {
     if (entity && !entity->isAbstract()) entities.push_back(entity);
   }
   std::sort(

@@ -28,7 +28,7 @@ class QuillonCacheDictionary;
 class QuillonCacheItem;
 class QuillonCacheSet;
 class PackageFiles;
-class QuillonStore;
+class QuillonCacheSource;
 
 // The local database cache of one open store: per entity the set of known
 // uids ("<Entity>_uids") and the cached values of its objects in sixteen
@@ -38,36 +38,41 @@ class QuillonStore;
 // the package URL>/<key>.fast, outside the package; deleting them loses
 // nothing.
 //
-// Owned by its QuillonStore (shared_ptr, made by cacheForStore); holds the
-// store without owning it. Thread-safe: the shard and uid tables, the change
+// Owned by its store (shared_ptr), which drives it: opening and updating
+// load, compare, reset and fill it. The cache sees the store only as its
+// QuillonCacheSource (cache_source.h), held without owning it, for
+// identifiers and cache misses. Thread-safe: the shard and uid tables, the change
 // log and each collection carry their own locks; change notices ("changes")
 // are posted on the main queue. Indexing runs on indexQueue, collection saves
-// on saveQueue; queue() is the store's for checking all files. The store must call
-// stopBackgroundWork() before its own state goes (its destructor), since
-// that work calls back into the store.
+// on saveQueue; queue() is the store's for checking all files. The owner must call
+// stopBackgroundWork() before the source's state goes (its destructor),
+// since that work calls back into the source.
 //
 // Lock order, outermost first: the change log's lock, monitor_, the shard
 // and uid tables' mutexes, a collection's lock, a cache item's lock. Under
-// the change log's lock the cache calls only the store members that take no
-// store lock (entityNamed, newObjectIDForEntity); every other call into the
-// store (loading values, logging, validation) is made without any cache
-// lock held, so a store that calls the cache under its own monitor cannot
-// deadlock against it.
+// the change log's lock the cache calls only the source members that take
+// no store lock (entityNamed, newObjectIDForEntity); every other call into
+// the source (loading values) is made without any cache lock held, so a
+// store that calls the cache under its own monitor cannot deadlock against
+// it.
 class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
  public:
-  static std::shared_ptr<QuillonCache> cacheForStore(QuillonStore* store);
+  // `files` reads and writes the package's own files (the bundle copy of
+  // the cache and the change files of an object's history).
+  static std::shared_ptr<QuillonCache> cacheForSource(QuillonCacheSource* source,
+                                                      std::shared_ptr<PackageFiles> files);
   // Nullopt when the user has no cache folder.
   static std::optional<Url> cacheURLForStoreURL(const Url& storeURL);
   static void resetCacheForURL(const Url& storeURL);
   static void resetAllCaches();
   static bool checkWritePermissionsForStoreURL(const Url& storeURL);
 
-  explicit QuillonCache(QuillonStore* store);
+  QuillonCache(QuillonCacheSource* source, std::shared_ptr<PackageFiles> files);
   ~QuillonCache();
   QuillonCache(const QuillonCache&) = delete;
   QuillonCache& operator=(const QuillonCache&) = delete;
 
-  QuillonStore* store() const { return store_; }
+  QuillonCacheSource* source() const { return source_; }
   void setStoreURL(const Url& storeURL);
   const Url& storeURL() const { return storeURL_; }
   // The cache folder (empty while unbound).
@@ -158,6 +163,8 @@ class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
   // Dirty shards and uid sets on the save queue, then the log synchronously.
   void save();
   void saveInBundle();
+  // Forgets every value and uid set and the cache's files; the change log
+  // becomes the stored one again.
   void reset();
   // Background indexing of every concrete entity, once per cache.
   void cacheMissingItems();
@@ -182,7 +189,7 @@ class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
   void addMaxItemsToIndex(uint64_t n) { maxItemsToIndex_ += n; }
 
  private:
-  QuillonStore* store_;
+  QuillonCacheSource* source_;
   std::shared_ptr<PackageFiles> files_;
   Url storeURL_;
   Url url_;

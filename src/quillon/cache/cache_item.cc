@@ -9,7 +9,9 @@
 #include "quillon/coding/string_utils.h"
 #include "quillon/coding/value_transformer.h"
 #include "quillon/graph/entity_description.h"
-#include "quillon/store/store.h"
+#include "quillon/cache/cache_source.h"
+#include "quillon/store/object_uid.h"
+#include "quillon/store/package_layout.h"
 
 namespace quillon {
 namespace {
@@ -45,27 +47,27 @@ std::span<const Value> referencesOf(const Value& stored) {
 // dead reference is never written back.
 ManagedObjectIDPtr objectIDForReference(const Value& reference,
                                         const RelationshipDescription& relationship,
-                                        QuillonStore* store) {
+                                        QuillonCacheSource* source) {
   if (!reference.isString()) return nullptr;
   std::string_view text = reference.str();
-  if (ManagedObjectIDPtr known = store->managedObjectIDForReference(text)) return known;
-  const EntityDescription* entity = store->entityNamed(storeEntityName(text));
+  if (ManagedObjectIDPtr known = source->managedObjectIDForReference(text)) return known;
+  const EntityDescription* entity = source->entityNamed(storeEntityName(text));
   std::string uid = storeUID(text);
   const EntityDescription* destination = relationship.destinationEntity();
   if (!entity || !isSafePathComponent(uid) ||
       (destination && !entity->isKindOfEntity(destination))) {
-    store->preventFromSaving();
+    source->preventFromSaving();
     return nullptr;
   }
-  ManagedObjectIDPtr made = store->newObjectIDForEntity(entity, Value(uid));
-  if (made) store->setManagedObjectIDForReference(text, made);
+  ManagedObjectIDPtr made = source->newObjectIDForEntity(entity, Value(uid));
+  if (made) source->setManagedObjectIDForReference(text, made);
   return made;
 }
 
 Value parseRelations(const Value& relations, const ManagedObjectIDPtr& objectID,
-                     QuillonStore* store, bool toMany) {
+                     QuillonCacheSource* source, bool toMany) {
   Value parsed = Value::mutableDictionary();
-  if (relations.empty() || !objectID || !objectID->entity() || !store) return parsed;
+  if (relations.empty() || !objectID || !objectID->entity() || !source) return parsed;
   const EntityDescription& entity = *objectID->entity();
   for (const auto& [name, stored] : relations.items()) {
     const RelationshipDescription* relationship = entity.relationship(name.str());
@@ -73,14 +75,14 @@ Value parseRelations(const Value& relations, const ManagedObjectIDPtr& objectID,
     if (toMany) {
       Value ids = relationship->isOrdered() ? Value::mutableOrderedSet() : Value::mutableSet();
       for (const Value& reference : referencesOf(stored)) {
-        if (ManagedObjectIDPtr id = objectIDForReference(reference, *relationship, store)) {
+        if (ManagedObjectIDPtr id = objectIDForReference(reference, *relationship, source)) {
           ids.append(Value::object(std::move(id)));
         }
       }
       parsed.set(name, std::move(ids));
     } else {
       for (const Value& reference : referencesOf(stored)) {
-        if (ManagedObjectIDPtr id = objectIDForReference(reference, *relationship, store)) {
+        if (ManagedObjectIDPtr id = objectIDForReference(reference, *relationship, source)) {
           parsed.set(name, Value::object(std::move(id)));
           break;
         }
@@ -90,24 +92,16 @@ Value parseRelations(const Value& relations, const ManagedObjectIDPtr& objectID,
   return parsed;
 }
 
-Value parseData(const Value& data, const ManagedObjectIDPtr& objectID, QuillonStore* store) {
+Value parseData(const Value& data, const ManagedObjectIDPtr& objectID, QuillonCacheSource* source) {
   Value parsed = Value::mutableDictionary();
-  if (data.empty() || !objectID || !objectID->entity() || !store) return parsed;
-  std::optional<std::string> entityKey = store->fileNameForEntity(*objectID->entity());
-  std::string uid = storeUID(*objectID);
-  if (!entityKey || !isSafePathComponent(*entityKey) || !isSafePathComponent(uid)) return parsed;
-  Url folder =
-      store->entitiesURL().appending(*entityKey, true).appending(uid, true).appending("Data", true);
+  if (data.empty() || !objectID || !objectID->entity() || !source) return parsed;
+  const std::string uid = storeUID(*objectID);
   for (const auto& [name, fileName] : data.items()) {
-    if (!fileName.isString() || !isSafePathComponent(fileName.str())) continue;
-    Url url = store->correctedDataURL(folder.appending(fileName.str()));
-    std::vector<uint8_t> stored;
-    if (Error error = store->env()->readFile(url.path(), &stored)) {
-      store->logError(error, "QuillonReadOperation");
-      continue;
+    if (!fileName.isString()) continue;
+    if (std::optional<std::vector<uint8_t>> plain =
+            source->readDataFile(*objectID->entity(), uid, fileName.str())) {
+      parsed.set(name, Value::data(std::move(*plain)));
     }
-    std::vector<uint8_t> plain;
-    if (store->decrypt(stored, &plain)) parsed.set(name, Value::data(std::move(plain)));
   }
   return parsed;
 }
@@ -227,13 +221,13 @@ void QuillonCacheItem::installIfCurrent(Value QuillonCacheItem::*field, Value va
 }
 
 Value QuillonCacheItem::attributesForObjectID(const ManagedObjectIDPtr& /*objectID*/,
-                                              QuillonStore* /*store*/,
+                                              QuillonCacheSource* /*source*/,
                                               ManagedObjectContext* /*context*/) {
   return attributes();
 }
 
 QuillonCacheItem::Forms QuillonCacheItem::forms(const ManagedObjectIDPtr& objectID,
-                                                QuillonStore* store, bool withToMany,
+                                                QuillonCacheSource* source, bool withToMany,
                                                 bool withData) {
   Forms forms;
   Value relations, data;
@@ -248,23 +242,23 @@ QuillonCacheItem::Forms QuillonCacheItem::forms(const ManagedObjectIDPtr& object
     forms.generation = generation_;
   }
   if (forms.toOne.isNil()) {
-    forms.toOne = parseRelations(relations, objectID, store, false);
+    forms.toOne = parseRelations(relations, objectID, source, false);
     installIfCurrent(&QuillonCacheItem::parsedToOneRelations_, forms.toOne, forms.generation);
   }
   if (withToMany && forms.toMany.isNil()) {
-    forms.toMany = parseRelations(relations, objectID, store, true);
+    forms.toMany = parseRelations(relations, objectID, source, true);
     installIfCurrent(&QuillonCacheItem::parsedToManyRelations_, forms.toMany, forms.generation);
   }
   if (withData && forms.data.isNil()) {
-    forms.data = parseData(data, objectID, store);
+    forms.data = parseData(data, objectID, source);
     installIfCurrent(&QuillonCacheItem::parsedData_, forms.data, forms.generation);
   }
   return forms;
 }
 
-Value QuillonCacheItem::valuesForObjectID(const ManagedObjectIDPtr& objectID, QuillonStore* store,
+Value QuillonCacheItem::valuesForObjectID(const ManagedObjectIDPtr& objectID, QuillonCacheSource* source,
                                           ManagedObjectContext* /*context*/) {
-  Forms parsed = forms(objectID, store, false, true);
+  Forms parsed = forms(objectID, source, false, true);
   Value values = mutableCopyOrNew(parsed.attributes);
   mergeInto(values, parsed.toOne);
   mergeInto(values, parsed.data);
@@ -272,13 +266,13 @@ Value QuillonCacheItem::valuesForObjectID(const ManagedObjectIDPtr& objectID, Qu
 }
 
 Value QuillonCacheItem::allValuesForObjectID(const ManagedObjectIDPtr& objectID,
-                                             QuillonStore* store,
+                                             QuillonCacheSource* source,
                                              ManagedObjectContext* /*context*/) {
   {
     std::lock_guard lock(mutex_);
     if (!dictionary_.isNil()) return dictionary_;
   }
-  Forms parsed = forms(objectID, store, true, true);
+  Forms parsed = forms(objectID, source, true, true);
   Value values = mutableCopyOrNew(parsed.attributes);
   mergeInto(values, parsed.toOne);
   mergeInto(values, parsed.toMany);
@@ -288,25 +282,25 @@ Value QuillonCacheItem::allValuesForObjectID(const ManagedObjectIDPtr& objectID,
 }
 
 Value QuillonCacheItem::valueForKey(std::string_view key, const ManagedObjectIDPtr& objectID,
-                                    QuillonStore* store, ManagedObjectContext* /*context*/) {
+                                    QuillonCacheSource* source, ManagedObjectContext* /*context*/) {
   {
     std::lock_guard lock(mutex_);
     if (const Value* attribute = attributes_.find(key)) return *attribute;
   }
   if (!objectID || !objectID->entity() || !objectID->entity()->relationship(key)) return Value();
-  Forms parsed = forms(objectID, store, true, false);
+  Forms parsed = forms(objectID, source, true, false);
   if (const Value* one = parsed.toOne.find(key)) return *one;
   return parsed.toMany.get(key);
 }
 
 Value QuillonCacheItem::parseDataForObjectID(const ManagedObjectIDPtr& objectID,
-                                             QuillonStore* store) {
-  return parseData(data(), objectID, store);
+                                             QuillonCacheSource* source) {
+  return parseData(data(), objectID, source);
 }
 
 Value QuillonCacheItem::parseRelationsForObjectID(const ManagedObjectIDPtr& objectID,
-                                                  QuillonStore* store, bool toMany) {
-  return parseRelations(relations(), objectID, store, toMany);
+                                                  QuillonCacheSource* source, bool toMany) {
+  return parseRelations(relations(), objectID, source, toMany);
 }
 
 void QuillonCacheItem::compact() {

@@ -15,7 +15,7 @@ namespace quillon {
 class EntityDescription;
 class ManagedObjectContext;
 class QuillonCacheDictionary;
-class QuillonStore;
+class QuillonCacheSource;
 
 // The cached stored state of one object: attribute values (in memory form),
 // relations as stored references ("Entity/UID"), the file names of external
@@ -43,18 +43,18 @@ class QuillonCacheItem final : public Object, public DCNSCoding {
   void updateValues(const Value& values, const EntityDescription& entity, const Url& url,
                     const Value& version);
 
-  Value attributesForObjectID(const ManagedObjectIDPtr& objectID, QuillonStore* store,
+  Value attributesForObjectID(const ManagedObjectIDPtr& objectID, QuillonCacheSource* source,
                               ManagedObjectContext* context);
   // Attributes, to-one relations (identifiers), external data.
-  Value valuesForObjectID(const ManagedObjectIDPtr& objectID, QuillonStore* store,
+  Value valuesForObjectID(const ManagedObjectIDPtr& objectID, QuillonCacheSource* source,
                           ManagedObjectContext* context);
   // Attributes, to-one and to-many relations, external data; memoised.
-  Value allValuesForObjectID(const ManagedObjectIDPtr& objectID, QuillonStore* store,
+  Value allValuesForObjectID(const ManagedObjectIDPtr& objectID, QuillonCacheSource* source,
                              ManagedObjectContext* context);
-  Value valueForKey(std::string_view key, const ManagedObjectIDPtr& objectID, QuillonStore* store,
+  Value valueForKey(std::string_view key, const ManagedObjectIDPtr& objectID, QuillonCacheSource* source,
                     ManagedObjectContext* context);
-  Value parseDataForObjectID(const ManagedObjectIDPtr& objectID, QuillonStore* store);
-  Value parseRelationsForObjectID(const ManagedObjectIDPtr& objectID, QuillonStore* store,
+  Value parseDataForObjectID(const ManagedObjectIDPtr& objectID, QuillonCacheSource* source);
+  Value parseRelationsForObjectID(const ManagedObjectIDPtr& objectID, QuillonCacheSource* source,
                                   bool toMany);
 
   void compact();
@@ -82,7 +82,7 @@ class QuillonCacheItem final : public Object, public DCNSCoding {
   };
   // The view, parsing (and keeping) the to-one relations and, when asked
   // for, the to-many relations and external data not parsed yet.
-  Forms forms(const ManagedObjectIDPtr& objectID, QuillonStore* store, bool withToMany,
+  Forms forms(const ManagedObjectIDPtr& objectID, QuillonCacheSource* source, bool withToMany,
               bool withData);
   // Installs a parsed or memoised form unless an update came in meanwhile.
   void installIfCurrent(Value QuillonCacheItem::*field, Value value, uint64_t generation);

@@ -4,9 +4,9 @@
 #include "quillon/base/system_log.h"
 #include "quillon/cache/cache.h"
 #include "quillon/cache/cache_item.h"
+#include "quillon/cache/cache_source.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/platform/main_queue.h"
-#include "quillon/store/store.h"
 
 namespace quillon {
 
@@ -47,7 +47,7 @@ QuillonIndexLoadOperation::QuillonIndexLoadOperation(QuillonCache* cache,
 void QuillonIndexLoadOperation::main() {
   if (!isCancelled() && !cache_->stopping_.load()) {
     try {
-      ManagedObjectIDPtr objectID = cache_->store()->newObjectIDForEntity(entity_, Value(uid_));
+      ManagedObjectIDPtr objectID = cache_->source()->newObjectIDForEntity(entity_, Value(uid_));
       if (objectID && !cache_->cacheItemForObjectID(objectID)) {
         cache_->cacheItemForObjectID(objectID, nullptr);
       }

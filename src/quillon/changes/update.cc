@@ -219,7 +219,10 @@ void QuillonStore::updateChangesWithCompletion(std::function<void(bool success)>
     pass->completion(true);
     return;
   }
-  if (start == 0) cache().reset();
+  if (start == 0) {
+    cache().reset();
+    log("Reset Log", kQuillonLogTypeWarning);
+  }
   pass->start = start;
   // The read queue belongs to the store, so the store must never be released
   // there: the reference moves on to the pass's last main-queue block.

@@ -172,6 +172,22 @@ std::shared_ptr<QuillonCacheItem> QuillonStore::loadValuesForObjectID(
   return loadValuesForEntity(*objectID->entity(), uid, context, upToChange);
 }
 
+std::optional<std::vector<uint8_t>> QuillonStore::readDataFile(const EntityDescription& entity,
+                                                             const std::string& uid,
+                                                             std::string_view fileName) {
+  std::optional<std::string> entityKey = fileNameForEntity(entity);
+  std::optional<Url> url = entityKey ? layout().dataFile(*entityKey, uid, fileName) : std::nullopt;
+  if (!url) return std::nullopt;
+  std::vector<uint8_t> stored;
+  if (Error error = env_->readFile(correctedDataURL(*url).path(), &stored)) {
+    logError(error, "QuillonReadOperation");
+    return std::nullopt;
+  }
+  std::vector<uint8_t> plain;
+  if (!files_->open(stored, &plain)) return std::nullopt;
+  return plain;
+}
+
 std::shared_ptr<QuillonCacheItem> QuillonStore::loadValuesForEntity(
     const EntityDescription& entity, const std::string& uid, ManagedObjectContext* /*context*/,
     const Value& upToChange) {

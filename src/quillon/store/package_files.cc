@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <atomic>
+
 #include "quillon/base/env.h"
 #include "quillon/base/plist.h"
 #include "quillon/base/system_log.h"
@@ -55,6 +57,17 @@ std::unique_ptr<SeaCrypto> PackageFiles::makeCipher(const Value& encryption, con
     return fail("the \"Encryption\" entry has no usable salt and rounds");
   }
   return cipher;
+}
+
+namespace {
+std::atomic<Env*> gDefaultEnv{nullptr};
+}  // namespace
+
+void PackageFiles::setDefaultEnv(Env* env) { gDefaultEnv.store(env); }
+
+Env* PackageFiles::defaultEnv() {
+  Env* env = gDefaultEnv.load();
+  return env ? env : Env::Default();
 }
 
 Value PackageFiles::readInfo(Env* env, const Url& package) {

@@ -104,6 +104,12 @@ class PackageFiles {
   // unusable.
   static std::unique_ptr<SeaCrypto> makeCipher(const Value& encryption, const Value& password,
                                                Error* error = nullptr);
+  // The Env that stores and caches created from now on use for every file
+  // access (Env::Default() unless set). For tests that inject faults; the
+  // Env must outlive whatever was created with it.
+  static void setDefaultEnv(Env* env);
+  static Env* defaultEnv();
+
   // A package's Info.plist as a dictionary, nil when missing or unreadable.
   static Value readInfo(Env* env, const Url& package);
   [[nodiscard]] static Error writeInfo(Env* env, const Url& package, const Value& info);

@@ -43,8 +43,6 @@ namespace quillon {
 
 namespace {
 
-std::atomic<Env*> gDefaultEnv{nullptr};
-
 // Registrations of recent packages still being written.
 std::mutex gRegistrationsMutex;
 std::condition_variable gRegistrationsDone;
@@ -91,12 +89,9 @@ std::string stringOrNull(const Value& value) {
 
 // ---- Package and opening ----
 
-void QuillonStore::setDefaultEnv(Env* env) { gDefaultEnv.store(env); }
+void QuillonStore::setDefaultEnv(Env* env) { PackageFiles::setDefaultEnv(env); }
 
-Env* QuillonStore::defaultEnv() {
-  Env* env = gDefaultEnv.load();
-  return env ? env : Env::Default();
-}
+Env* QuillonStore::defaultEnv() { return PackageFiles::defaultEnv(); }
 
 std::optional<std::string> QuillonStore::fileExtension() {
   Value types = Quillon::applicationInfo().get("CFBundleDocumentTypes");
@@ -228,7 +223,7 @@ QuillonStore::QuillonStore(PersistentStoreCoordinator* coordinator, std::string 
   upToChange_ = storeOptions.get(kQuillonUpToChange);
   storeOptions.erase(Value::string(kQuillonUpToChange));
   files_ = std::make_shared<PackageFiles>(env_, this->url(), password());
-  cache_ = QuillonCache::cacheForStore(this);
+  cache_ = QuillonCache::cacheForSource(this, files_);
   setupEntityKeys();
   writeInfo(storeOptions);
   documentIdentifier_ = documentIdentifier();
@@ -611,23 +606,6 @@ void QuillonStore::setManagedObjectIDForReference(std::string_view reference,
 }
 
 // ---- Identity helpers ----
-
-std::string storeUID(const ManagedObjectID& objectID) {
-  if (auto cached = objectID.cachedUID()) return *cached;
-  const Value& reference = objectID.referenceObject();
-  std::string uid = reference.isString() ? storeUID(reference.str()) : makeUUIDString();
-  objectID.setCachedUID(uid);
-  return uid;
-}
-
-std::string storeUID(const ManagedObject& object) {
-  return object.objectID() ? storeUID(*object.objectID()) : std::string();
-}
-
-std::string storeSavePath(const ManagedObjectID& objectID) {
-  std::string entity = objectID.entity() ? objectID.entity()->name() : std::string();
-  return fmt::format("{}/{}", entity, storeUID(objectID));
-}
 
 Value arrayForStore(const Value& value) {
   if (value.isNil()) return Value::array();

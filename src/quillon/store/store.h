@@ -18,10 +18,12 @@
 #include "quillon/base/error.h"
 #include "quillon/base/url.h"
 #include "quillon/base/value.h"
+#include "quillon/cache/cache_source.h"
 #include "quillon/changes/store_log.h"
 #include "quillon/graph/incremental_store.h"
 #include "quillon/graph/managed_object_id.h"
 #include "quillon/store/package_files.h"
+#include "quillon/store/object_uid.h"
 #include "quillon/store/package_layout.h"
 
 namespace quillon {
@@ -88,7 +90,7 @@ inline constexpr std::string_view kQuillonLoadingIssueLoadingPerformance = "Load
 // store/store.cc (package, opening, identity), store/fetching.cc,
 // store/saving.cc, changes/change.cc (change files), changes/validation.cc,
 // changes/update.cc, changes/observation.cc and changes/log.cc.
-class QuillonStore : public IncrementalStore {
+class QuillonStore : public IncrementalStore, public QuillonCacheSource {
  public:
   // ---- Package and opening (store/store.cc) ----
 
@@ -165,7 +167,7 @@ class QuillonStore : public IncrementalStore {
   std::string changesInfo();
 
   // The save gate: once set, every save fails with the newer-version error.
-  void preventFromSaving();
+  void preventFromSaving() override;
   bool blockSaves() const { return blockSaves_.load(); }
 
   Value executeRequest(const PersistentStoreRequest& request, ManagedObjectContext* context,
@@ -206,8 +208,8 @@ class QuillonStore : public IncrementalStore {
 
   void setupEntityKeys();
   // The entities of the coordinator's model by name.
-  const std::unordered_map<std::string, const EntityDescription*>& entities() const;
-  const EntityDescription* entityNamed(std::string_view name) const;
+  const std::unordered_map<std::string, const EntityDescription*>& entities() const override;
+  const EntityDescription* entityNamed(std::string_view name) const override;
   std::optional<std::string> fileNameForEntity(const EntityDescription& entity) const;
   std::optional<std::string> fileNameForEntityName(std::string_view name) const;
   std::optional<std::string> entityNameForFileName(std::string_view key) const;
@@ -220,8 +222,9 @@ class QuillonStore : public IncrementalStore {
       const std::vector<std::shared_ptr<ManagedObject>>& objects, Error* error) override;
   std::string uidForObjectID(const ManagedObjectIDPtr& objectID, ManagedObjectContext* context);
   // Identifiers made for stored references ("Entity/UID"), reused by cache items.
-  ManagedObjectIDPtr managedObjectIDForReference(std::string_view reference);
-  void setManagedObjectIDForReference(std::string_view reference, ManagedObjectIDPtr objectID);
+  ManagedObjectIDPtr managedObjectIDForReference(std::string_view reference) override;
+  void setManagedObjectIDForReference(std::string_view reference,
+                                      ManagedObjectIDPtr objectID) override;
 
   // ---- Fetching and loading (store/fetching.cc) ----
 
@@ -234,7 +237,11 @@ class QuillonStore : public IncrementalStore {
                                 Error* error) override;
   std::shared_ptr<QuillonCacheItem> loadValuesForObjectID(const ManagedObjectIDPtr& objectID,
                                                           ManagedObjectContext* context,
-                                                          const Value& upToChange = Value());
+                                                          const Value& upToChange = Value()) override;
+  // The plain bytes of one of the object's data files; a read error is logged.
+  std::optional<std::vector<uint8_t>> readDataFile(const EntityDescription& entity,
+                                                   const std::string& uid,
+                                                   std::string_view fileName) override;
   // Reads the object's records in change order, stopping after the record
   // whose URL contains `upToChange` (a change name) when given. Nullptr after
   // a loading issue.
@@ -285,7 +292,8 @@ class QuillonStore : public IncrementalStore {
   // `lastKnownName`, by at least one millisecond. Any thread.
   double orderedChangeDate(double date, std::string_view lastKnownName);
   // The object's record files whose change is in the change log, in change order.
-  std::vector<Url> changesFilesFor(const EntityDescription& entity, const std::string& uid);
+  std::vector<Url> changesFilesFor(const EntityDescription& entity,
+                                   const std::string& uid) override;
 
   // ---- Validation (changes/validation.cc) ----
 
@@ -447,12 +455,6 @@ class QuillonStore : public IncrementalStore {
 
 // ---- Identity helpers (store/store.cc) ----
 
-// The uid of an identifier: its cached uid, else the uid of its reference
-// (storeUID of the text), else a fresh UUID; cached on the identifier.
-std::string storeUID(const ManagedObjectID& objectID);
-std::string storeUID(const ManagedObject& object);
-// "Entity/UID".
-std::string storeSavePath(const ManagedObjectID& objectID);
 // A one-element array of a single value; a set's or ordered set's members;
 // an array as it is; nil gives an empty array.
 Value arrayForStore(const Value& value);
