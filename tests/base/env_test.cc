@@ -123,6 +123,54 @@ TEST(EnvTest, AttributesTellAPlaceholderFromAFile) {
   EXPECT_TRUE(folder.isDirectory());
 }
 
+// The bounded read measures the file it opened: a larger file is refused
+// unread, a placeholder shows as one, and an Env that only overrides the
+// plain read (as fault-injecting wrappers do) still sees every bounded read.
+TEST(EnvTest, BoundedReadRefusesLargerFilesAndMeasuresWhatItRead) {
+  TempDir dir;
+  dir.write("ten", std::string(10, 'x'));
+  const std::string sparse = dir.file("evicted");
+  int fd = ::open(sparse.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(::ftruncate(fd, 4096), 0);
+  ::close(fd);
+
+  class CountingReads : public EnvWrapper {
+   public:
+    using EnvWrapper::EnvWrapper;
+    Error readFile(const std::string& path, std::vector<uint8_t>* contents) override {
+      ++reads;
+      return EnvWrapper::readFile(path, contents);
+    }
+    using EnvWrapper::readFile;
+    int reads = 0;
+  } wrapped(Env::Default());
+
+  for (Env* env : {Env::Default(), static_cast<Env*>(&wrapped)}) {
+    SCOPED_TRACE(env == Env::Default() ? "POSIX" : "wrapper");
+    std::vector<uint8_t> bytes{1, 2, 3};
+    FileAttributes measured;
+    ASSERT_FALSE(env->readFile(dir.file("ten"), 10, &bytes, &measured));
+    EXPECT_EQ(bytes, std::vector<uint8_t>(10, 'x'));
+    EXPECT_EQ(measured.size, 10u);
+    EXPECT_TRUE(measured.isRegular());
+
+    Error tooLarge = env->readFile(dir.file("ten"), 9, &bytes, &measured);
+    EXPECT_EQ(tooLarge.code(), EFBIG);
+    EXPECT_TRUE(bytes.empty());
+    EXPECT_EQ(measured.size, 10u);
+
+    EXPECT_EQ(env->readFile(dir.file("none"), 10, &bytes).code(), ENOENT);
+    EXPECT_EQ(env->readFile(dir.path(), 10, &bytes).code(), EISDIR);
+
+    ASSERT_FALSE(env->readFile(sparse, 1 << 20, &bytes, &measured));
+    EXPECT_EQ(bytes.size(), 4096u);
+    EXPECT_EQ(measured.allocatedSize, 0u);  // what was read is not the file's content
+  }
+  // The refused file was never read through the wrapper.
+  EXPECT_EQ(wrapped.reads, 2);
+}
+
 std::span<const uint8_t> bytesOf(std::string_view text) {
   return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
 }

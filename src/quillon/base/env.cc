@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <limits>
 #include <mutex>
 #include <thread>
 #include <unordered_set>
@@ -62,31 +63,73 @@ Error writeThroughTemporary(const std::string& path, std::span<const uint8_t> co
   return e;
 }
 
+void attributesFromStat(const struct stat& st, FileAttributes* a) {
+  a->type = S_ISREG(st.st_mode)   ? FileAttributes::Type::Regular
+            : S_ISDIR(st.st_mode) ? FileAttributes::Type::Directory
+            : S_ISLNK(st.st_mode) ? FileAttributes::Type::Symlink
+                                  : FileAttributes::Type::Other;
+  a->size = static_cast<uint64_t>(st.st_size);
+  a->allocatedSize = static_cast<uint64_t>(st.st_blocks) * 512;
+  a->fileNumber = st.st_ino;
+  a->device = st.st_dev;
+  a->modificationDate = static_cast<double>(st.st_mtim.tv_sec) +
+                        static_cast<double>(st.st_mtim.tv_nsec) / 1e9 - kUnixToReferenceDate;
+}
+
 class PosixEnv final : public Env {
  public:
   Error readFile(const std::string& path, std::vector<uint8_t>* contents) override {
+    return readFile(path, std::numeric_limits<uint64_t>::max(), contents, nullptr);
+  }
+
+  Error readFile(const std::string& path, uint64_t maximumSize, std::vector<uint8_t>* contents,
+                 FileAttributes* measured) override {
     contents->clear();
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return Error::posix(errno, path);
     struct stat st;
-    if (::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
+    if (::fstat(fd, &st) != 0) {
+      int e = errno;
+      ::close(fd);
+      return Error::posix(e, path);
+    }
+    if (S_ISDIR(st.st_mode)) {
       ::close(fd);
       return Error::posix(EISDIR, path);
     }
-    if (st.st_size > 0) contents->reserve(static_cast<size_t>(st.st_size));
-    uint8_t buffer[65536];
+    const uint64_t size = st.st_size > 0 ? static_cast<uint64_t>(st.st_size) : 0;
+    if (measured) attributesFromStat(st, measured);
+    if (size > maximumSize) {
+      ::close(fd);
+      return Error::posix(EFBIG, path);
+    }
+    // Read straight into the result; a file that grows meanwhile is read
+    // to its end (and measured again against the limit).
+    size_t filled = 0;
+    contents->resize(static_cast<size_t>(size) + 1);
     for (;;) {
-      ssize_t n = ::read(fd, buffer, sizeof buffer);
+      if (filled == contents->size()) {
+        if (contents->size() > maximumSize) break;
+        contents->resize(std::max<size_t>(contents->size() * 2, 65536));
+      }
+      ssize_t n = ::read(fd, contents->data() + filled, contents->size() - filled);
       if (n < 0) {
         if (errno == EINTR) continue;
         int e = errno;
         ::close(fd);
+        contents->clear();
         return Error::posix(e, path);
       }
       if (n == 0) break;
-      contents->insert(contents->end(), buffer, buffer + n);
+      filled += static_cast<size_t>(n);
     }
     ::close(fd);
+    contents->resize(filled);
+    if (measured) measured->size = filled;
+    if (filled > maximumSize) {
+      contents->clear();
+      return Error::posix(EFBIG, path);
+    }
     return {};
   }
 
@@ -213,16 +256,7 @@ class PosixEnv final : public Env {
   Error attributes(const std::string& path, FileAttributes* a) override {
     struct stat st;
     if (::lstat(path.c_str(), &st) != 0) return Error::posix(errno, path);
-    a->type = S_ISREG(st.st_mode)   ? FileAttributes::Type::Regular
-              : S_ISDIR(st.st_mode) ? FileAttributes::Type::Directory
-              : S_ISLNK(st.st_mode) ? FileAttributes::Type::Symlink
-                                    : FileAttributes::Type::Other;
-    a->size = static_cast<uint64_t>(st.st_size);
-    a->allocatedSize = static_cast<uint64_t>(st.st_blocks) * 512;
-    a->fileNumber = st.st_ino;
-    a->device = st.st_dev;
-    a->modificationDate = static_cast<double>(st.st_mtim.tv_sec) +
-                          static_cast<double>(st.st_mtim.tv_nsec) / 1e9 - kUnixToReferenceDate;
+    attributesFromStat(st, a);
     return {};
   }
 
@@ -258,6 +292,23 @@ Error Env::writeFileAtomicallyUnflushed(const std::string& path,
 }
 
 Error Env::syncFiles(const std::vector<std::string>& /*paths*/) { return {}; }
+
+Error Env::readFile(const std::string& path, uint64_t maximumSize, std::vector<uint8_t>* contents,
+                    FileAttributes* measured) {
+  contents->clear();
+  FileAttributes found;
+  if (Error error = attributes(path, &found)) return error;
+  if (measured) *measured = found;
+  if (found.isDirectory()) return Error::posix(EISDIR, path);
+  if (found.size > maximumSize) return Error::posix(EFBIG, path);
+  if (Error error = readFile(path, contents)) return error;
+  if (measured) measured->size = contents->size();
+  if (contents->size() > maximumSize) {  // grew since it was measured
+    contents->clear();
+    return Error::posix(EFBIG, path);
+  }
+  return {};
+}
 
 Error Env::setModificationDate(const std::string& path, double /*date*/) {
   return Error::posix(ENOTSUP, path);

@@ -37,6 +37,14 @@ class Env {
   static Env* Default();
 
   virtual Error readFile(const std::string& path, std::vector<uint8_t>* contents) = 0;
+  // Reads the file only when it holds at most `maximumSize` bytes: a larger
+  // one answers EFBIG and is not read. `measured` (optional) receives the
+  // file's attributes as found when it was opened, with the size read. The
+  // default measures with attributes() and then calls readFile(), so a
+  // wrapper's faults apply to it; the POSIX Env measures the open file, so
+  // reading and measuring take one path lookup.
+  virtual Error readFile(const std::string& path, uint64_t maximumSize,
+                         std::vector<uint8_t>* contents, FileAttributes* measured = nullptr);
   // Writes through a temporary file in the same folder and a rename, so
   // readers see the old or the new contents, never a part.
   virtual Error writeFileAtomically(const std::string& path, std::span<const uint8_t> contents) = 0;
@@ -87,6 +95,9 @@ class EnvWrapper : public Env {
   Error readFile(const std::string& path, std::vector<uint8_t>* contents) override {
     return target_->readFile(path, contents);
   }
+  // The bounded read is Env's own, built on the two calls above, so that
+  // what a wrapper overrides of them applies to it too.
+  using Env::readFile;
   Error writeFileAtomically(const std::string& path, std::span<const uint8_t> contents) override {
     return target_->writeFileAtomically(path, contents);
   }

@@ -189,17 +189,18 @@ Value QuillonStore::validate(const Value& change, bool lightWeight, Value* loade
 
       if (!lightWeight) {
         const std::string recordPath = record.path();
-        if (!env_->exists(recordPath)) {
+        // One read answers whether the record arrived, whether its bytes
+        // are here, and what it holds.
+        PackageFileReading read = files_->readJSON(recordPath, kRecordFileLimits);
+        if (read.status == PackageFileReading::kMissing && !env_->exists(recordPath)) {
           Value menu = Value::array({menuItem("Ignore", "discardChangeFromMenu:", changeURL),
                                      menuItem("Show in Finder", "showInFinder:", record)});
           if (fail(fmt::format("Missing file: {}", recordText()), warning, menu)) return Value();
-        }
-        if (!QuillonIsOnDisk(recordPath, env_)) {
+        } else if (!read.onDisk) {
           if (fail(fmt::format("File not on disk: {}", recordText()), error, ignoreMenu)) {
             return Value();
           }
         }
-        PackageFileReading read = files_->readJSON(recordPath, kRecordFileLimits);
         switch (read.status) {
           case PackageFileReading::kMissing:
           case PackageFileReading::kEmpty:

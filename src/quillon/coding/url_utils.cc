@@ -72,8 +72,7 @@ class OnDiskCheck {
   bool item(const std::string& path) {
     FileAttributes a;
     if (env_->attributes(path, &a)) return true;  // vanished or unreadable: nothing to fetch
-    if (a.isRegular()) return a.allocatedSize >= 1 || a.size == 0;
-    if (!a.isDirectory()) return true;
+    if (!a.isDirectory()) return QuillonIsOnDisk(a);
     auto known = folders_.find(path);
     if (known != folders_.end()) return known->second;
     bool answer = folder(path);
@@ -138,6 +137,10 @@ bool QuillonIsLocalURL(const Url& url, Env* env) {
 }
 
 bool QuillonIsOnDisk(const std::string& path, Env* env) { return OnDiskCheck(env).item(path); }
+
+bool QuillonIsOnDisk(const FileAttributes& measuredFile) {
+  return !measuredFile.isRegular() || measuredFile.allocatedSize >= 1 || measuredFile.size == 0;
+}
 
 bool QuillonIsOnDisk(const Url& url, Env* env) { return QuillonIsOnDisk(url.path(), env); }
 

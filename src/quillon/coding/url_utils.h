@@ -33,6 +33,9 @@ bool QuillonIsLocalURL(const Url& url, Env* env = Env::Default());
 // recursive listing is not.
 bool QuillonIsOnDisk(const Url& url, Env* env = Env::Default());
 bool QuillonIsOnDisk(const std::string& path, Env* env = Env::Default());
+// The same answer for an item already measured: false only for a regular
+// file whose bytes are not stored locally (an online-only placeholder).
+bool QuillonIsOnDisk(const FileAttributes& measuredFile);
 
 // The device characteristics of the storage under the URL's volume; an empty
 // dictionary when unknown.

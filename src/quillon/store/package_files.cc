@@ -3,11 +3,13 @@
 #include <fmt/format.h>
 
 #include <atomic>
+#include <cerrno>
 
 #include "quillon/base/env.h"
 #include "quillon/base/plist.h"
 #include "quillon/base/system_log.h"
 #include "quillon/coding/sea_crypto.h"
+#include "quillon/coding/url_utils.h"
 #include "quillon/store/package_format.h"
 
 namespace quillon {
@@ -133,26 +135,15 @@ PackageFileReading PackageFiles::readBytes(const std::string& path, uint64_t max
                                            std::vector<uint8_t>* plain) {
   PackageFileReading reading;
   plain->clear();
-  FileAttributes attributes;
-  if (Error error = env_->attributes(path, &attributes)) {
-    reading.status = PackageFileReading::kMissing;
-    reading.error = std::move(error);
-    return reading;
-  }
-  reading.size = attributes.size;
-  if (attributes.size > maximumSize) {
-    reading.status = PackageFileReading::kTooLarge;
-    return reading;
-  }
   std::vector<uint8_t> stored;
-  if (Error error = env_->readFile(path, &stored)) {
-    reading.status = PackageFileReading::kMissing;
-    reading.error = std::move(error);
-    return reading;
-  }
-  reading.size = stored.size();
-  if (stored.size() > maximumSize) {  // grew since it was measured
-    reading.status = PackageFileReading::kTooLarge;
+  FileAttributes measured;
+  Error error = env_->readFile(path, maximumSize, &stored, &measured);
+  reading.size = measured.size;
+  reading.onDisk = QuillonIsOnDisk(measured);
+  if (error) {
+    const bool tooLarge = error.domain() == kPosixErrorDomain && error.code() == EFBIG;
+    reading.status = tooLarge ? PackageFileReading::kTooLarge : PackageFileReading::kMissing;
+    if (!tooLarge) reading.error = std::move(error);
     return reading;
   }
   if (stored.empty()) {

@@ -41,6 +41,9 @@ struct PackageFileReading {
   };
   Status status = kRead;
   uint64_t size = 0;  // bytes on disk, as far as they were measured
+  // False for an online-only placeholder whose bytes are not stored here
+  // (what was read of it is not the file's content).
+  bool onDisk = true;
   Value value;        // the parsed JSON when kRead
   Error error;        // the Env's or the parser's error, when there was one
 
