@@ -20,6 +20,7 @@
 #include "quillon/base/version.h"
 #include "quillon/cache/cache.h"
 #include "quillon/cache/cache_collection.h"
+#include "quillon/changes/folder_observer.h"
 #include "quillon/coding/data_utils.h"
 #include "quillon/coding/file_manager_utils.h"
 #include "quillon/coding/sea_crypto.h"
@@ -32,7 +33,6 @@
 #include "quillon/graph/managed_object_model.h"
 #include "quillon/graph/persistent_store_coordinator.h"
 #include "quillon/graph/save_changes_request.h"
-#include "quillon/platform/directory_watcher.h"
 #include "quillon/platform/main_queue.h"
 #include "quillon/platform/trash.h"
 #include "quillon/platform/user_info.h"
@@ -223,6 +223,7 @@ QuillonStore::QuillonStore(PersistentStoreCoordinator* coordinator, std::string 
   upToChange_ = storeOptions.get(kQuillonUpToChange);
   storeOptions.erase(Value::string(kQuillonUpToChange));
   files_ = std::make_shared<PackageFiles>(env_, this->url(), password());
+  observer_ = makeFolderObserver();
   cache_ = QuillonCache::cacheForSource(this, files_);
   setupEntityKeys();
   writeInfo(storeOptions);
@@ -237,7 +238,7 @@ QuillonStore::~QuillonStore() {
   for (const char* selector : {"updateChanges", "processChanges", "loadChangeLogIfNeeded"}) {
     MainQueue::cancelPreviousPerformRequests(this, selector);
   }
-  unobserveDirectory();
+  if (observer_) observer_->unobserve();
 }
 
 Value QuillonStore::password() const {

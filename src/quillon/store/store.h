@@ -28,7 +28,6 @@
 
 namespace quillon {
 
-class DirectoryWatcher;
 class DispatchQueue;
 class EntityDescription;
 class FetchRequest;
@@ -40,6 +39,7 @@ class QuillonCache;
 class QuillonCacheArray;
 class QuillonCacheItem;
 class QuillonChange;
+class QuillonFolderObserver;
 class SaveChangesRequest;
 class SeaCrypto;
 
@@ -327,7 +327,7 @@ class QuillonStore : public IncrementalStore, public QuillonCacheSource {
   void insertChangeFromMenu(const Url& changeURL);
   void showInFinder(const Url& url);
 
-  // ---- Folder observation (changes/observation.cc) ----
+  // ---- Folder observation (changes/observation.cc, over QuillonFolderObserver) ----
 
   void observeDirectory();
   void unobserveDirectory();
@@ -407,8 +407,8 @@ class QuillonStore : public IncrementalStore, public QuillonCacheSource {
   std::atomic<bool> hasRemoteFiles_{false};
   std::atomic<bool> closed_{false};
 
-  // Observation (main thread).
-  std::unique_ptr<DirectoryWatcher> watcher_;
+  // Observation of "Changes".
+  std::unique_ptr<QuillonFolderObserver> observer_;
 
   // Further private state and helpers, one block per implementation file;
   // each file's owner adds only inside its own block.
@@ -442,8 +442,7 @@ class QuillonStore : public IncrementalStore, public QuillonCacheSource {
                                const std::shared_ptr<UpdatePass>& pass);
 
   // [observation.cc]
-  // Guards watcher_ against willWriteChangeFile() from the save threads.
-  mutable std::mutex watcherMutex_;
+  std::unique_ptr<QuillonFolderObserver> makeFolderObserver();
 
   // [log.cc]
   // Declared last, so that it goes first: work for the log that is still
