@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "quillon/base/json.h"
+#include "quillon/changes/change_validator.h"
 #include "quillon/coding/data_utils.h"
 #include "quillon/platform/main_queue.h"
 #include "quillon/store/quillon.h"
@@ -65,7 +66,9 @@ class ValidationTest : public ::testing::Test {
   // Validates and answers the log lines it wrote, oldest first.
   Value validate(const Value& c, std::vector<Line>* lines, bool lightWeight = false) {
     const size_t before = store().logEntries().size();
-    Value result = store().validatedChanges(c, lightWeight);
+    // The validator itself, with the open store as its host.
+    QuillonChangeValidator validator(store(), store().packageFilesPointer());
+    Value result = validator.validate(c, lightWeight, nullptr, store().recover());
     MainQueue::drain();
     Value entries = store().logEntries();
     lines->clear();

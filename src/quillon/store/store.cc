@@ -224,6 +224,7 @@ QuillonStore::QuillonStore(PersistentStoreCoordinator* coordinator, std::string 
   storeOptions.erase(Value::string(kQuillonUpToChange));
   files_ = std::make_shared<PackageFiles>(env_, this->url(), password());
   observer_ = makeFolderObserver();
+  validator_ = std::make_unique<QuillonChangeValidator>(*this, files_);
   cache_ = QuillonCache::cacheForSource(this, files_);
   setupEntityKeys();
   writeInfo(storeOptions);
@@ -397,7 +398,7 @@ void QuillonStore::checkAllFiles() {
     }
     // Every file is checked, as in recovery mode, whatever the store's mode.
     for (const Value& change : changes.elements()) {
-      if (validate(change, false, nullptr, /*recovering=*/true).isNil()) ++errors;
+      if (validator_->validate(change, false, nullptr, /*recovering=*/true).isNil()) ++errors;
     }
     if (errors > 0) {
       log("Finished checking Files: Found errors", kQuillonLogTypeError);

@@ -19,6 +19,7 @@
 #include "quillon/base/url.h"
 #include "quillon/base/value.h"
 #include "quillon/cache/cache_source.h"
+#include "quillon/changes/change_validator.h"
 #include "quillon/changes/store_log.h"
 #include "quillon/graph/incremental_store.h"
 #include "quillon/graph/managed_object_id.h"
@@ -90,7 +91,9 @@ inline constexpr std::string_view kQuillonLoadingIssueLoadingPerformance = "Load
 // store/store.cc (package, opening, identity), store/fetching.cc,
 // store/saving.cc, changes/change.cc (change files), changes/validation.cc,
 // changes/update.cc, changes/observation.cc and changes/log.cc.
-class QuillonStore : public IncrementalStore, public QuillonCacheSource {
+class QuillonStore : public IncrementalStore,
+                     public QuillonCacheSource,
+                     public QuillonValidationHost {
  public:
   // ---- Package and opening (store/store.cc) ----
 
@@ -145,7 +148,7 @@ class QuillonStore : public IncrementalStore, public QuillonCacheSource {
   bool loadMetadata(Error* error) override;
 
   // Where the package's files are, and how they are read and written.
-  PackageLayout layout() const;
+  PackageLayout layout() const override;
   PackageFiles& packageFiles() const { return *files_; }
   std::shared_ptr<PackageFiles> packageFilesPointer() const { return files_; }
 
@@ -211,7 +214,7 @@ class QuillonStore : public IncrementalStore, public QuillonCacheSource {
   const std::unordered_map<std::string, const EntityDescription*>& entities() const override;
   const EntityDescription* entityNamed(std::string_view name) const override;
   std::optional<std::string> fileNameForEntity(const EntityDescription& entity) const;
-  std::optional<std::string> fileNameForEntityName(std::string_view name) const;
+  std::optional<std::string> fileNameForEntityName(std::string_view name) const override;
   std::optional<std::string> entityNameForFileName(std::string_view key) const;
   // Every entity key, entity name → key.
   const std::unordered_map<std::string, std::string>& entityKeys() const { return entityKeys_; }
@@ -295,7 +298,7 @@ class QuillonStore : public IncrementalStore, public QuillonCacheSource {
   std::vector<Url> changesFilesFor(const EntityDescription& entity,
                                    const std::string& uid) override;
 
-  // ---- Validation (changes/validation.cc) ----
+  // ---- Validation (changes/validation.cc, over QuillonChangeValidator) ----
 
   // The combined (entity → uid → entry) updates and inserts of a valid
   // change, nil otherwise (in recovery mode the combination after logging).
@@ -346,14 +349,15 @@ class QuillonStore : public IncrementalStore, public QuillonCacheSource {
   // A log entry: {"date", "message", "menu" (when given), "QuillonLogType"}.
   // A menu is an array of {"title", "action", "URL"}. Any thread; the entry is
   // added on the main queue.
-  void log(const std::string& message, std::string_view type, const Value& menu = Value());
+  void log(const std::string& message, std::string_view type,
+           const Value& menu = Value()) override;
   void log(const std::string& message);
   // The entries, newest first (main thread).
   Value logEntries() const;
   void refreshLog();
   void logError(const Error& error, const std::string& domain);
   void logErrorString(const std::string& text, const std::string& domain);
-  void setErrorLevel(std::string_view type);
+  void setErrorLevel(std::string_view type) override;
   std::string errorLevel() const;
   Value errorsArray();
   Value recentErrorsArray();
@@ -430,8 +434,7 @@ class QuillonStore : public IncrementalStore, public QuillonCacheSource {
   std::string lastIssuedChangeDate_;  // "yyyy-MM-dd-HH-mm-ss.SSS" of the last name made
 
   // [validation.cc]
-  // validatedChanges with the recovery mode given rather than the store's.
-  Value validate(const Value& change, bool lightWeight, Value* loadedItems, bool recovering);
+  std::unique_ptr<QuillonChangeValidator> validator_;
 
   // [update.cc]
   struct UpdatePass;
