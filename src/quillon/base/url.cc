@@ -2,22 +2,25 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <climits>
+#include <string_view>
 
 namespace quillon {
 namespace {
 
-bool isUnreservedPathChar(unsigned char c) {
-  if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) return true;
-  switch (c) {
-    case '-': case '.': case '_': case '~': case '/': case '!': case '$': case '&':
-    case '\'': case '(': case ')': case '*': case '+': case ',': case ';': case '=':
-    case ':': case '@':
-      return true;
-    default:
-      return false;
-  }
-}
+// The characters a path keeps as they are; every other byte is written %XX.
+constexpr std::array<bool, 256> kUnreservedPathChars = [] {
+  std::array<bool, 256> table{};
+  for (int c = 'a'; c <= 'z'; ++c) table[c] = true;
+  for (int c = 'A'; c <= 'Z'; ++c) table[c] = true;
+  for (int c = '0'; c <= '9'; ++c) table[c] = true;
+  for (unsigned char c : std::string_view("-._~/!$&'()*+,;=:@")) table[c] = true;
+  return table;
+}();
+
+bool isUnreservedPathChar(unsigned char c) { return kUnreservedPathChars[c]; }
 
 int hexValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';
@@ -32,29 +35,53 @@ struct Parts {
   bool hasScheme = false;
 };
 
+// The first of `a` or `b` in `s` from `from`, npos when neither occurs.
+// (std::string_view::find_first_of looks up its set once per character.)
+size_t findEither(std::string_view s, char a, char b, size_t from = 0) {
+  for (size_t i = from; i < s.size(); ++i) {
+    if (s[i] == a || s[i] == b) return i;
+  }
+  return std::string_view::npos;
+}
+
 Parts split(std::string_view s) {
   Parts p;
   size_t colon = s.find(':');
-  size_t slash = s.find('/');
-  if (colon != std::string_view::npos && colon > 0 && (slash == std::string_view::npos || colon < slash)) {
+  if (colon != std::string_view::npos && colon > 0 &&
+      s.substr(0, colon).find('/') == std::string_view::npos) {
     p.hasScheme = true;
     p.scheme = std::string(s.substr(0, colon));
     s.remove_prefix(colon + 1);
   }
   if (s.starts_with("//")) {
     s.remove_prefix(2);
-    size_t end = s.find_first_of("/?#");
+    size_t end = std::min(s.find('/'), findEither(s, '?', '#'));
     p.host = std::string(s.substr(0, end));
     s.remove_prefix(end == std::string_view::npos ? s.size() : end);
   }
-  size_t end = s.find_first_of("?#");
+  size_t end = findEither(s, '?', '#');
   p.path = std::string(s.substr(0, end));
   if (end != std::string_view::npos) p.rest = std::string(s.substr(end));
   return p;
 }
 
+// Whether an absolute path is already normal: no empty, "." or ".." segment.
+bool isNormal(std::string_view path) {
+  if (!path.starts_with('/')) return false;
+  for (size_t i = 0; i < path.size(); ++i) {
+    if (path[i] != '/') continue;
+    std::string_view next = path.substr(i + 1);
+    if (next.starts_with('/') && i + 1 < path.size()) return false;
+    if (next == "." || next == ".." || next.starts_with("./") || next.starts_with("../")) {
+      return false;
+    }
+  }
+  return true;
+}
+
 // Resolves "." and ".." segments of an absolute path.
 std::string normalise(const std::string& path) {
+  if (isNormal(path)) return path;
   std::vector<std::string> out;
   bool trailing = path.ends_with('/');
   size_t i = 0;
@@ -83,6 +110,11 @@ std::string normalise(const std::string& path) {
 
 std::string Url::percentEncodePath(std::string_view path) {
   static const char* hex = "0123456789ABCDEF";
+  size_t plain = 0;
+  while (plain < path.size() && isUnreservedPathChar(static_cast<unsigned char>(path[plain]))) {
+    ++plain;
+  }
+  if (plain == path.size()) return std::string(path);
   std::string out;
   out.reserve(path.size());
   for (unsigned char c : path) {
@@ -98,6 +130,7 @@ std::string Url::percentEncodePath(std::string_view path) {
 }
 
 std::string Url::percentDecode(std::string_view text) {
+  if (text.find('%') == std::string_view::npos) return std::string(text);
   std::string out;
   out.reserve(text.size());
   for (size_t i = 0; i < text.size(); ++i) {

@@ -63,13 +63,13 @@ bool isLength(const Value& v) { return v.isNumber() && !v.isBool(); }
 // Keeps the cache item an inserted object's record makes, as loading the
 // object from its records would: its insert record is the first it has.
 void keepLoadedItem(const QuillonValidationHost& host, const std::string& entity, const Value& uid,
-                    const Value& record, const Url& url, Value* loadedItems) {
+                    const Value& record, Value* loadedItems) {
   const EntityDescription* description = host.entityNamed(entity);
   const Value& payload = record.get("payload");
   if (!description || !record.isDictionary() || !payload.isDictionary()) return;
   auto item = std::make_shared<QuillonCacheItem>();
   try {
-    item->updateValues(payload, *description, url, record.get("version"));
+    item->updateValues(payload, *description, Url(), record.get("version"));
   } catch (const Exception&) {
     return;  // loading the object reports what is wrong with it
   }
@@ -187,23 +187,24 @@ Value QuillonChangeValidator::validate(const Value& change, bool lightWeight, Va
     log(fmt::format("Begin validation of {}", clip(entity)), success);
     const std::optional<std::string> fileName = host_.fileNameForEntityName(entity);
     if (!fileName || !objects.isDictionary()) continue;
-    const Url entityURL = layout.entities().appending(*fileName, true);
+    // Paths are put together as text: this loop runs once per object.
+    const std::string entityPath = layout.entities().path() + "/" + *fileName;
 
     for (const auto& [uidValue, entry] : objects.items()) {
       const std::string uid(uidValue.str());
       if (!isSafePathComponent(uid)) continue;  // reported with the file's shape
-      const Url folder = entityURL.appending(uid, true);
-      const Url record = folder.appending(name);
-      auto recordText = [&] { return shortURL(record); };
+      const std::string folderPath = entityPath + "/" + uid;
+      const std::string recordPath = folderPath + "/" + name;
+      auto record = [&] { return Url::fileURL(recordPath); };
+      auto recordText = [&] { return shortURL(record()); };
 
       if (!lightWeight) {
-        const std::string recordPath = record.path();
         // One read answers whether the record arrived, whether its bytes
         // are here, and what it holds.
         PackageFileReading read = files_->readJSON(recordPath, kRecordFileLimits);
         if (read.status == PackageFileReading::kMissing && !env->exists(recordPath)) {
           Value menu = Value::array({menuItem("Ignore", "discardChangeFromMenu:", changeURL),
-                                     menuItem("Show in Finder", "showInFinder:", record)});
+                                     menuItem("Show in Finder", "showInFinder:", record())});
           if (fail(fmt::format("Missing file: {}", recordText()), warning, menu)) return Value();
         } else if (!read.onDisk) {
           if (fail(fmt::format("File not on disk: {}", recordText()), error, ignoreMenu)) {
@@ -231,7 +232,7 @@ Value QuillonChangeValidator::validate(const Value& change, bool lightWeight, Va
             break;
           case PackageFileReading::kRead:
             if (loadedItems && sections[1].get(entity).find(uidValue)) {
-              keepLoadedItem(host_, entity, uidValue, read.value, record, loadedItems);
+              keepLoadedItem(host_, entity, uidValue, read.value, loadedItems);
             }
             break;
         }
@@ -241,7 +242,6 @@ Value QuillonChangeValidator::validate(const Value& change, bool lightWeight, Va
         if (invalidContent(fmt::format("{}/{}", entity, uid))) return Value();
         continue;
       }
-      const Url dataFolder = folder.appending("Data", true);
       for (const auto& [key, dataRecords] : entry.items()) {
         const std::string where = fmt::format("{}/{}/{}", entity, uid, key.str());
         if (!dataRecords.isArray()) {
@@ -261,7 +261,8 @@ Value QuillonChangeValidator::validate(const Value& change, bool lightWeight, Va
             if (invalidName(dataName)) return Value();
             continue;
           }
-          const Url dataURL = correctedDataURL(env, dataFolder.appending(dataName.str()));
+          const Url dataURL = correctedDataURL(
+              env, Url::fileURL(folderPath + "/Data/" + std::string(dataName.str())));
           const std::string dataPath = dataURL.path();
           const std::string dataText = shortURL(dataURL);
           if (length.intValue() > 0 && !QuillonIsOnDisk(dataPath, env)) {
