@@ -200,6 +200,14 @@ TEST(ValueTest, IndexedLookupsAgreeWithAReferenceMapThroughGrowthAndReserve) {
     auto found = reference.find(probe);
     ASSERT_EQ(d.get(p), found == reference.end() ? Value() : Value(found->second)) << step;
     ASSERT_EQ(s.contains(p), found != reference.end()) << step;
+    if (step % 50 == 0) {
+      // Every key, and the positions the index keeps after erases.
+      for (const auto& [key, value] : reference) {
+        Value k = key % 2 ? Value("k" + std::to_string(key)) : Value(key);
+        ASSERT_EQ(d.get(k), Value(value)) << step;
+        ASSERT_EQ(s[*s.indexOf(k)], k) << step;
+      }
+    }
   }
 }
 

@@ -370,6 +370,30 @@ class HashIndex {
 
   bool needsGrowth(size_t count) const { return count * 2 + 2 > capacity_; }
 
+  // Forgets `position` (its element's hash is `h`) and moves every later
+  // position one down, as erasing the element from its container does. No
+  // key is hashed again: the slots' own hash parts say where each belongs.
+  void erase(size_t h, size_t position) {
+    const size_t mask = capacity_ - 1;
+    const uint64_t target =
+        (uint64_t{static_cast<uint32_t>(h)} << 32) | (uint64_t{position} + 1);
+    size_t hole = h & mask;
+    while (slots_[hole] != target) hole = (hole + 1) & mask;
+    // Backward-shift deletion keeps every probe sequence unbroken.
+    for (size_t next = (hole + 1) & mask; slots_[next] != 0; next = (next + 1) & mask) {
+      const size_t home = (slots_[next] >> 32) & mask;
+      const bool staysAfterHole =
+          hole <= next ? (home > hole && home <= next) : (home > hole || home <= next);
+      if (staysAfterHole) continue;
+      slots_[hole] = slots_[next];
+      hole = next;
+    }
+    slots_[hole] = 0;
+    for (size_t i = 0; i < capacity_; ++i) {
+      if (static_cast<uint32_t>(slots_[i]) > position + 1) --slots_[i];
+    }
+  }
+
  private:
   static size_t capacityFor(size_t count) {
     size_t capacity = 16;
@@ -1184,6 +1208,19 @@ void Value::removeAt(size_t index) {
 bool Value::remove(const Value& v) {
   if (!isSequence()) return false;
   auto* n = static_cast<SequenceNode*>(u_.n);
+  if (kind_ != Kind::Array && n->index.active()) {
+    // A set holds `v` once at most: the index finds it and follows the erase.
+    const size_t h = v.hash();
+    auto i = n->find(v, h);
+    if (!i) return false;
+    n->elements.erase(*i);
+    if (n->elements.size() > detail::HashIndex::kThreshold) {
+      n->index.erase(h, *i);
+    } else {
+      n->reindex();
+    }
+    return true;
+  }
   if (!n->elements.eraseIf([&](const Value& e) { return e == v; })) return false;
   if (kind_ != Kind::Array) n->reindex();
   return true;
@@ -1259,10 +1296,15 @@ void Value::set(Value key, Value v) {
 bool Value::erase(const Value& key) {
   if (kind_ != Kind::Dictionary) return false;
   auto* n = static_cast<DictionaryNode*>(u_.n);
-  auto i = n->find(key, n->index.active() ? key.hash() : 0);
+  const size_t h = n->index.active() ? key.hash() : 0;
+  auto i = n->find(key, h);
   if (!i) return false;
   n->entries.erase(*i);
-  n->reindex();
+  if (n->index.active() && n->entries.size() > detail::HashIndex::kThreshold) {
+    n->index.erase(h, *i);
+  } else {
+    n->reindex();
+  }
   return true;
 }
 
