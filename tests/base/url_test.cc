@@ -18,9 +18,16 @@ TEST(UrlTest, FileURLsComponentsAndAppending) {
   EXPECT_EQ(Url::fileURL("/", true).absoluteString(), "file:///");
   // Paths already normal are taken as they are; dot segments and doubled
   // separators anywhere are resolved, names that merely begin with dots kept.
-  for (auto [given, normal] : std::initializer_list<std::pair<const char*, const char*>>{
-           {"/a/b", "/a/b"}, {"/a/.b/..c", "/a/.b/..c"}, {"/a/./b", "/a/b"}, {"/a/../b", "/b"},
-           {"/a//b", "/a/b"}, {"/a/.", "/a"}, {"/a/b/..", "/a"}, {"//a", "/a"}, {"/a/b/", "/a/b"}}) {
+  for (auto [given, normal] :
+       std::initializer_list<std::pair<const char*, const char*>>{{"/a/b", "/a/b"},
+                                                                  {"/a/.b/..c", "/a/.b/..c"},
+                                                                  {"/a/./b", "/a/b"},
+                                                                  {"/a/../b", "/b"},
+                                                                  {"/a//b", "/a/b"},
+                                                                  {"/a/.", "/a"},
+                                                                  {"/a/b/..", "/a"},
+                                                                  {"//a", "/a"},
+                                                                  {"/a/b/", "/a/b"}}) {
     EXPECT_EQ(Url::fileURL(given).absoluteString(), std::string("file://") + normal) << given;
   }
 

@@ -8,11 +8,11 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cmath>
 #include <limits>
 #include <mutex>
 #include <thread>
 #include <unordered_set>
-#include <cmath>
 
 namespace quillon {
 namespace {
@@ -321,8 +321,8 @@ bool Env::isDirectory(const std::string& path) {
 
 Error Env::writeFileAtomically(const std::string& path, std::string_view contents) {
   return writeFileAtomically(
-      path, std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(contents.data()),
-                                     contents.size()));
+      path,
+      std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(contents.data()), contents.size()));
 }
 
 Error Env::listRecursively(const std::string& path, std::vector<std::string>* relativePaths) {

@@ -375,8 +375,7 @@ class HashIndex {
   // key is hashed again: the slots' own hash parts say where each belongs.
   void erase(size_t h, size_t position) {
     const size_t mask = capacity_ - 1;
-    const uint64_t target =
-        (uint64_t{static_cast<uint32_t>(h)} << 32) | (uint64_t{position} + 1);
+    const uint64_t target = (uint64_t{static_cast<uint32_t>(h)} << 32) | (uint64_t{position} + 1);
     size_t hole = h & mask;
     while (slots_[hole] != target) hole = (hole + 1) & mask;
     // Backward-shift deletion keeps every probe sequence unbroken.

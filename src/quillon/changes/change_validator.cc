@@ -11,6 +11,7 @@
 #include "quillon/base/error.h"
 #include "quillon/base/json.h"
 #include "quillon/cache/cache_item.h"
+#include "quillon/changes/store_log.h"
 #include "quillon/coding/data_utils.h"
 #include "quillon/coding/url_utils.h"
 #include "quillon/store/package_files.h"
@@ -54,8 +55,7 @@ std::string quoted(const Value& name) {
 }
 
 Value menuItem(std::string_view title, std::string_view action, const Url& url) {
-  return Value::dictionary(
-      {{"title", Value(title)}, {"action", Value(action)}, {"URL", Value(url.absoluteString())}});
+  return QuillonStoreLog::menuItem(title, action, url);
 }
 
 bool isLength(const Value& v) { return v.isNumber() && !v.isBool(); }
@@ -107,9 +107,8 @@ Value QuillonChangeValidator::validate(const Value& change, bool lightWeight, Va
                                        bool recovering) {
   const PackageLayout layout = host_.layout();
   Env* env = files_->env();
-  auto log = [this](const std::string& message, std::string_view type, const Value& menu = Value()) {
-    host_.log(message, type, menu);
-  };
+  auto log = [this](const std::string& message, std::string_view type,
+                    const Value& menu = Value()) { host_.log(message, type, menu); };
   auto setErrorLevel = [this](std::string_view type) { host_.setErrorLevel(type); };
   auto shortURL = [&layout](const Url& url) { return layout.shortText(url); };
   const std::string_view error = kQuillonLogTypeError;

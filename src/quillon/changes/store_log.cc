@@ -185,4 +185,9 @@ std::string QuillonStoreLog::checkSum(const Value& changes) {
   return storeMD5String(names).substr(0, 6);
 }
 
+Value QuillonStoreLog::menuItem(std::string_view title, std::string_view action, const Url& url) {
+  return Value::dictionary(
+      {{"title", Value(title)}, {"action", Value(action)}, {"URL", Value(url.absoluteString())}});
+}
+
 }  // namespace quillon

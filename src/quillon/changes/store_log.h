@@ -35,6 +35,11 @@ class QuillonStoreLog {
   void setErrorLevel(std::string_view type);
   std::string errorLevel() const;
 
+  // One remedy of an entry's menu: {"title", "action", "URL"}. The actions
+  // are the store's ("discardChangeFromMenu:", "insertChangeFromMenu:",
+  // "showInFinder:").
+  static Value menuItem(std::string_view title, std::string_view action, const Url& url);
+
   // The newest error records of a package's "Errors" folder (property
   // lists, plain or sealed), newest first, at most twenty; the recent ones
   // are those of the last ten days.

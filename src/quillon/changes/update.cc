@@ -1,6 +1,7 @@
-// Applying other computers' changes to an open document: the update pass over
-// the "Changes" folder, the refresh of the affected objects in every context,
-// and the remedies offered by the log's menus.
+// Applying other computers' changes to an open document: loading the cache's
+// change log, scheduling update passes (QuillonChangeApplier runs them), the
+// refresh of the affected objects in every context, and the remedies offered
+// by the log's menus.
 
 #include <fmt/format.h>
 
@@ -44,17 +45,6 @@ std::shared_ptr<QuillonStore> lockStore(const std::weak_ptr<IncrementalStore>& w
   return std::static_pointer_cast<QuillonStore>(weak.lock());
 }
 
-Value menuItem(std::string_view title, std::string_view action, const Url& url) {
-  return Value::dictionary(
-      {{"title", Value(title)}, {"action", Value(action)}, {"URL", Value(url.absoluteString())}});
-}
-
-Value ignoreItem(const Url& changeURL) {
-  return menuItem("Ignore", "discardChangeFromMenu:", changeURL);
-}
-
-Value showItem(const Url& url) { return menuItem("Show in Finder", "showInFinder:", url); }
-
 // The objects of one section of an accumulator (entity name → uid → entry),
 // as the context's objects; unknown entities and unusable uids are skipped.
 template <typename Visit>
@@ -76,18 +66,6 @@ void forEachObject(QuillonStore& store, ManagedObjectContext& context, const Val
 }
 
 }  // namespace
-
-// What one pass carries from the main thread to the read queue and back.
-struct QuillonStore::UpdatePass {
-  std::vector<std::string> names;  // the change files, sorted
-  size_t start = 0;
-  bool hadError = false;
-  bool remoteFiles = false;
-  Value inserts = Value::mutableDictionary();
-  Value updates = Value::mutableDictionary();
-  Value deletes = Value::mutableDictionary();
-  std::function<void(bool)> completion;
-};
 
 void QuillonStore::loadChangeLogIfNeeded() {
   if (cache().changeLog()) return;
@@ -183,156 +161,14 @@ void QuillonStore::updateChanges() {
 }
 
 void QuillonStore::updateChangesWithCompletion(std::function<void(bool success)> completion) {
-  auto self = std::static_pointer_cast<QuillonStore>(shared_from_this());
-  const std::string changesPath = changesURL().path();
-
-  auto pass = std::make_shared<UpdatePass>();
-  std::vector<std::string> conflictCopies;
-  if (changesPath.empty() || !env()->exists(changesPath) ||
-      listChangeFiles(env(), changesURL(), &pass->names, &conflictCopies)) {
-    log("No change files found", kQuillonLogTypeSuccess);
-    completion(true);
-    return;
-  }
-  pass->completion = std::move(completion);
-  // A sync service's copy of a change file is not part of the history; the
-  // user hears of each one once.
-  for (const std::string& copy : conflictCopies) {
-    if (!reportedConflictCopies_.insert(copy).second) continue;
-    log(fmt::format("Ignored a conflict copy of a change file: {}",
-                    changesURL().appending(copy).absoluteString()),
-        kQuillonLogTypeWarning, Value::array({showItem(changesURL().appending(copy))}));
-  }
-  changesFileCount_.store(pass->names.size());
-
-  if (upToChange_.isDictionary()) {
-    const Value& last = upToChange_.get("name");
-    if (last.isString()) {
-      auto found = std::find(pass->names.begin(), pass->names.end(), last.str());
-      if (found != pass->names.end()) pass->names.erase(found + 1, pass->names.end());
-    }
-  }
-
-  const size_t start = cache().keepAgreeingChanges(pass->names);
-  if (start == pass->names.size()) {
-    log("No new changes to apply", kQuillonLogTypeSuccess);
-    pass->completion(true);
-    return;
-  }
-  if (start == 0) {
-    cache().reset();
-    log("Reset Log", kQuillonLogTypeWarning);
-  }
-  pass->start = start;
-  // The read queue belongs to the store, so the store must never be released
-  // there: the reference moves on to the pass's last main-queue block.
-  readQueue().async([self, pass]() mutable { applyChangeFiles(std::move(self), pass); });
+  applier_->apply(std::move(completion));
 }
 
-// Read queue. `self` ends in the last block handed to the main queue, so the
-// last reference is never dropped on this queue, which the store owns.
-void QuillonStore::applyChangeFiles(std::shared_ptr<QuillonStore> self,
-                                    const std::shared_ptr<UpdatePass>& pass) {
-  QuillonStore& store = *self;
-  const Url changes = store.changesURL();
-  const bool recovering = store.recover();
-  for (size_t i = pass->start; i < pass->names.size(); ++i) {
-    const std::string& name = pass->names[i];
-    const Url fileURL = changes.appending(name);
-    const std::string path = fileURL.path();
-    const std::string shown = fileURL.absoluteString();
-    const Value ignoreMenu = Value::array({ignoreItem(fileURL)});
+size_t QuillonStore::changesFileCount() const { return applier_->changesFileCount(); }
 
-    if (!QuillonIsOnDisk(path, store.env())) {
-      store.log(fmt::format("Change file is not on disk: {}", shown), kQuillonLogTypeError);
-      pass->hadError = true;
-      pass->remoteFiles = true;
-    }
+bool QuillonStore::hasRemoteFiles() const { return applier_->hasRemoteFiles(); }
 
-    Value change;
-    ChangeFileReading reading = readChangeFile(store.packageFiles(), path, name, &change);
-    if (reading.outcome == ChangeFileReading::kMissing) {
-      store.log(fmt::format("Missing change file: {}", shown), kQuillonLogTypeWarning, ignoreMenu);
-      pass->hadError = true;
-      if (!recovering) break;
-    } else if (reading.outcome != ChangeFileReading::kRead) {
-      if (reading.outcome == ChangeFileReading::kUndecryptable) {
-        store.log(fmt::format("Could not decrypt change file: {}", shown), kQuillonLogTypeWarning,
-                  ignoreMenu);
-      }
-      Value menu = Value::array({ignoreItem(fileURL), showItem(fileURL)});
-      store.log(fmt::format("Incomplete change file: {}", shown), kQuillonLogTypeWarning, menu);
-      if (reading.outcome == ChangeFileReading::kInvalid) {
-        store.log(fmt::format("Refused change file: {}: {}", shown, reading.problem),
-                  kQuillonLogTypeWarning, menu);
-      }
-      pass->hadError = true;
-      if (!recovering) break;
-      change = Value();
-    }
-
-    if (change.isDictionary()) {
-      const Value& previous = change.get("previousName");
-      if (previous.isString()) {
-        const Value& ownName = change.get("name");
-        if (ownName.isString() && ownName.str() < previous.str()) {
-          store.log(
-              fmt::format("Date inconsistency in change file: {}. Use the menu File/Save as and "
-                          "create a new file.",
-                          ownName.str()),
-              kQuillonLogTypeError);
-          store.setErrorLevel(kQuillonLogTypeError);
-        }
-        // The reader has checked that the name is one path component.
-        const Url previousURL = changes.appending(previous.str());
-        if (!store.env()->exists(previousURL.path())) {
-          Value menu = Value::array(
-              {menuItem("Ignore", "insertChangeFromMenu:", previousURL), showItem(previousURL)});
-          store.log(fmt::format("Missing change file: {}", previous.str()), kQuillonLogTypeWarning,
-                    menu);
-          pass->hadError = true;
-          if (!recovering) break;
-        }
-      }
-    }
-
-    // The inserted objects' records are read by validation; the cache keeps
-    // what it read instead of reading them again.
-    Value loaded = Value::mutableDictionary();
-    Value validated = store.validatedChanges(change, false, &loaded);
-    if (validated.isNil()) {
-      MainQueue::async([self = std::move(self), pass] { pass->completion(false); });
-      return;
-    }
-    store.setErrorLevel(kQuillonLogTypeSuccess);
-    const bool isRecovery = change.get("type").isString() && change.get("type").str() == "recovery";
-    const Value& sections = change.get(isRecovery ? "refreshes" : kQuillonChanges);
-    if (sections.isDictionary()) {
-      try {
-        if (sections.get(kQuillonInsert).isDictionary()) {
-          mergeWithDictionary(pass->inserts, sections.get(kQuillonInsert));
-        }
-        if (sections.get(kQuillonUpdate).isDictionary()) {
-          mergeWithDictionary(pass->updates, sections.get(kQuillonUpdate));
-        }
-        if (sections.get(kQuillonDelete).isDictionary()) {
-          mergeWithDictionary(pass->deletes, sections.get(kQuillonDelete));
-        }
-      } catch (const std::exception& e) {
-        store.log(fmt::format("Could not merge change file: {}: {}", shown, e.what()),
-                  kQuillonLogTypeWarning);
-      }
-    }
-    MainQueue::async([self, change, loaded] { self->cache().addExternalChange(change, loaded); });
-  }
-
-  MainQueue::async(
-      [self, pass] { self->refreshInsertedObjects(pass->inserts, pass->updates, pass->deletes); });
-  MainQueue::async([self = std::move(self), pass, recovering] {
-    self->hasRemoteFiles_.store(pass->remoteFiles);
-    pass->completion(recovering || (!pass->hadError && !pass->remoteFiles));
-  });
-}
+std::shared_ptr<void> QuillonStore::keepAlive() { return weak_from_this().lock(); }
 
 void QuillonStore::refreshInsertedObjects(const Value& inserts, const Value& updates,
                                           const Value& deletes) {

@@ -226,6 +226,7 @@ QuillonStore::QuillonStore(PersistentStoreCoordinator* coordinator, std::string 
   observer_ = makeFolderObserver();
   validator_ = std::make_unique<QuillonChangeValidator>(*this, files_);
   cache_ = QuillonCache::cacheForSource(this, files_);
+  applier_ = std::make_unique<QuillonChangeApplier>(*this, cache_, files_, *readQueue_, upToChange_);
   setupEntityKeys();
   writeInfo(storeOptions);
   documentIdentifier_ = documentIdentifier();

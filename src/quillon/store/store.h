@@ -19,6 +19,7 @@
 #include "quillon/base/url.h"
 #include "quillon/base/value.h"
 #include "quillon/cache/cache_source.h"
+#include "quillon/changes/change_applier.h"
 #include "quillon/changes/change_validator.h"
 #include "quillon/changes/store_log.h"
 #include "quillon/graph/incremental_store.h"
@@ -93,7 +94,8 @@ inline constexpr std::string_view kQuillonLoadingIssueLoadingPerformance = "Load
 // changes/update.cc, changes/observation.cc and changes/log.cc.
 class QuillonStore : public IncrementalStore,
                      public QuillonCacheSource,
-                     public QuillonValidationHost {
+                     public QuillonValidationHost,
+                     public QuillonApplierHost {
  public:
   // ---- Package and opening (store/store.cc) ----
 
@@ -197,7 +199,7 @@ class QuillonStore : public IncrementalStore,
   // "yyyy-MM-dd-HH-mm-ss.SSS" in GMT, the date part of change names.
   std::string formatChangeDate(double secondsSinceReferenceDate) const;
 
-  bool recover() const { return recover_.load(); }
+  bool recover() const override { return recover_.load(); }
   void setRecover(bool recover) { recover_.store(recover); }
   // The history cut-off: a change-log entry (its "name" is used) or nil.
   const Value& upToChange() const { return upToChange_; }
@@ -306,12 +308,12 @@ class QuillonStore : public IncrementalStore,
   // what it read: entity name → uid → Value::object of a QuillonCacheItem
   // made from the record of each inserted object.
   Value validatedChanges(const Value& change, bool lightWeight = false,
-                         Value* loadedItems = nullptr);
+                         Value* loadedItems = nullptr) override;
   static Value combineChangeDictionary(const Value& first, const Value& second);
   // The URL's absolute text without the package URL's.
   std::string shortURL(const Url& url) const;
 
-  // ---- Applying external changes (changes/update.cc) ----
+  // ---- Applying external changes (changes/update.cc, over QuillonChangeApplier) ----
 
   // Installs the cache's stored change log, first validating its first
   // change (light-weight) when the log came from the package's copy; a
@@ -320,11 +322,12 @@ class QuillonStore : public IncrementalStore,
   void loadChangeLog(const std::shared_ptr<QuillonCacheArray>& log);
   void updateChanges();
   void updateChangesWithCompletion(std::function<void(bool success)> completion);
-  void refreshInsertedObjects(const Value& inserts, const Value& updates, const Value& deletes);
+  void refreshInsertedObjects(const Value& inserts, const Value& updates,
+                              const Value& deletes) override;
   void processChanges();
   bool updating() const { return updating_; }
-  size_t changesFileCount() const { return changesFileCount_.load(); }
-  bool hasRemoteFiles() const { return hasRemoteFiles_.load(); }
+  size_t changesFileCount() const;
+  bool hasRemoteFiles() const;
   // Menu actions of log entries.
   void discardChangeFromMenu(const Url& changeURL);
   void insertChangeFromMenu(const Url& changeURL);
@@ -407,8 +410,6 @@ class QuillonStore : public IncrementalStore,
 
   // Update.
   bool updating_ = false;
-  std::atomic<size_t> changesFileCount_{0};
-  std::atomic<bool> hasRemoteFiles_{false};
   std::atomic<bool> closed_{false};
 
   // Observation of "Changes".
@@ -437,12 +438,8 @@ class QuillonStore : public IncrementalStore,
   std::unique_ptr<QuillonChangeValidator> validator_;
 
   // [update.cc]
-  struct UpdatePass;
-  // Conflict copies already reported in the log (main thread).
-  std::set<std::string> reportedConflictCopies_;
-  // Reads, validates and merges the pass's change files (read queue).
-  static void applyChangeFiles(std::shared_ptr<QuillonStore> self,
-                               const std::shared_ptr<UpdatePass>& pass);
+  std::unique_ptr<QuillonChangeApplier> applier_;
+  std::shared_ptr<void> keepAlive() override;
 
   // [observation.cc]
   std::unique_ptr<QuillonFolderObserver> makeFolderObserver();
