@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -309,18 +310,63 @@ TEST_F(SavingTest, WithoutDurableSavesNothingIsFlushed) {
   EXPECT_EQ(read().changes().size(), 1u);
 }
 
-TEST_F(SavingTest, FailedRecordWriteStillWritesTheChange) {
-  FaultInjectingEnv env;
-  QuillonStore::setDefaultEnv(&env);
-  auto stack = open();
-  Sample s = insertSample(*stack);
-  env.failAfter(FaultInjectingEnv::Op::Write, "/Entities/Folder/", 0,
-                FaultInjectingEnv::Fault::NoSpace);
-  save(*stack);
-  PackageReader reader(package(), kEntities);
-  ASSERT_EQ(reader.changes().size(), 1u);
-  ASSERT_EQ(reader.problems().size(), 1u) << reader.problemsText();
-  EXPECT_NE(reader.problems()[0].find("Entities/Folder/" + uid(s.folder)), std::string::npos);
+// A save whose files could not all be written publishes no change file (other
+// computers would wait forever for the missing one), tells whoever waits and
+// whoever listens, keeps no cached values that no change carries, and does
+// not stop the next save. Every kind of write of a save fails in turn.
+TEST_F(SavingTest, AFailedWriteOfASavePublishesNoChangeAndIsReported) {
+  using Op = FaultInjectingEnv::Op;
+  using Fault = FaultInjectingEnv::Fault;
+  struct Case {
+    const char* what;
+    Op op;
+    const char* path;
+  };
+  const Case cases[] = {
+      {"record", Op::Write, "/Entities/Folder/"},
+      {"data file", Op::Write, "/Data/"},
+      {"object folder", Op::CreateDirectories, "/Entities/Note/"},
+      {"flush of the records", Op::Sync, "/Entities/"},
+      {"change file", Op::Write, "/Changes/"},
+  };
+  int round = 0;
+  for (const Case& c : cases) {
+    for (Fault fault : {Fault::NoSpace, Fault::IoError}) {
+      const std::string name = "Doc" + std::to_string(round++);
+      SCOPED_TRACE(std::string(c.what) + (fault == Fault::NoSpace ? " ENOSPC" : " EIO"));
+      FaultInjectingEnv env;
+      QuillonStore::setDefaultEnv(&env);
+      auto stack = open(Value(), name);
+      Value failures = Value::mutableArray();
+      ScopedObserver observer(NotificationCenter::defaultCenter(), kQuillonSaveDidFail,
+                              stack->store.get(), [&](const Notification& n) {
+                                failures.append(n.userInfo.get("error"));
+                              });
+      Sample s = insertSample(*stack);
+      env.failAfter(c.op, c.path, 0, fault);
+      // The context's save answers at once; the failure comes with waiting.
+      Error error;
+      EXPECT_FALSE(stack->saveAndWait(&error));
+      ASSERT_TRUE(error);
+      EXPECT_EQ(error.code(), fault == Fault::NoSpace ? ENOSPC : EIO);
+      MainQueue::drain();
+      EXPECT_EQ(failures.size(), 1u);
+      EXPECT_TRUE(fs::is_empty(package(name) + "/Changes") ||
+                  !fs::exists(package(name) + "/Changes"));
+      EXPECT_EQ(stack->store->cache().cacheItemForObjectID(s.note->objectID()), nullptr);
+      EXPECT_FALSE(stack->store->waitForSaves());  // reported once
+
+      env.clearFaults();
+      insert(*stack, "Tag", Value::dictionary({{"name", "later"}}));
+      save(*stack);
+      EXPECT_FALSE(stack->store->waitForSaves());
+      stack.reset();
+      QuillonStore::setDefaultEnv(nullptr);
+      PackageReader reader(package(name), kEntities);
+      EXPECT_EQ(reader.changes().size(), 1u);
+      EXPECT_TRUE(reader.problems().empty()) << reader.problemsText();
+    }
+  }
 }
 
 TEST_F(SavingTest, EncryptedPackageShowsNoJSONAndReadsBackWithThePassword) {

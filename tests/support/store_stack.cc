@@ -46,10 +46,14 @@ bool StoreStack::waitUntilReady(double timeoutSeconds) {
 bool StoreStack::saveAndWait(Error* error) {
   bool saved = context->save(error);
   if (store) {
-    store->saveOperationQueue().waitUntilAllOperationsAreFinished();
+    Error written = store->waitForSaves();
     MainQueue::drain();
     if (auto cache = store->cachePointer()) cache->saveQueue().waitUntilAllOperationsAreFinished();
     MainQueue::drain();
+    if (saved && written) {
+      if (error) *error = written;
+      saved = false;
+    }
   }
   return saved;
 }

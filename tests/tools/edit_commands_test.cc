@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -148,6 +149,36 @@ TEST_F(EditCommandsTest, BadInputIsOneLineErrorAndLeavesThePackageAsItWas) {
   EXPECT_EQ(testing::folderSnapshot(package()), before);
   password_ = "pw";
   EXPECT_EQ(read().changes().size(), 1u);
+}
+
+// A save whose files cannot be written is an error, not a success: the tool
+// says what could not be written where, exits 1, publishes no change, and the
+// package holds every save that succeeded.
+TEST_F(EditCommandsTest, ASaveThatCannotBeWrittenIsAnErrorAndPublishesNothing) {
+  create();
+  ToolRun first = edit("insert", "Tag --values '{\"name\": \"kept\"}'");
+  ASSERT_EQ(first.status, 0) << first.err;
+  // Where the notes' folders would go stands a file.
+  dir_.write("Doc.quillon/Entities/Note", "in the way");
+
+  ToolRun blocked = edit("insert", "Note --values '{\"title\": \"lost\"}'");
+  EXPECT_EQ(blocked.status, 1) << blocked.err;
+  EXPECT_TRUE(blocked.out.empty()) << blocked.out;
+  const std::string line = errorLine(blocked);
+  EXPECT_EQ(line.rfind("error: could not write " + package() + "/Entities/Note", 0), 0u) << line;
+  EXPECT_NE(line.find("nothing of this save was published"), std::string::npos) << line;
+  const auto changeFiles = [&] {
+    return std::distance(std::filesystem::directory_iterator(dir_.file("Doc.quillon/Changes")),
+                         std::filesystem::directory_iterator());
+  };
+  EXPECT_EQ(changeFiles(), 1);
+
+  std::filesystem::remove(dir_.file("Doc.quillon/Entities/Note"));
+  ToolRun after = edit("insert", "Note --values '{\"title\": \"saved\"}'");
+  EXPECT_EQ(after.status, 0) << after.err;
+  EXPECT_EQ(read().changes().size(), 2u);
+  ToolRun count = tool("fetch " + common() + " Note --count");
+  EXPECT_EQ(count.out, "1\n") << count.err;
 }
 
 }  // namespace

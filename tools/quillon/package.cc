@@ -103,13 +103,20 @@ void OpenPackage::waitUntilReady() {
 void OpenPackage::save() {
   Error error;
   bool saved = context_->save(&error);
-  store_->saveOperationQueue().waitUntilAllOperationsAreFinished();
+  Error written = store_->waitForSaves();
   MainQueue::drain();
   if (auto cache = store_->cachePointer()) cache->saveQueue().waitUntilAllOperationsAreFinished();
   if (!saved) {
     const Value& reason = error.userInfo().get(kLocalizedFailureReasonErrorKey);
     throw ToolError("cannot save: " + (reason.isString() ? std::string(reason.str())
                                                          : error.localizedDescription()));
+  }
+  if (written) {
+    // Nothing of this save reached other computers: its change file was not written.
+    const Value& path = written.userInfo().get(kFilePathErrorKey);
+    throw ToolError("could not write " +
+                    (path.isString() ? std::string(path.str()) : std::string("the save")) + ": " +
+                    written.localizedDescription() + "; nothing of this save was published");
   }
 }
 

@@ -123,7 +123,15 @@ const std::shared_ptr<QuillonSaveBatch>& QuillonChange::saveBatch() {
 }
 
 void QuillonChange::saveToStore(QuillonStore* store) {
-  if (!store || changes_.isNil() || changes_.empty()) return;
+  if (!store) return;
+  if (changes_.isNil() || changes_.empty()) {
+    // Every object of the save failed before its record was made: there is
+    // no change to write, but the failure is the save's all the same.
+    if (saveBatch_) {
+      if (Error failure = saveBatch_->failure()) store->saveDidFail(failure, dictionary());
+    }
+    return;
+  }
   Value last = lastKnownChange(store);
   // Once the name is made (records are named after it) the date stays.
   if (name_.empty()) repairBackwardsClock(*this, store, last);
@@ -133,10 +141,9 @@ void QuillonChange::saveToStore(QuillonStore* store) {
     if (!previous.isNil()) content.set(Value::string("previousName"), previous);
   }
   Url changesURL = store->changesURL();
-  store->env()->createDirectories(changesURL.path());
+  if (Error error = store->env()->createDirectories(changesURL.path())) saveBatch()->fail(error);
   Url url = changesURL.appending(fileName());
-  auto operation = std::make_shared<QuillonSaveOperation>(
-      store, content, url, store->durableSaves() ? saveBatch() : nullptr);
+  auto operation = std::make_shared<QuillonSaveOperation>(store, content, url, saveBatch());
   store->enqueueSaveOperation(operation, /*afterEverything=*/true);
 }
 

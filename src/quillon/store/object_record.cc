@@ -100,9 +100,8 @@ void writeRecord(ManagedObject& object, QuillonStore* source, QuillonStore* targ
   const EntityDescription* entity = object.entity();
   if (!entity || !target || !source) return;
   const Value& targetOptions = target->options();
-  const Value* removeMetadata = targetOptions.isDictionary()
-                                    ? targetOptions.find(kRemoveUbiquitousMetadataOption)
-                                    : nullptr;
+  const Value* removeMetadata =
+      targetOptions.isDictionary() ? targetOptions.find(kRemoveUbiquitousMetadataOption) : nullptr;
   const bool full = source != target || (removeMetadata && removeMetadata->boolValue());
   Env* env = target->env();
   const bool durable = target->durableSaves();
@@ -110,7 +109,10 @@ void writeRecord(ManagedObject& object, QuillonStore* source, QuillonStore* targ
 
   Url folder = URLForStore(object, target, source);
   if (folder.isEmpty()) {
-    target->logErrorString("No entity key for " + entity->name(), "QuillonManagedObjectSaveOperation");
+    target->logErrorString("No entity key for " + entity->name(),
+                           "QuillonManagedObjectSaveOperation");
+    batch->fail(Error::withDescription(std::string(kCocoaErrorDomain), 512,
+                                       "No entity key for " + entity->name()));
     return;
   }
   const std::string folderPath = folder.path();
@@ -119,7 +121,11 @@ void writeRecord(ManagedObject& object, QuillonStore* source, QuillonStore* targ
     // entry of its parent too.
     batch->add({folderPath, folder.deletingLastPathComponent().path()});
   }
-  env->createDirectories(folderPath);
+  if (Error error = env->createDirectories(folderPath)) {
+    target->logError(error, "QuillonManagedObjectSaveOperation");
+    batch->fail(std::move(error));
+    return;
+  }
   Url recordURL = folder.appending(change.fileName());
   const std::string uid = objectUID(object, source);
 
@@ -163,7 +169,8 @@ void writeRecord(ManagedObject& object, QuillonStore* source, QuillonStore* targ
         }
         entry.set(Value::string("value"), stored);
         if (attribute->attributeType() == AttributeType::Binary && stored.isString()) {
-          std::span<const uint8_t> plain = value.isData() ? value.bytes() : std::span<const uint8_t>();
+          std::span<const uint8_t> plain =
+              value.isData() ? value.bytes() : std::span<const uint8_t>();
           std::vector<uint8_t> sealed;
           target->packageFiles().seal(plain, &sealed);
           const auto length = static_cast<int64_t>(sealed.size());
@@ -182,11 +189,15 @@ void writeRecord(ManagedObject& object, QuillonStore* source, QuillonStore* targ
           Url dataFolder = folder.appending("Data", true);
           const std::string dataFolderPath = dataFolder.path();
           if (durable && !env->exists(dataFolderPath)) batch->add(dataFolderPath);
-          env->createDirectories(dataFolderPath);
-          // Written here, before the record; a failed data file is not
-          // reported (validation finds it by its length and hash).
+          // Written here, before the record; a failed data file keeps the
+          // save's change file from being written.
           const std::string dataPath = dataFolder.appending(stored.str()).path();
-          if (!env->writeFileAtomicallyUnflushed(dataPath, sealed) && durable) {
+          Error error = env->createDirectories(dataFolderPath);
+          if (!error) error = env->writeFileAtomicallyUnflushed(dataPath, sealed);
+          if (error) {
+            target->logError(error, "QuillonManagedObjectSaveOperation");
+            batch->fail(std::move(error));
+          } else if (durable) {
             batch->add(dataPath);
           }
         }
@@ -223,8 +234,8 @@ void writeRecord(ManagedObject& object, QuillonStore* source, QuillonStore* targ
   }
 
   change.addChange(extra, entity->name(), uid, type);
-  auto operation = std::make_shared<QuillonManagedObjectSaveOperation>(
-      target, object.objectID(), record, recordURL, durable ? batch : nullptr);
+  auto operation = std::make_shared<QuillonManagedObjectSaveOperation>(target, object.objectID(),
+                                                                       record, recordURL, batch);
   target->enqueueSaveOperation(operation, /*afterEverything=*/false);
 }
 

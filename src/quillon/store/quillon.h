@@ -18,6 +18,10 @@ inline constexpr std::string_view kQuillonObjectsDidChangeExternally =
     "QuillonObjectsDidChangeExternally";
 inline constexpr std::string_view kQuillonReady = "QuillonReady";
 inline constexpr std::string_view kQuillonBeginSave = "QuillonBeginSave";
+// Posted on the main queue, with the store as sender, when a save could not
+// be written: user info "error" (its description), "change" (the change's
+// name). The save's change file was not written; see QuillonStore::waitForSaves.
+inline constexpr std::string_view kQuillonSaveDidFail = "QuillonSaveDidFail";
 inline constexpr std::string_view kQuillonUpToChange = "QuillonUpToChange";
 inline constexpr std::string_view kQuillonAnonymizeOptionsKey = "QuillonAnonymizeOptions";
 inline constexpr std::string_view kQuillonBusyWindowControllerOptionsKey =

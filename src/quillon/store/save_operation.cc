@@ -24,6 +24,16 @@ std::vector<std::string> QuillonSaveBatch::take() {
   return std::exchange(paths_, {});
 }
 
+void QuillonSaveBatch::fail(Error error) {
+  std::lock_guard lock(mutex_);
+  if (!failure_) failure_ = std::move(error);
+}
+
+Error QuillonSaveBatch::failure() const {
+  std::lock_guard lock(mutex_);
+  return failure_;
+}
+
 QuillonSaveOperation::QuillonSaveOperation(QuillonStore* store, Value dictionary, Url url,
                                            std::shared_ptr<QuillonSaveBatch> batch)
     : store_(store),
@@ -35,6 +45,7 @@ bool QuillonSaveOperation::storedBytes(std::vector<uint8_t>* bytes, const std::s
   if (Error error = store_->packageFiles().sealedJSON(dictionary_, JSONStyle::Compact, bytes)) {
     store_->logErrorString(
         fmt::format("Could not write {}: {}", url_.path(), error.localizedDescription()), domain);
+    if (batch_) batch_->fail(error);
     return false;
   }
   return true;
@@ -49,18 +60,31 @@ void QuillonSaveOperation::main() {
     // before another computer can see the change.
     std::vector<std::string> paths = batch_->take();
     if (!paths.empty()) {
-      if (Error error = env->syncFiles(paths)) store_->logError(error, kDomain);
+      if (Error error = env->syncFiles(paths)) batch_->fail(std::move(error));
+    }
+  }
+  if (batch_) {
+    if (Error failure = batch_->failure()) {
+      store_->saveDidFail(failure, dictionary_);
+      return;
     }
   }
   std::vector<uint8_t> bytes;
-  if (!storedBytes(&bytes, kDomain)) return;
+  if (!storedBytes(&bytes, kDomain)) {
+    store_->saveDidFail(batch_ ? batch_->failure() : Error(), dictionary_);
+    return;
+  }
   const std::string path = url_.path();
   store_->willWriteChangeFile(path);
   Error error = durable ? env->writeFileAtomically(path, bytes)
                         : env->writeFileAtomicallyUnflushed(path, bytes);
   if (!error && durable) error = env->syncFiles({path});
   if (error) {
-    store_->logError(error, kDomain);
+    // A change file that was renamed into place but not flushed may still
+    // reach other computers; it is removed so that it cannot name records
+    // this computer considers unsaved.
+    if (env->exists(path)) (void)env->removeItem(path);  // best effort; the error is reported
+    store_->saveDidFail(error, dictionary_);
     return;
   }
   store_->cache().addChange(dictionary_, false);
@@ -82,9 +106,10 @@ void QuillonManagedObjectSaveOperation::main() {
   // device.
   if (Error error = store_->env()->writeFileAtomicallyUnflushed(path, bytes)) {
     store_->logError(error, kDomain);
+    if (batch_) batch_->fail(std::move(error));
     return;
   }
-  if (batch_) batch_->add(path);
+  if (batch_ && store_->durableSaves()) batch_->add(path);
   store_->cache().updateCacheForObjectID(objectID_, dictionary_.deepCopy(true), url_);
 }
 

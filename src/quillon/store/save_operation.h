@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "quillon/base/error.h"
 #include "quillon/base/operation_queue.h"
 #include "quillon/base/url.h"
 #include "quillon/base/value.h"
@@ -14,25 +15,36 @@ namespace quillon {
 
 class QuillonStore;
 
-// The files one save wrote whose contents and names must reach stable
-// storage before the save's change file is written: records, data files and
-// the folders made for them. Filled by the thread that builds the records and
-// by the record writes; emptied by the change file's write. Thread-safe.
+// What the change file of one save must wait for. The files the save wrote
+// whose contents and names must reach stable storage before the change file
+// is written (records, data files and the folders made for them; only with
+// durable saves), and the first write of the save that failed: a change file
+// is never published for a save that is not wholly on disk, since other
+// computers would wait forever for the missing file. Filled by the thread
+// that builds the records and by the record writes; read by the change
+// file's write. Thread-safe.
 class QuillonSaveBatch {
  public:
   void add(std::string path);
   void add(std::initializer_list<std::string> paths);
   std::vector<std::string> take();
 
+  // Records a failed write of the save (the first one is kept).
+  void fail(Error error);
+  Error failure() const;
+
  private:
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   std::vector<std::string> paths_;
+  Error failure_;
 };
 
 // Writes one change file: its dictionary as compact JSON, through the
 // store's cipher, atomically; then the change joins the cache's change log.
 // With durable saves the batch of the save is flushed first and the change
-// file (and its folder) after. Made by the saving thread, run by the store's
+// file (and its folder) after. When any write of the save failed, or the
+// flush does, no change file is written and the store is told
+// (QuillonStore::saveDidFail). Made by the saving thread, run by the store's
 // save queue, which the store owns: the store outlives every operation of
 // its queue (the queue's destruction waits for running ones), so the
 // operation holds the store by plain pointer.

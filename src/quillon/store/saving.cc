@@ -2,8 +2,11 @@
 // records are written in parallel on the save queue and the change file,
 // which other computers watch for, only after all of them.
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "quillon/base/date_format.h"
@@ -45,9 +48,8 @@ Value QuillonStore::executeSaveRequest(const SaveChangesRequest& request,
   NotificationCenter::defaultCenter().post(
       kQuillonBeginSave, this,
       Value::dictionary({{Value::string("count"), Value::integer(count)},
-                         {Value::string("context"),
-                          Value::integer(static_cast<int64_t>(
-                              reinterpret_cast<intptr_t>(context)))}}));
+                         {Value::string("context"), Value::integer(static_cast<int64_t>(
+                                                        reinterpret_cast<intptr_t>(context)))}}));
   saveOperationsCount_.store(count);
   saveOperationsValue_.store(0);
 
@@ -158,6 +160,45 @@ void QuillonStore::enqueueSaveOperation(const std::shared_ptr<Operation>& operat
     saveOperations_.push_back(operation);
   }
   queue.addOperation(operation);
+}
+
+Error QuillonStore::waitForSaves() {
+  saveOperationQueue().waitUntilAllOperationsAreFinished();
+  std::lock_guard lock(saveOperationsMutex_);
+  return std::exchange(firstSaveFailure_, Error());
+}
+
+void QuillonStore::saveDidFail(const Error& error, const Value& change) {
+  const Error failure = error ? error
+                              : Error::withDescription(std::string(kCocoaErrorDomain), 512,
+                                                       "the change could not be sealed");
+  const Value& name = change.get("name");
+  const std::string changeName = name.isString() ? std::string(name.str()) : std::string();
+  const Value& path = failure.userInfo().get(kFilePathErrorKey);
+  logErrorString(fmt::format("Save not published: {} could not be written{}: {}", changeName,
+                             path.isString() ? fmt::format(" ({})", path.str()) : std::string(),
+                             failure.localizedDescription()),
+                 "QuillonSaveOperation");
+  {
+    std::lock_guard lock(saveOperationsMutex_);
+    if (!firstSaveFailure_) firstSaveFailure_ = failure;
+  }
+  // The records that were written stay as orphans no change names; the
+  // cache forgets what it took from them.
+  const Value& sections = change.get(kQuillonChanges);
+  if (sections.isDictionary() && cache_) {
+    cache_->invalidateObjectUIDs(sections.get(kQuillonInsert));
+    cache_->invalidateObjectUIDs(sections.get(kQuillonUpdate));
+  }
+  Value userInfo = Value::dictionary({{"error", Value::string(failure.localizedDescription())},
+                                      {"change", Value::string(changeName)}});
+  std::weak_ptr<IncrementalStore> weak = weak_from_this();
+  MainQueue::async([weak, userInfo] {
+    if (auto self = weak.lock()) {
+      NotificationCenter::defaultCenter().post(kQuillonSaveDidFail,
+                                               static_cast<QuillonStore*>(self.get()), userInfo);
+    }
+  });
 }
 
 }  // namespace quillon

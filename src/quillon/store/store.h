@@ -282,6 +282,18 @@ class QuillonStore : public IncrementalStore,
   OperationQueue& saveOperationQueue();
   // Whether saves flush to stable storage (kQuillonDurableSavesOption).
   bool durableSaves() const;
+  // Waits until every save started so far has written its files, then
+  // answers the first save failure since the last call, or no error when
+  // everything is on disk. Saves answer at once; this is how whoever needs
+  // them on disk learns that one could not be written (the notification
+  // kQuillonSaveDidFail tells those who do not wait). Not on the save queue.
+  [[nodiscard]] Error waitForSaves();
+  // A save whose change file was not written because `error` (record, data
+  // file, flush or the change file itself): logs it, keeps it for
+  // waitForSaves, posts kQuillonSaveDidFail, and drops the values the cache
+  // took from the save, so that objects are answered from what is on disk.
+  // Save queue.
+  void saveDidFail(const Error& error, const Value& change);
   // Adds an operation to the save queue. With `afterEverything` it first
   // depends on every operation added before it that has not finished (the
   // change file's write). Any thread.
@@ -428,6 +440,7 @@ class QuillonStore : public IncrementalStore,
 
   // [saving.cc]
   std::mutex saveOperationsMutex_;
+  Error firstSaveFailure_;  // under saveOperationsMutex_
   std::vector<std::weak_ptr<Operation>> saveOperations_;
   size_t saveOperationsPruneAt_ = 64;
 
