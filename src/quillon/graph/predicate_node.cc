@@ -5,6 +5,11 @@
 #include <cmath>
 #include <cstdio>
 
+// The breadth-first matcher is selected with a libstdc++ flag.
+#ifndef __GLIBCXX__
+#error "MATCHES needs libstdc++'s polynomial regex matcher"
+#endif
+
 namespace quillon::predicate_internal {
 namespace {
 
@@ -12,35 +17,137 @@ namespace {
 constexpr char32_t kLikeStar = 0xFFFFFFF0;
 constexpr char32_t kLikeAny = 0xFFFFFFF1;
 
-// Bounds on what is handed to std::regex, whose compiler recurses per nesting
-// level and whose matcher per subject character and group level: a pattern
-// longer than kMaxRegexPattern never matches, and a subject may have at most
-// kRegexRecursionBudget / (group depth + 1) characters. The budget keeps the
-// deepest recursion well inside a default 8 MiB thread stack, sanitizers
-// included.
+// Bounds on what is handed to std::regex. Patterns run on the standard
+// library's breadth-first (polynomial) matcher, whose work is at most
+// subject length x automaton states x (groups + 1) and whose recursion follows
+// empty transitions only, never the subject; the backtracking matcher can take
+// exponential time on patterns such as "(a|a)*b", so it is never used, and
+// back-references (which only it supports) make a pattern that never matches.
+// A pattern longer than kMaxRegexPattern, or whose automaton could exceed
+// kMaxRegexStates, never matches; a subject is matched only while its
+// estimated work stays within kRegexWorkBudget, past which the answer is no
+// match. The budget keeps one evaluation to milliseconds.
 constexpr size_t kMaxRegexPattern = 1000;
-constexpr size_t kRegexRecursionBudget = 2000;
+constexpr size_t kMaxRegexStates = 4000;
+constexpr size_t kRegexWorkBudget = 4'000'000;
 constexpr size_t kMaxCachedRegexes = 32;
 
-// The deepest nesting of groups in a pattern, plus one.
-size_t regexWeight(std::u32string_view pattern) {
-  size_t depth = 0, deepest = 0;
-  bool inClass = false;
-  for (size_t i = 0; i < pattern.size(); ++i) {
-    char32_t c = pattern[i];
-    if (c == '\\') {
-      ++i;
-    } else if (inClass) {
-      inClass = c != ']';
-    } else if (c == '[') {
-      inClass = true;
-    } else if (c == '(') {
-      deepest = std::max(deepest, ++depth);
-    } else if (c == ')' && depth > 0) {
-      --depth;
+struct RegexShape {
+  size_t states = 0;      // an upper bound on the automaton's states
+  size_t groups = 0;      // capturing groups
+  size_t lookaheads = 0;  // deepest nesting of (?= and (?!
+};
+
+size_t saturatingAdd(size_t a, size_t b) { return a > SIZE_MAX - b ? SIZE_MAX : a + b; }
+size_t saturatingMul(size_t a, size_t b) {
+  return b != 0 && a > SIZE_MAX / b ? SIZE_MAX : a * b;
+}
+
+// Reads the pattern as the ECMAScript grammar does, closely enough to bound
+// the automaton: every atom and operator costs a few states, and a counted
+// repetition {m,n} copies its atom up to n times (or m + 1 times when open).
+// Misreadings only ever overestimate.
+RegexShape regexShape(std::u32string_view p) {
+  struct Frame {
+    size_t total = 0;
+    size_t lastAtom = 0;
+    bool lookahead = false;
+  };
+  std::vector<Frame> frames(1);
+  RegexShape shape;
+  size_t lookaheadDepth = 0;
+  auto atom = [&](size_t size) {
+    frames.back().total = saturatingAdd(frames.back().total, size);
+    frames.back().lastAtom = size;
+  };
+  for (size_t i = 0; i < p.size(); ++i) {
+    char32_t c = p[i];
+    switch (c) {
+      case '\\':
+        ++i;
+        atom(2);
+        break;
+      case '[':
+        for (++i; i < p.size() && p[i] != ']'; ++i) {
+          if (p[i] == '\\') ++i;
+        }
+        atom(2);
+        break;
+      case '(': {
+        Frame frame;
+        if (i + 2 < p.size() && p[i + 1] == '?' && (p[i + 2] == '=' || p[i + 2] == '!')) {
+          frame.lookahead = true;
+          shape.lookaheads = std::max(shape.lookaheads, ++lookaheadDepth);
+        } else if (!(i + 1 < p.size() && p[i + 1] == '?')) {
+          ++shape.groups;
+        }
+        frames.push_back(frame);
+        break;
+      }
+      case ')':
+        if (frames.size() > 1) {
+          Frame inner = frames.back();
+          frames.pop_back();
+          if (inner.lookahead) --lookaheadDepth;
+          atom(saturatingAdd(inner.total, 4));
+        } else {
+          atom(2);
+        }
+        break;
+      case '|':
+        frames.back().total = saturatingAdd(frames.back().total, 4);
+        frames.back().lastAtom = 0;
+        break;
+      case '*':
+      case '+':
+      case '?':
+        frames.back().total = saturatingAdd(frames.back().total, 4);
+        break;
+      case '{': {
+        // {m}, {m,} or {m,n}; anything else is read as a literal brace.
+        size_t j = i + 1, low = 0, high = 0;
+        bool digits = false, comma = false, highDigits = false;
+        for (; j < p.size() && p[j] >= '0' && p[j] <= '9'; ++j) {
+          low = std::min<size_t>(saturatingAdd(saturatingMul(low, 10), p[j] - '0'), 1 << 20);
+          digits = true;
+        }
+        if (j < p.size() && p[j] == ',') {
+          comma = true;
+          for (++j; j < p.size() && p[j] >= '0' && p[j] <= '9'; ++j) {
+            high = std::min<size_t>(saturatingAdd(saturatingMul(high, 10), p[j] - '0'), 1 << 20);
+            highDigits = true;
+          }
+        }
+        if (digits && j < p.size() && p[j] == '}') {
+          size_t copies = !comma ? low : highDigits ? std::max(low, high) : low + 1;
+          Frame& f = frames.back();
+          f.total = saturatingAdd(f.total, saturatingAdd(saturatingMul(f.lastAtom, copies), 4));
+          i = j;
+        } else {
+          atom(2);
+        }
+        break;
+      }
+      default:
+        atom(2);
     }
   }
-  return deepest + 1;
+  // Groups left open make the pattern fail to compile; count them anyway.
+  size_t total = 0;
+  for (const Frame& f : frames) total = saturatingAdd(total, saturatingAdd(f.total, 4));
+  shape.states = saturatingAdd(total, 2);
+  return shape;
+}
+
+// The longest subject (in code points) whose matching stays within the work
+// budget: n x states x (groups + 1) for the matcher, times n again for each
+// level of lookahead, which starts a matcher of its own at every position.
+size_t maxRegexSubject(const RegexShape& shape) {
+  size_t perCharacter = saturatingMul(shape.states, shape.groups + 1);
+  if (perCharacter == 0 || perCharacter > kRegexWorkBudget) return 0;
+  double n = static_cast<double>(kRegexWorkBudget / perCharacter);
+  if (shape.lookaheads > 0) n = std::pow(n, 1.0 / static_cast<double>(shape.lookaheads + 1));
+  return static_cast<size_t>(n);
 }
 
 // Reusable buffers, so that folding text allocates only while they grow.
@@ -358,13 +465,14 @@ std::shared_ptr<const RegexCache::Compiled> RegexCache::get(std::u32string_view 
     if (k == key) return regex;
   }
   std::shared_ptr<const Compiled> compiled;
-  if (pattern.size() <= kMaxRegexPattern) {
+  RegexShape shape = pattern.size() <= kMaxRegexPattern ? regexShape(pattern) : RegexShape{};
+  size_t maxSubject = maxRegexSubject(shape);
+  if (pattern.size() <= kMaxRegexPattern && shape.states <= kMaxRegexStates && maxSubject > 0) {
     try {
-      auto flags = std::regex::ECMAScript;
+      auto flags = std::regex::ECMAScript | std::regex_constants::__polynomial;
       if (caseInsensitive) flags |= std::regex::icase;
       std::wstring wide(pattern.begin(), pattern.end());
-      compiled = std::make_shared<const Compiled>(
-          Compiled{std::wregex(wide, flags), kRegexRecursionBudget / regexWeight(pattern)});
+      compiled = std::make_shared<const Compiled>(Compiled{std::wregex(wide, flags), maxSubject});
     } catch (const std::regex_error&) {
       compiled = nullptr;
     }

@@ -69,10 +69,9 @@ class RegexCache {
  public:
   struct Compiled {
     std::wregex regex;
-    // The longest subject (in code points) this pattern is run against. The
-    // standard matcher recurses per subject character, deeper for nested
-    // groups; past this bound a match could exhaust the stack, so it answers
-    // no match instead.
+    // The longest subject (in code points) this pattern is run against: the
+    // matcher's work grows with subject length times the pattern's size, so
+    // past this bound it answers no match instead of taking seconds.
     size_t maxSubject = 0;
   };
   // nullptr for a pattern that does not compile (it then never matches).
