@@ -709,6 +709,130 @@ bool Node::compare(const Value& left, const Value& right, bool rhsIsConstant) co
   }
 }
 
+// ---- Compiled evaluation ---------------------------------------------------
+
+Program::Program(const Node& root) { add(root); }
+
+uint32_t Program::add(const Node& node) {
+  auto index = static_cast<uint32_t>(steps_.size());
+  steps_.emplace_back();
+  Step step;
+  switch (node.type) {
+    case Node::Type::True:
+      step.kind = Kind::True;
+      break;
+    case Node::Type::False:
+      step.kind = Kind::False;
+      break;
+    case Node::Type::And:
+    case Node::Type::Or:
+    case Node::Type::Not: {
+      step.kind = node.type == Node::Type::And ? Kind::And
+                  : node.type == Node::Type::Or ? Kind::Or
+                                                : Kind::Not;
+      // Children's steps first, then their indices side by side.
+      std::vector<uint32_t> children;
+      children.reserve(node.children.size());
+      for (const auto& child : node.children) children.push_back(add(*child));
+      step.first = static_cast<uint32_t>(children_.size());
+      step.count = static_cast<uint32_t>(children.size());
+      children_.insert(children_.end(), children.begin(), children.end());
+      break;
+    }
+    case Node::Type::Comparison: {
+      step.kind = Kind::Comparison;
+      step.node = &node;
+      step.op = node.op;
+      if (node.modifier != Modifier::Direct || node.lhs.type != Expression::Type::KeyPath ||
+          node.rhs.type != Expression::Type::Constant) {
+        break;
+      }
+      step.kind = Kind::KeyToConstant;
+      const Value& constant = node.rhs.constant;
+      const bool ordering = node.op == Operator::Less || node.op == Operator::LessOrEqual ||
+                            node.op == Operator::Greater || node.op == Operator::GreaterOrEqual;
+      if (constant.isInteger() &&
+          (ordering || node.op == Operator::Equal || node.op == Operator::NotEqual)) {
+        step.kind = Kind::KeyToInteger;
+        step.integer = constant.intValue();
+      } else if (constant.isFloat() && ordering) {
+        step.kind = Kind::KeyToReal;
+        step.real = constant.doubleValue();
+      }
+      break;
+    }
+  }
+  steps_[index] = step;
+  return index;
+}
+
+bool Program::run(uint32_t index, const Value& object, const Value& variables) const {
+  const Step& step = steps_[index];
+  switch (step.kind) {
+    case Kind::True:
+      return true;
+    case Kind::False:
+      return false;
+    case Kind::And:
+      for (uint32_t i = 0; i < step.count; ++i) {
+        if (!run(children_[step.first + i], object, variables)) return false;
+      }
+      return true;
+    case Kind::Or:
+      for (uint32_t i = 0; i < step.count; ++i) {
+        if (run(children_[step.first + i], object, variables)) return true;
+      }
+      return false;
+    case Kind::Not:
+      return !run(children_[step.first], object, variables);
+    case Kind::Comparison:
+      return step.node->evaluateComparison(object, variables);
+    default:
+      return compare(step, object);
+  }
+}
+
+namespace {
+
+template <typename T>
+bool holds(Operator op, T left, T right) {
+  switch (op) {
+    case Operator::Equal:
+      return left == right;
+    case Operator::NotEqual:
+      return left != right;
+    case Operator::Less:
+      return left < right;
+    case Operator::LessOrEqual:
+      return left < right;
+    case Operator::Greater:
+      return left > right;
+    default:
+      return left >= right;
+  }
+}
+
+}  // namespace
+
+bool Program::compare(const Step& step, const Value& object) const {
+  const Node& node = *step.node;
+  Value storage;
+  const Value& left = node.lhs.keyPath.resolve(object, &storage);
+  if (step.kind == Kind::KeyToInteger && left.isInteger()) {
+    return holds(step.op, left.intValue(), step.integer);
+  }
+  if (step.kind == Kind::KeyToReal && left.isFloat()) {
+    // As compareValues() orders two floating-point numbers.
+    double x = left.doubleValue(), y = step.real;
+    int order = std::isnan(x) || std::isnan(y) ? (std::isnan(x) ? (std::isnan(y) ? 0 : -1) : 1)
+                : x - y < 0                    ? -1
+                : x - y > 0                    ? 1
+                                               : 0;
+    return holds(step.op, order, 0);
+  }
+  return node.compare(left, node.rhs.constant, node.rhsPrepared);
+}
+
 // ---- Formatting, equality, substitution ------------------------------------
 
 void format(const Node& node, std::string* out) {

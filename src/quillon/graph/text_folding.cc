@@ -114,7 +114,7 @@ void foldText(std::string_view s, FoldOptions options, std::u32string* out) {
   for (char32_t c; (c = nextFolded(s, &i, options)) != kEndOfText;) out->push_back(c);
 }
 
-char32_t nextFolded(std::string_view s, size_t* i, FoldOptions options) {
+char32_t nextFoldedDecoding(std::string_view s, size_t* i, FoldOptions options) {
   while (*i < s.size()) {
     auto byte = static_cast<unsigned char>(s[*i]);
     if (byte < 0x80) {  // the common case, without decoding
