@@ -804,7 +804,7 @@ bool holds(Operator op, T left, T right) {
     case Operator::Less:
       return left < right;
     case Operator::LessOrEqual:
-      return left < right;
+      return left <= right;
     case Operator::Greater:
       return left > right;
     default:
