@@ -126,6 +126,10 @@ TEST_F(PredicateTest, MatchesRejectsHugeSubjectsInsteadOfCrashing) {
   Value shortText = Value::dictionary({{"s", "aaa"}});
   EXPECT_TRUE(matches("s MATCHES 'a{1,5}'", shortText));
   EXPECT_FALSE(matches("s MATCHES '((a{0,100}){0,100}){0,100}'", shortText));
+  // Numbers too long for the regex compiler to read.
+  EXPECT_FALSE(matches("s MATCHES 'a{1,77777777777777777777}'", shortText));
+  EXPECT_FALSE(matches("s MATCHES '(a)\\\\77777777777777777777'", shortText));
+  EXPECT_TRUE(matches("s MATCHES '[0-9]*a+'", shortText));
 }
 
 TEST_F(PredicateTest, MatchesTakesPolynomialTimeOnBacktrackingPatterns) {

@@ -36,7 +36,19 @@ struct RegexShape {
   size_t states = 0;      // an upper bound on the automaton's states
   size_t groups = 0;      // capturing groups
   size_t lookaheads = 0;  // deepest nesting of (?= and (?!
+  // A number (a back-reference or a repetition count) too long for the
+  // regex compiler, which reads it into a long without checking for overflow.
+  bool hugeNumber = false;
 };
+
+// Numbers the regex compiler reads: a long run of digits overflows it.
+constexpr size_t kMaxRegexDigits = 9;
+
+size_t digitsAt(std::u32string_view p, size_t i) {
+  size_t n = 0;
+  while (i + n < p.size() && p[i + n] >= '0' && p[i + n] <= '9') ++n;
+  return n;
+}
 
 size_t saturatingAdd(size_t a, size_t b) { return a > SIZE_MAX - b ? SIZE_MAX : a + b; }
 size_t saturatingMul(size_t a, size_t b) {
@@ -64,12 +76,15 @@ RegexShape regexShape(std::u32string_view p) {
     char32_t c = p[i];
     switch (c) {
       case '\\':
+        if (digitsAt(p, i + 1) > kMaxRegexDigits) shape.hugeNumber = true;
         ++i;
         atom(2);
         break;
       case '[':
         for (++i; i < p.size() && p[i] != ']'; ++i) {
-          if (p[i] == '\\') ++i;
+          if (p[i] != '\\') continue;
+          if (digitsAt(p, i + 1) > kMaxRegexDigits) shape.hugeNumber = true;
+          ++i;
         }
         atom(2);
         break;
@@ -105,6 +120,7 @@ RegexShape regexShape(std::u32string_view p) {
         break;
       case '{': {
         // {m}, {m,} or {m,n}; anything else is read as a literal brace.
+        if (digitsAt(p, i + 1) > kMaxRegexDigits) shape.hugeNumber = true;
         size_t j = i + 1, low = 0, high = 0;
         bool digits = false, comma = false, highDigits = false;
         for (; j < p.size() && p[j] >= '0' && p[j] <= '9'; ++j) {
@@ -112,6 +128,7 @@ RegexShape regexShape(std::u32string_view p) {
           digits = true;
         }
         if (j < p.size() && p[j] == ',') {
+          if (digitsAt(p, j + 1) > kMaxRegexDigits) shape.hugeNumber = true;
           comma = true;
           for (++j; j < p.size() && p[j] >= '0' && p[j] <= '9'; ++j) {
             high = std::min<size_t>(saturatingAdd(saturatingMul(high, 10), p[j] - '0'), 1 << 20);
@@ -467,7 +484,8 @@ std::shared_ptr<const RegexCache::Compiled> RegexCache::get(std::u32string_view 
   std::shared_ptr<const Compiled> compiled;
   RegexShape shape = pattern.size() <= kMaxRegexPattern ? regexShape(pattern) : RegexShape{};
   size_t maxSubject = maxRegexSubject(shape);
-  if (pattern.size() <= kMaxRegexPattern && shape.states <= kMaxRegexStates && maxSubject > 0) {
+  if (pattern.size() <= kMaxRegexPattern && shape.states <= kMaxRegexStates && maxSubject > 0 &&
+      !shape.hugeNumber) {
     try {
       auto flags = std::regex::ECMAScript | std::regex_constants::__polynomial;
       if (caseInsensitive) flags |= std::regex::icase;
