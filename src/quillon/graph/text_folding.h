@@ -54,6 +54,8 @@ void foldText(std::string_view s, FoldOptions options, std::u32string* out);
 // of compareFolded(): malformed bytes become their U+DC80..U+DCFF stand-ins.
 // Used to fold sort keys once instead of once per comparison.
 void foldTextToUtf8(std::string_view s, FoldOptions options, std::string* out);
+// As foldTextToUtf8, appending to *out.
+void appendFoldedUtf8(std::string_view s, FoldOptions options, std::string* out);
 
 // Three-way comparison of two strings by folded code points; with no options
 // this is plain code-point (byte) order.
