@@ -112,15 +112,39 @@ TEST_F(PredicateTest, StringOperatorsWithCaseAndDiacriticOptions) {
 TEST_F(PredicateTest, MatchesRejectsHugeSubjectsInsteadOfCrashing) {
   Value v = Value::dictionary({{"s", std::string(200000, 'a')}});
   EXPECT_FALSE(matches("s MATCHES '(a|b)*'", v));
-  // Subjects up to the bound for the pattern's group depth are matched
+  // Subjects within the work bound for the pattern's size are matched
   // normally; past it the answer is no match.
   Value longest = Value::dictionary({{"s", std::string(1000, 'a')}});
   EXPECT_TRUE(matches("s MATCHES '(a|b)*'", longest));
   EXPECT_FALSE(matches("s MATCHES '(a|b)*c'", longest));
   EXPECT_TRUE(matches("s MATCHES 'a*'", Value::dictionary({{"s", std::string(2000, 'a')}})));
-  EXPECT_FALSE(matches("s MATCHES '(((a)))*'", longest));
-  EXPECT_TRUE(matches("s MATCHES '(((a)))*'", Value::dictionary({{"s", std::string(500, 'a')}})));
+  EXPECT_TRUE(matches("s MATCHES '(((a)))*'", longest));
+  EXPECT_FALSE(matches("s MATCHES '(((a)))*'", Value::dictionary({{"s", std::string(50000, 'a')}})));
   EXPECT_FALSE(matches("s MATCHES %@", v, {Value(std::string(100000, '('))}));
+  // A counted repetition multiplies the automaton; nested ones past the
+  // bound never match, however short the subject.
+  Value shortText = Value::dictionary({{"s", "aaa"}});
+  EXPECT_TRUE(matches("s MATCHES 'a{1,5}'", shortText));
+  EXPECT_FALSE(matches("s MATCHES '((a{0,100}){0,100}){0,100}'", shortText));
+  // Numbers too long for the regex compiler to read.
+  EXPECT_FALSE(matches("s MATCHES 'a{1,77777777777777777777}'", shortText));
+  EXPECT_FALSE(matches("s MATCHES '(a)\\\\77777777777777777777'", shortText));
+  EXPECT_TRUE(matches("s MATCHES '[0-9]*a+'", shortText));
+}
+
+TEST_F(PredicateTest, MatchesTakesPolynomialTimeOnBacktrackingPatterns) {
+  // A backtracking matcher takes 2^n steps on these; they must answer at
+  // once, and correctly.
+  Value as = Value::dictionary({{"s", std::string(40, 'a')}});
+  EXPECT_FALSE(matches("s MATCHES '(a|a)*b'", as));
+  EXPECT_FALSE(matches("s MATCHES '(a*)*b'", as));
+  EXPECT_FALSE(matches("s MATCHES '(a|aa)*c'", as));
+  EXPECT_TRUE(matches("s MATCHES '(a|aa)*'", as));
+  EXPECT_TRUE(matches("s MATCHES '(?=(a*)*).*a'", as));
+  EXPECT_FALSE(matches("s MATCHES '(?=(a*)*b).*'", as));
+  // Back-references need the backtracking matcher: such a pattern never
+  // matches.
+  EXPECT_FALSE(matches("s MATCHES '(a)\\\\1*'", as));
 }
 
 TEST_F(PredicateTest, CollectionsAndMembership) {

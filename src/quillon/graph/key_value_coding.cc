@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <cstring>
 #include <typeinfo>
 
 #include "quillon/graph/text_folding.h"
@@ -59,6 +60,27 @@ int compareBytes(std::span<const uint8_t> a, std::span<const uint8_t> b) {
   return a.size() == b.size() ? 0 : (a.size() < b.size() ? -1 : 1);
 }
 
+// Equality of two short keys without a call to memcmp: keys are mostly a few
+// bytes long, read here as two overlapping words.
+inline bool sameKey(std::string_view a, std::string_view b) {
+  const size_t n = a.size();
+  if (n != b.size()) return false;
+  const char *x = a.data(), *y = b.data();
+  auto same = [&]<typename Word>(Word) {
+    Word x0, y0, x1, y1;
+    std::memcpy(&x0, x, sizeof(Word));
+    std::memcpy(&y0, y, sizeof(Word));
+    std::memcpy(&x1, x + n - sizeof(Word), sizeof(Word));
+    std::memcpy(&y1, y + n - sizeof(Word), sizeof(Word));
+    return x0 == y0 && x1 == y1;
+  };
+  if (n > 16) return a == b;
+  if (n >= 8) return same(uint64_t{});
+  if (n >= 4) return same(uint32_t{});
+  if (n >= 2) return same(uint16_t{});
+  return n == 0 || *x == *y;
+}
+
 // Dictionaries up to this size are scanned rather than hashed.
 constexpr size_t kScanLimit = 8;
 
@@ -76,7 +98,7 @@ const Value* findEntry(const Value& dictionary, std::string_view key, std::atomi
   for (size_t k = 0; k < items.size(); ++k) {
     size_t i = (start + k) % items.size();
     const Value& candidate = items[i].first;
-    if (candidate.isString() && candidate.str() == key) {
+    if (candidate.isString() && sameKey(candidate.str(), key)) {
       if (i != start) hint->store(static_cast<uint32_t>(i), std::memory_order_relaxed);
       return &items[i].second;
     }
@@ -156,6 +178,7 @@ KeyPath::KeyPath(std::string_view path) : path_(path) {
     if (dot == std::string_view::npos) break;
     start = dot + 1;
   }
+  singleKey_ = components_.size() == 1 && components_[0].op == Op::Key;
 }
 
 bool KeyPath::isSelf() const {
@@ -171,6 +194,7 @@ Value KeyPath::evaluate(const Value& object) const {
 }
 
 const Value& KeyPath::resolve(const Value& object, Value* storage) const {
+  if (singleKey_ && !object.isSequence()) return *lookUp(object, components_[0], storage);
   bool mapped = false;
   return resolveFrom(object, 0, storage, &mapped);
 }

@@ -70,6 +70,8 @@ class KeyPath {
 
   std::string path_;
   std::vector<Component> components_;
+  // One plain key: the common path, resolved without the general walk.
+  bool singleKey_ = false;
 };
 
 }  // namespace quillon

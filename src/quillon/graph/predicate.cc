@@ -7,7 +7,8 @@ namespace quillon {
 using predicate_internal::Node;
 using predicate_internal::NodePtr;
 
-Predicate::Predicate(std::shared_ptr<const Node> root) : root_(std::move(root)) {}
+Predicate::Predicate(std::shared_ptr<const Node> root)
+    : root_(std::move(root)), program_(std::make_shared<const predicate_internal::Program>(*root_)) {}
 
 std::shared_ptr<const Predicate> Predicate::parse(std::string_view format,
                                                   std::span<const Value> arguments, Error* error) {
@@ -58,7 +59,7 @@ std::shared_ptr<const Predicate> Predicate::notPredicate(
 }
 
 bool Predicate::evaluate(const Value& object, const Value& variables) const {
-  return root_->evaluate(object, variables);
+  return program_->evaluate(object, variables);
 }
 
 std::shared_ptr<const Predicate> Predicate::withSubstitutionVariables(

@@ -13,6 +13,7 @@ namespace quillon {
 
 namespace predicate_internal {
 struct Node;
+class Program;
 }
 
 // A condition on a value, written in the classic predicate format language:
@@ -59,6 +60,8 @@ class Predicate {
 
  private:
   std::shared_ptr<const predicate_internal::Node> root_;
+  // The tree prepared for evaluation; refers into root_.
+  std::shared_ptr<const predicate_internal::Program> program_;
 };
 
 }  // namespace quillon

@@ -5,6 +5,11 @@
 #include <cmath>
 #include <cstdio>
 
+// The breadth-first matcher is selected with a libstdc++ flag.
+#ifndef __GLIBCXX__
+#error "MATCHES needs libstdc++'s polynomial regex matcher"
+#endif
+
 namespace quillon::predicate_internal {
 namespace {
 
@@ -12,35 +17,154 @@ namespace {
 constexpr char32_t kLikeStar = 0xFFFFFFF0;
 constexpr char32_t kLikeAny = 0xFFFFFFF1;
 
-// Bounds on what is handed to std::regex, whose compiler recurses per nesting
-// level and whose matcher per subject character and group level: a pattern
-// longer than kMaxRegexPattern never matches, and a subject may have at most
-// kRegexRecursionBudget / (group depth + 1) characters. The budget keeps the
-// deepest recursion well inside a default 8 MiB thread stack, sanitizers
-// included.
+// Bounds on what is handed to std::regex. Patterns run on the standard
+// library's breadth-first (polynomial) matcher, whose work is at most
+// subject length x automaton states x (groups + 1) and whose recursion follows
+// empty transitions only, never the subject; the backtracking matcher can take
+// exponential time on patterns such as "(a|a)*b", so it is never used, and
+// back-references (which only it supports) make a pattern that never matches.
+// A pattern longer than kMaxRegexPattern, or whose automaton could exceed
+// kMaxRegexStates, never matches; a subject is matched only while its
+// estimated work stays within kRegexWorkBudget, past which the answer is no
+// match. The budget keeps one evaluation to milliseconds.
 constexpr size_t kMaxRegexPattern = 1000;
-constexpr size_t kRegexRecursionBudget = 2000;
+constexpr size_t kMaxRegexStates = 4000;
+constexpr size_t kRegexWorkBudget = 4'000'000;
 constexpr size_t kMaxCachedRegexes = 32;
 
-// The deepest nesting of groups in a pattern, plus one.
-size_t regexWeight(std::u32string_view pattern) {
-  size_t depth = 0, deepest = 0;
-  bool inClass = false;
-  for (size_t i = 0; i < pattern.size(); ++i) {
-    char32_t c = pattern[i];
-    if (c == '\\') {
-      ++i;
-    } else if (inClass) {
-      inClass = c != ']';
-    } else if (c == '[') {
-      inClass = true;
-    } else if (c == '(') {
-      deepest = std::max(deepest, ++depth);
-    } else if (c == ')' && depth > 0) {
-      --depth;
+struct RegexShape {
+  size_t states = 0;      // an upper bound on the automaton's states
+  size_t groups = 0;      // capturing groups
+  size_t lookaheads = 0;  // deepest nesting of (?= and (?!
+  // A number (a back-reference or a repetition count) too long for the
+  // regex compiler, which reads it into a long without checking for overflow.
+  bool hugeNumber = false;
+};
+
+// Numbers the regex compiler reads: a long run of digits overflows it.
+constexpr size_t kMaxRegexDigits = 9;
+
+size_t digitsAt(std::u32string_view p, size_t i) {
+  size_t n = 0;
+  while (i + n < p.size() && p[i + n] >= '0' && p[i + n] <= '9') ++n;
+  return n;
+}
+
+size_t saturatingAdd(size_t a, size_t b) { return a > SIZE_MAX - b ? SIZE_MAX : a + b; }
+size_t saturatingMul(size_t a, size_t b) {
+  return b != 0 && a > SIZE_MAX / b ? SIZE_MAX : a * b;
+}
+
+// Reads the pattern as the ECMAScript grammar does, closely enough to bound
+// the automaton: every atom and operator costs a few states, and a counted
+// repetition {m,n} copies its atom up to n times (or m + 1 times when open).
+// Misreadings only ever overestimate.
+RegexShape regexShape(std::u32string_view p) {
+  struct Frame {
+    size_t total = 0;
+    size_t lastAtom = 0;
+    bool lookahead = false;
+  };
+  std::vector<Frame> frames(1);
+  RegexShape shape;
+  size_t lookaheadDepth = 0;
+  auto atom = [&](size_t size) {
+    frames.back().total = saturatingAdd(frames.back().total, size);
+    frames.back().lastAtom = size;
+  };
+  for (size_t i = 0; i < p.size(); ++i) {
+    char32_t c = p[i];
+    switch (c) {
+      case '\\':
+        if (digitsAt(p, i + 1) > kMaxRegexDigits) shape.hugeNumber = true;
+        ++i;
+        atom(2);
+        break;
+      case '[':
+        for (++i; i < p.size() && p[i] != ']'; ++i) {
+          if (p[i] != '\\') continue;
+          if (digitsAt(p, i + 1) > kMaxRegexDigits) shape.hugeNumber = true;
+          ++i;
+        }
+        atom(2);
+        break;
+      case '(': {
+        Frame frame;
+        if (i + 2 < p.size() && p[i + 1] == '?' && (p[i + 2] == '=' || p[i + 2] == '!')) {
+          frame.lookahead = true;
+          shape.lookaheads = std::max(shape.lookaheads, ++lookaheadDepth);
+        } else if (!(i + 1 < p.size() && p[i + 1] == '?')) {
+          ++shape.groups;
+        }
+        frames.push_back(frame);
+        break;
+      }
+      case ')':
+        if (frames.size() > 1) {
+          Frame inner = frames.back();
+          frames.pop_back();
+          if (inner.lookahead) --lookaheadDepth;
+          atom(saturatingAdd(inner.total, 4));
+        } else {
+          atom(2);
+        }
+        break;
+      case '|':
+        frames.back().total = saturatingAdd(frames.back().total, 4);
+        frames.back().lastAtom = 0;
+        break;
+      case '*':
+      case '+':
+      case '?':
+        frames.back().total = saturatingAdd(frames.back().total, 4);
+        break;
+      case '{': {
+        // {m}, {m,} or {m,n}; anything else is read as a literal brace.
+        if (digitsAt(p, i + 1) > kMaxRegexDigits) shape.hugeNumber = true;
+        size_t j = i + 1, low = 0, high = 0;
+        bool digits = false, comma = false, highDigits = false;
+        for (; j < p.size() && p[j] >= '0' && p[j] <= '9'; ++j) {
+          low = std::min<size_t>(saturatingAdd(saturatingMul(low, 10), p[j] - '0'), 1 << 20);
+          digits = true;
+        }
+        if (j < p.size() && p[j] == ',') {
+          if (digitsAt(p, j + 1) > kMaxRegexDigits) shape.hugeNumber = true;
+          comma = true;
+          for (++j; j < p.size() && p[j] >= '0' && p[j] <= '9'; ++j) {
+            high = std::min<size_t>(saturatingAdd(saturatingMul(high, 10), p[j] - '0'), 1 << 20);
+            highDigits = true;
+          }
+        }
+        if (digits && j < p.size() && p[j] == '}') {
+          size_t copies = !comma ? low : highDigits ? std::max(low, high) : low + 1;
+          Frame& f = frames.back();
+          f.total = saturatingAdd(f.total, saturatingAdd(saturatingMul(f.lastAtom, copies), 4));
+          i = j;
+        } else {
+          atom(2);
+        }
+        break;
+      }
+      default:
+        atom(2);
     }
   }
-  return deepest + 1;
+  // Groups left open make the pattern fail to compile; count them anyway.
+  size_t total = 0;
+  for (const Frame& f : frames) total = saturatingAdd(total, saturatingAdd(f.total, 4));
+  shape.states = saturatingAdd(total, 2);
+  return shape;
+}
+
+// The longest subject (in code points) whose matching stays within the work
+// budget: n x states x (groups + 1) for the matcher, times n again for each
+// level of lookahead, which starts a matcher of its own at every position.
+size_t maxRegexSubject(const RegexShape& shape) {
+  size_t perCharacter = saturatingMul(shape.states, shape.groups + 1);
+  if (perCharacter == 0 || perCharacter > kRegexWorkBudget) return 0;
+  double n = static_cast<double>(kRegexWorkBudget / perCharacter);
+  if (shape.lookaheads > 0) n = std::pow(n, 1.0 / static_cast<double>(shape.lookaheads + 1));
+  return static_cast<size_t>(n);
 }
 
 // Reusable buffers, so that folding text allocates only while they grow.
@@ -358,13 +482,15 @@ std::shared_ptr<const RegexCache::Compiled> RegexCache::get(std::u32string_view 
     if (k == key) return regex;
   }
   std::shared_ptr<const Compiled> compiled;
-  if (pattern.size() <= kMaxRegexPattern) {
+  RegexShape shape = pattern.size() <= kMaxRegexPattern ? regexShape(pattern) : RegexShape{};
+  size_t maxSubject = maxRegexSubject(shape);
+  if (pattern.size() <= kMaxRegexPattern && shape.states <= kMaxRegexStates && maxSubject > 0 &&
+      !shape.hugeNumber) {
     try {
-      auto flags = std::regex::ECMAScript;
+      auto flags = std::regex::ECMAScript | std::regex_constants::__polynomial;
       if (caseInsensitive) flags |= std::regex::icase;
       std::wstring wide(pattern.begin(), pattern.end());
-      compiled = std::make_shared<const Compiled>(
-          Compiled{std::wregex(wide, flags), kRegexRecursionBudget / regexWeight(pattern)});
+      compiled = std::make_shared<const Compiled>(Compiled{std::wregex(wide, flags), maxSubject});
     } catch (const std::regex_error&) {
       compiled = nullptr;
     }
@@ -599,6 +725,130 @@ bool Node::compare(const Value& left, const Value& right, bool rhsIsConstant) co
     default:
       return false;
   }
+}
+
+// ---- Compiled evaluation ---------------------------------------------------
+
+Program::Program(const Node& root) { add(root); }
+
+uint32_t Program::add(const Node& node) {
+  auto index = static_cast<uint32_t>(steps_.size());
+  steps_.emplace_back();
+  Step step;
+  switch (node.type) {
+    case Node::Type::True:
+      step.kind = Kind::True;
+      break;
+    case Node::Type::False:
+      step.kind = Kind::False;
+      break;
+    case Node::Type::And:
+    case Node::Type::Or:
+    case Node::Type::Not: {
+      step.kind = node.type == Node::Type::And ? Kind::And
+                  : node.type == Node::Type::Or ? Kind::Or
+                                                : Kind::Not;
+      // Children's steps first, then their indices side by side.
+      std::vector<uint32_t> children;
+      children.reserve(node.children.size());
+      for (const auto& child : node.children) children.push_back(add(*child));
+      step.first = static_cast<uint32_t>(children_.size());
+      step.count = static_cast<uint32_t>(children.size());
+      children_.insert(children_.end(), children.begin(), children.end());
+      break;
+    }
+    case Node::Type::Comparison: {
+      step.kind = Kind::Comparison;
+      step.node = &node;
+      step.op = node.op;
+      if (node.modifier != Modifier::Direct || node.lhs.type != Expression::Type::KeyPath ||
+          node.rhs.type != Expression::Type::Constant) {
+        break;
+      }
+      step.kind = Kind::KeyToConstant;
+      const Value& constant = node.rhs.constant;
+      const bool ordering = node.op == Operator::Less || node.op == Operator::LessOrEqual ||
+                            node.op == Operator::Greater || node.op == Operator::GreaterOrEqual;
+      if (constant.isInteger() &&
+          (ordering || node.op == Operator::Equal || node.op == Operator::NotEqual)) {
+        step.kind = Kind::KeyToInteger;
+        step.integer = constant.intValue();
+      } else if (constant.isFloat() && ordering) {
+        step.kind = Kind::KeyToReal;
+        step.real = constant.doubleValue();
+      }
+      break;
+    }
+  }
+  steps_[index] = step;
+  return index;
+}
+
+bool Program::run(uint32_t index, const Value& object, const Value& variables) const {
+  const Step& step = steps_[index];
+  switch (step.kind) {
+    case Kind::True:
+      return true;
+    case Kind::False:
+      return false;
+    case Kind::And:
+      for (uint32_t i = 0; i < step.count; ++i) {
+        if (!run(children_[step.first + i], object, variables)) return false;
+      }
+      return true;
+    case Kind::Or:
+      for (uint32_t i = 0; i < step.count; ++i) {
+        if (run(children_[step.first + i], object, variables)) return true;
+      }
+      return false;
+    case Kind::Not:
+      return !run(children_[step.first], object, variables);
+    case Kind::Comparison:
+      return step.node->evaluateComparison(object, variables);
+    default:
+      return compare(step, object);
+  }
+}
+
+namespace {
+
+template <typename T>
+bool holds(Operator op, T left, T right) {
+  switch (op) {
+    case Operator::Equal:
+      return left == right;
+    case Operator::NotEqual:
+      return left != right;
+    case Operator::Less:
+      return left < right;
+    case Operator::LessOrEqual:
+      return left <= right;
+    case Operator::Greater:
+      return left > right;
+    default:
+      return left >= right;
+  }
+}
+
+}  // namespace
+
+bool Program::compare(const Step& step, const Value& object) const {
+  const Node& node = *step.node;
+  Value storage;
+  const Value& left = node.lhs.keyPath.resolve(object, &storage);
+  if (step.kind == Kind::KeyToInteger && left.isInteger()) {
+    return holds(step.op, left.intValue(), step.integer);
+  }
+  if (step.kind == Kind::KeyToReal && left.isFloat()) {
+    // As compareValues() orders two floating-point numbers.
+    double x = left.doubleValue(), y = step.real;
+    int order = std::isnan(x) || std::isnan(y) ? (std::isnan(x) ? (std::isnan(y) ? 0 : -1) : 1)
+                : x - y < 0                    ? -1
+                : x - y > 0                    ? 1
+                                               : 0;
+    return holds(step.op, order, 0);
+  }
+  return node.compare(left, node.rhs.constant, node.rhsPrepared);
 }
 
 // ---- Formatting, equality, substitution ------------------------------------

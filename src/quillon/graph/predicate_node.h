@@ -69,10 +69,9 @@ class RegexCache {
  public:
   struct Compiled {
     std::wregex regex;
-    // The longest subject (in code points) this pattern is run against. The
-    // standard matcher recurses per subject character, deeper for nested
-    // groups; past this bound a match could exhaust the stack, so it answers
-    // no match instead.
+    // The longest subject (in code points) this pattern is run against: the
+    // matcher's work grows with subject length times the pattern's size, so
+    // past this bound it answers no match instead of taking seconds.
     size_t maxSubject = 0;
   };
   // nullptr for a pattern that does not compile (it then never matches).
@@ -101,14 +100,59 @@ struct Node {
   std::u32string likePattern;
   std::unique_ptr<RegexCache> regexes;
 
+  // Interprets the tree; Program gives the same answers faster.
   bool evaluate(const Value& object, const Value& variables) const;
 
  private:
+  friend class Program;
   bool evaluateComparison(const Value& object, const Value& variables) const;
   bool compare(const Value& left, const Value& right, bool rhsIsConstant) const;
 };
 
 using NodePtr = std::shared_ptr<const Node>;
+
+// A tree flattened once for evaluating against many objects: compounds become
+// steps that refer to their children by index, and each comparison of a key
+// path with a constant -- the common shape -- resolves its path directly and,
+// for numbers, compares without converting either side. Anything else runs
+// through the tree's own comparison, so the answers are the interpreter's.
+// Refers into the tree, which must outlive it. Immutable; any thread.
+class Program {
+ public:
+  explicit Program(const Node& root);
+  bool evaluate(const Value& object, const Value& variables) const {
+    return run(0, object, variables);
+  }
+
+ private:
+  enum class Kind : uint8_t {
+    True,
+    False,
+    And,
+    Or,
+    Not,
+    Comparison,     // any comparison, interpreted
+    KeyToConstant,  // key path, direct, constant right-hand side
+    KeyToInteger,   // as KeyToConstant, integer constant, ordering or equality
+    KeyToReal,      // as KeyToConstant, floating-point constant, ordering
+  };
+  struct Step {
+    Kind kind = Kind::True;
+    Operator op = Operator::Equal;
+    uint32_t first = 0;  // And, Or, Not: children_[first, first + count)
+    uint32_t count = 0;
+    const Node* node = nullptr;  // comparisons
+    int64_t integer = 0;
+    double real = 0;
+  };
+
+  uint32_t add(const Node& node);
+  bool run(uint32_t index, const Value& object, const Value& variables) const;
+  bool compare(const Step& step, const Value& object) const;
+
+  std::vector<Step> steps_;
+  std::vector<uint32_t> children_;
+};
 
 NodePtr makeConstantNode(bool value);
 NodePtr makeCompound(Node::Type type, std::vector<NodePtr> children);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <deque>
 #include <numeric>
 
 #include "quillon/graph/text_folding.h"
@@ -29,16 +30,18 @@ namespace {
 
 // A value's key for one descriptor, prepared so that the common kinds compare
 // without going through compareValues(): integers and floats directly,
-// strings as bytes (folded once when the comparison ignores case).
+// strings as bytes (folded once when the comparison ignores case). `value`
+// points into the sorted value's tree, or at a value an object computed.
 struct SortKey {
   enum class Class : uint8_t { None, Integer, Double, String, Other };
-  Value value;
+  const Value* value = nullptr;
   std::string_view text;
   union {
     int64_t integer;
     double real;
   };
   Class cls = Class::Other;
+  size_t foldedLength = 0;  // case-folded strings, until the text is placed
 };
 
 int threeWay(auto a, auto b) { return a < b ? -1 : (a > b ? 1 : 0); }
@@ -58,7 +61,7 @@ int compareSortKeys(const SortKey& a, const SortKey& b, bool caseInsensitive) {
         break;
     }
   }
-  return compareValues(a.value, b.value, caseInsensitive);
+  return compareValues(*a.value, *b.value, caseInsensitive);
 }
 
 }  // namespace
@@ -67,38 +70,53 @@ void SortDescriptor::sortValues(std::vector<Value>& values,
                                 std::span<const SortDescriptor> descriptors) {
   if (descriptors.empty() || values.size() < 2) return;
   const size_t n = values.size(), width = descriptors.size();
-  // keys[i * width + d] is value i's key for descriptor d. Folded strings live
-  // in `folded`, reserved up front so that views into them stay valid.
+  // keys[i * width + d] is value i's key for descriptor d. Case-folded
+  // strings go one after another into `folded`; their keys hold the offset
+  // (in `integer`) until it stops growing. Values that objects compute for a
+  // key live in `computed`, which never moves them.
   std::vector<SortKey> keys(n * width);
-  std::vector<std::string> folded;
+  std::string folded;
+  std::deque<Value> computed;
   std::vector<bool> caseInsensitive(width);
   for (size_t d = 0; d < width; ++d) {
     caseInsensitive[d] = descriptors[d].comparison_ == Comparison::CaseInsensitiveCompare;
-    if (caseInsensitive[d]) folded.reserve(folded.capacity() + n);
   }
+  bool anyFolded = false;
   for (size_t i = 0; i < n; ++i) {
     for (size_t d = 0; d < width; ++d) {
       Value storage;
       SortKey& key = keys[i * width + d];
-      key.value = descriptors[d].keyPath_.resolve(values[i], &storage);
-      const Value& v = key.value;
-      if (v.isNil() || v.isNull()) {
+      const Value* v = &descriptors[d].keyPath_.resolve(values[i], &storage);
+      if (v == &storage) v = &computed.emplace_back(std::move(storage));
+      key.value = v;
+      if (v->isNil() || v->isNull()) {
         key.cls = SortKey::Class::None;
-      } else if (v.isInteger()) {
+      } else if (v->isInteger()) {
         key.cls = SortKey::Class::Integer;
-        key.integer = v.intValue();
-      } else if (v.isFloat() && !std::isnan(v.doubleValue())) {
+        key.integer = v->intValue();
+      } else if (v->isFloat() && !std::isnan(v->doubleValue())) {
         key.cls = SortKey::Class::Double;
-        key.real = v.doubleValue();
-      } else if (v.isString()) {
+        key.real = v->doubleValue();
+      } else if (v->isString()) {
         key.cls = SortKey::Class::String;
         if (caseInsensitive[d]) {
-          folded.emplace_back();
-          foldTextToUtf8(v.str(), FoldOptions{true, false}, &folded.back());
-          key.text = folded.back();
+          size_t offset = folded.size();
+          appendFoldedUtf8(v->str(), FoldOptions{true, false}, &folded);
+          key.integer = static_cast<int64_t>(offset);
+          key.foldedLength = folded.size() - offset;
+          anyFolded = true;
         } else {
-          key.text = v.str();
+          key.text = v->str();
         }
+      }
+    }
+  }
+  if (anyFolded) {
+    for (size_t k = 0; k < keys.size(); ++k) {
+      SortKey& key = keys[k];
+      if (key.cls == SortKey::Class::String && caseInsensitive[k % width]) {
+        key.text = std::string_view(folded).substr(static_cast<size_t>(key.integer),
+                                                   key.foldedLength);
       }
     }
   }

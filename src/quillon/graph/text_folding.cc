@@ -114,7 +114,7 @@ void foldText(std::string_view s, FoldOptions options, std::u32string* out) {
   for (char32_t c; (c = nextFolded(s, &i, options)) != kEndOfText;) out->push_back(c);
 }
 
-char32_t nextFolded(std::string_view s, size_t* i, FoldOptions options) {
+char32_t nextFoldedDecoding(std::string_view s, size_t* i, FoldOptions options) {
   while (*i < s.size()) {
     auto byte = static_cast<unsigned char>(s[*i]);
     if (byte < 0x80) {  // the common case, without decoding
@@ -133,7 +133,11 @@ char32_t nextFolded(std::string_view s, size_t* i, FoldOptions options) {
 
 void foldTextToUtf8(std::string_view s, FoldOptions options, std::string* out) {
   out->clear();
-  out->reserve(s.size());
+  appendFoldedUtf8(s, options, out);
+}
+
+void appendFoldedUtf8(std::string_view s, FoldOptions options, std::string* out) {
+  out->reserve(out->size() + s.size());
   size_t i = 0;
   for (char32_t c; (c = nextFolded(s, &i, options)) != kEndOfText;) {
     if (c < 0x80) {

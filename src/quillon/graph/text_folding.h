@@ -33,7 +33,18 @@ struct FoldOptions {
 // The next folded code point of s at *i, advancing *i past it (and past any
 // dropped combining marks); kEndOfText when the text is exhausted.
 inline constexpr char32_t kEndOfText = 0xFFFFFFFF;
-char32_t nextFolded(std::string_view s, size_t* i, FoldOptions options);
+// nextFolded() past ASCII: decodes, folds and skips dropped marks.
+char32_t nextFoldedDecoding(std::string_view s, size_t* i, FoldOptions options);
+inline char32_t nextFolded(std::string_view s, size_t* i, FoldOptions options) {
+  if (*i < s.size()) {
+    auto byte = static_cast<unsigned char>(s[*i]);
+    if (byte < 0x80) {  // the common case, inline and without decoding
+      ++*i;
+      return options.caseInsensitive && byte >= 'A' && byte <= 'Z' ? byte + 32u : byte;
+    }
+  }
+  return nextFoldedDecoding(s, i, options);
+}
 
 // Replaces *out with the folded code points of s (capacity is kept, so a
 // buffer reused across calls stops allocating).
@@ -43,6 +54,8 @@ void foldText(std::string_view s, FoldOptions options, std::u32string* out);
 // of compareFolded(): malformed bytes become their U+DC80..U+DCFF stand-ins.
 // Used to fold sort keys once instead of once per comparison.
 void foldTextToUtf8(std::string_view s, FoldOptions options, std::string* out);
+// As foldTextToUtf8, appending to *out.
+void appendFoldedUtf8(std::string_view s, FoldOptions options, std::string* out);
 
 // Three-way comparison of two strings by folded code points; with no options
 // this is plain code-point (byte) order.
