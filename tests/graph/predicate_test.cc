@@ -296,6 +296,7 @@ TEST_F(PredicateTest, FormatParsesBackToAnEqualPredicate) {
            "v == $VAR AND n == nil AND items.@count == 0 AND TRUEPREDICATE",
            "#8 == t AND a.#2b.c == 1",  // keys that would read back as numbers
            "a.self.b == 1 AND #self.c == 2",
+           "ANY SELF.self IN {1, 2} AND self.x == 1",  // spellings of the object itself
            "t == \"100% sure, 50%% off\"",
        }) {
     auto first = Predicate::parse(text);
@@ -307,6 +308,7 @@ TEST_F(PredicateTest, FormatParsesBackToAnEqualPredicate) {
     EXPECT_EQ(second->format(), canonical);
   }
   EXPECT_FALSE(*Predicate::parse("a == 1") == *Predicate::parse("a == 2"));
+  EXPECT_FALSE(*Predicate::parse("SELF.a == 1") == *Predicate::parse("a.SELF.b == 1"));
   EXPECT_FALSE(*Predicate::parse("a ==[c] 'x'") == *Predicate::parse("a == 'x'"));
 
   // Compounds built from parsed predicates.

@@ -461,8 +461,15 @@ bool Expression::operator==(const Expression& other) const {
   switch (type) {
     case Type::Constant:
       return constant == other.constant;
-    case Type::KeyPath:
-      return keyPath.string() == other.keyPath.string();
+    case Type::KeyPath: {
+      // Paths that name the same thing are equal however they were spelt
+      // ("SELF.self" and "SELF", "self.name" and "SELF.name").
+      if (keyPath.string() == other.keyPath.string()) return true;
+      std::string mine, theirs;
+      formatKeyPath(keyPath, &mine);
+      formatKeyPath(other.keyPath, &theirs);
+      return mine == theirs;
+    }
     case Type::Variable:
       return variable == other.variable;
     case Type::Aggregate:
