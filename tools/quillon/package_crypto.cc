@@ -1,7 +1,8 @@
 // Opening files of an encrypted package: the key comes from the password and
 // the "Encryption" entry (salt and rounds) of the package's Info.plist.
 
-#include "quillon/base/plist.h"
+#include "quillon/base/env.h"
+#include "quillon/base/url.h"
 #include "quillon/coding/sea_crypto.h"
 #include "quillon/store/package_files.h"
 #include "tool.h"
@@ -11,19 +12,24 @@ namespace quillon::tool {
 std::vector<uint8_t> decryptPackageFile(const std::vector<uint8_t>& bytes,
                                         const std::string& packagePath, const std::string& password,
                                         const std::string& displayName) {
-  const std::string infoPath = packagePath + "/Info.plist";
-  Value info = readPropertyList(readWholeFile(infoPath));
+  Env* env = PackageFiles::defaultEnv();
+  const Url package = Url::fileURL(packagePath, true);
+  const std::string infoPath = package.appending("Info.plist").path();
+  FileAttributes attributes;
+  if (Error error = env->attributes(infoPath, &attributes)) {
+    throw ToolError("cannot read " + infoPath + ": " + error.localizedDescription());
+  }
+  Value info = PackageFiles::readInfo(env, package);
   if (!info.isDictionary()) throw ToolError(infoPath + " is not a property list dictionary");
-  const Value& encryption = info.get(kSeaCryptoEncryptionKey);
-  if (!encryption.isDictionary()) {
+  if (!info.get(kSeaCryptoEncryptionKey).isDictionary()) {
     throw ToolError(packagePath + " is not encrypted: its Info.plist has no \"Encryption\" entry");
   }
-  std::unique_ptr<SeaCrypto> cipher = PackageFiles::makeCipher(encryption, Value(password));
-  if (!cipher) {
+  PackageFiles files(env, package, Value(password));
+  if (!files.cipherReady()) {
     throw ToolError("the \"Encryption\" entry of " + infoPath + " has no usable salt and rounds");
   }
   std::vector<uint8_t> plain;
-  if (!cipher->decryptBytes(bytes, &plain)) {
+  if (!files.open(bytes, &plain)) {
     throw ToolError("cannot decrypt " + displayName + ": wrong password or damaged file");
   }
   return plain;
