@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "quillon/base/value.h"
+#include "quillon/changes/change_validator.h"
 #include "quillon/store/package_layout.h"
 
 namespace quillon {
@@ -17,13 +18,10 @@ class DispatchQueue;
 class PackageFiles;
 class QuillonCache;
 
-// What applying other computers' changes needs from the store.
-class QuillonApplierHost {
+// What applying other computers' changes needs from the store, beyond what
+// validating them does.
+class QuillonApplierHost : public QuillonValidationHost {
  public:
-  virtual ~QuillonApplierHost() = default;
-  virtual PackageLayout layout() const = 0;
-  virtual void log(const std::string& message, std::string_view type, const Value& menu) = 0;
-  virtual void setErrorLevel(std::string_view type) = 0;
   // See QuillonChangeValidator::validate; the host's recovery mode applies.
   virtual Value validatedChanges(const Value& change, bool lightWeight, Value* loadedItems) = 0;
   virtual bool recover() const = 0;

@@ -94,7 +94,6 @@ inline constexpr std::string_view kQuillonLoadingIssueLoadingPerformance = "Load
 // changes/update.cc, changes/observation.cc and changes/log.cc.
 class QuillonStore : public IncrementalStore,
                      public QuillonCacheSource,
-                     public QuillonValidationHost,
                      public QuillonApplierHost {
  public:
   // ---- Package and opening (store/store.cc) ----
