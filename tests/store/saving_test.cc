@@ -267,10 +267,19 @@ TEST_F(SavingTest, ChangeFileReachesTheDiskOnlyAfterItsRecordsAreFlushed) {
            Value::dictionary({{"title", "n" + std::to_string(i)},
                               {"data", Value::data(std::string(100 + i, 'x'))}}));
   }
+  using Op = FaultInjectingEnv::Op;
+  // A new package survives a power cut: Info.plist and the package's folder
+  // (with its entry in the folder above) are flushed when it is made.
+  std::set<std::string> created;
+  for (const auto& op : env.operations()) {
+    if (op.op == Op::Sync) created.insert(op.path);
+  }
+  EXPECT_TRUE(created.count(package() + "/Info.plist"));
+  EXPECT_TRUE(created.count(package()));
+
   env.resetCounts();
   save(*stack);
 
-  using Op = FaultInjectingEnv::Op;
   auto operations = env.operations();
   auto isChange = [](const FaultInjectingEnv::Operation& op) {
     return op.op == Op::Write && op.path.find("/Changes/") != std::string::npos;
@@ -292,6 +301,10 @@ TEST_F(SavingTest, ChangeFileReachesTheDiskOnlyAfterItsRecordsAreFlushed) {
     EXPECT_TRUE(flushed.count(folder)) << folder << " (new) not flushed";
   }
   EXPECT_EQ(recordsAndData, 24u);
+  // So are the first save's new folders, each an entry of its parent.
+  for (const char* folder : {"/Changes", "/Entities", "/Entities/Note"}) {
+    EXPECT_TRUE(flushed.count(package() + folder)) << folder;
+  }
   // The change file is flushed after its rename, with its folder.
   auto after = std::find_if(changeWrite, operations.end(), [&](const auto& op) {
     return op.op == Op::Sync && op.path == changeWrite->path;

@@ -141,6 +141,10 @@ void QuillonChange::saveToStore(QuillonStore* store) {
     if (!previous.isNil()) content.set(Value::string("previousName"), previous);
   }
   Url changesURL = store->changesURL();
+  // A new "Changes" is flushed as an entry of the package with the batch.
+  if (store->durableSaves() && !store->env()->exists(changesURL.path())) {
+    saveBatch()->add(changesURL.path());
+  }
   if (Error error = store->env()->createDirectories(changesURL.path())) saveBatch()->fail(error);
   Url url = changesURL.appending(fileName());
   auto operation = std::make_shared<QuillonSaveOperation>(store, content, url, saveBatch());

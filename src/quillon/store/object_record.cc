@@ -117,9 +117,10 @@ void writeRecord(ManagedObject& object, QuillonStore* source, QuillonStore* targ
   }
   const std::string folderPath = folder.path();
   if (durable && !env->exists(folderPath)) {
-    // A new object folder (and maybe entity folder) must be flushed as an
-    // entry of its parent too.
-    batch->add({folderPath, folder.deletingLastPathComponent().path()});
+    // A new object folder (and maybe a new entity folder and "Entities")
+    // must be flushed as an entry of its parent too, up to the package.
+    const Url entityFolder = folder.deletingLastPathComponent();
+    batch->add({folderPath, entityFolder.path(), entityFolder.deletingLastPathComponent().path()});
   }
   if (Error error = env->createDirectories(folderPath)) {
     target->logError(error, "QuillonManagedObjectSaveOperation");

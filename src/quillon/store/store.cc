@@ -340,6 +340,13 @@ void QuillonStore::writeInfo(const Value& options) {
     encryption.set(kSeaCryptoInfoKey, encrypt(Value::data(text)));
   }
   if (Error error = PackageFiles::writeInfo(env_, url(), info)) logError(error, "QuillonStore");
+  // The new package must survive a power cut: Info.plist, the package's
+  // folder and its entry in the folder above.
+  if (durableSaves()) {
+    if (Error error = env_->syncFiles({PackageLayout(url()).info().path(), path})) {
+      logError(error, "QuillonStore");
+    }
+  }
   std::lock_guard<std::recursive_mutex> lock(monitor_);
   infoDictionary_ = info;
 }
