@@ -117,6 +117,28 @@ TEST_F(CacheItemTest, KeyedCodingKeepsStoredFormOnly) {
   EXPECT_TRUE(back->state().isNil());
 }
 
+// A damaged cache file can make an item whose state holds a dictionary that
+// contains itself; breaking the cycles of what was read must reach it
+// through the item.
+TEST_F(CacheItemTest, BreakingCyclesReachesInsideItems) {
+  Value cycle = Value::mutableDictionary();
+  cycle.set(Value("self"), cycle);
+  cycle.set(Value("n"), Value(1));
+  Value stored = Value::object(std::make_shared<GenericObject>(
+      std::string(QuillonCacheItem::kClassName), Value::dictionary({{"state", cycle}})));
+  Value shard = Value::dictionary({{"7A", stored}});
+  Value decoded = DenseCoder::objectWithData(DenseCoder::dataWithRootObject(shard));
+  auto* item = decoded.get("7A").objectAs<QuillonCacheItem>();
+  ASSERT_NE(item, nullptr);
+  Value state = item->state();
+  ASSERT_TRUE(state.isDictionary());
+  EXPECT_TRUE(Value::identical(state.get("self"), state));
+  EXPECT_EQ(state.get("n"), Value(1));
+  DenseCoder::breakCycles(decoded);
+  EXPECT_TRUE(state.empty());
+  DenseCoder::breakCycles(shard);
+}
+
 TEST(StoreKeyForTest, EntityUnderscoreFirstCharacter) {
   EXPECT_EQ(storeKeyFor("Note", "7A2F-0001"), "Note_7");
   EXPECT_EQ(storeKeyFor("Note", "\xC3\xA9t\xC3\xA9"), "Note_\xC3\xA9");

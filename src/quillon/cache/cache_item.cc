@@ -155,6 +155,16 @@ void QuillonCacheItem::registerCoding() {
 
 QuillonCacheItem::QuillonCacheItem() = default;
 
+void QuillonCacheItem::forEachValue(const std::function<void(const Value&)>& visit) const {
+  std::vector<Value> fields;
+  {
+    std::lock_guard lock(mutex_);
+    fields = {attributes_, relations_,      data_,         parsedToOneRelations_,
+              parsedToManyRelations_, parsedData_, dictionary_, extraData_, state_};
+  }
+  for (const Value& field : fields) visit(field);
+}
+
 void QuillonCacheItem::updateValues(const Value& values, const EntityDescription& entity,
                                     const Url& /*url*/, const Value& version) {
   std::shared_ptr<QuillonCacheDictionary> shard = collection();
