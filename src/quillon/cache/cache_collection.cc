@@ -32,14 +32,20 @@ void QuillonCacheCollection::loadIfNeeded() {
       read = !env()->readFile(path, &plain);
     }
     if (read) {
+      Value decoded;
+      bool accepted = false;
       try {
-        Value loaded = loadTransformer(DenseCoder::objectWithData(plain));
+        decoded = DenseCoder::objectWithData(plain);
+        Value loaded = loadTransformer(decoded);
         // A file of another kind (damage, or a hostile file put in place)
         // counts as undecodable rather than being trusted.
-        if (acceptsLoadedValue(loaded)) content_ = std::move(loaded);
+        accepted = acceptsLoadedValue(loaded);
+        if (accepted) content_ = std::move(loaded);
       } catch (const Exception&) {
         initContent();
       }
+      // What was refused may hold a container that contains itself.
+      if (!accepted) DenseCoder::breakCycles(decoded);
     }
   }
   if (content_.isNil()) initContent();
