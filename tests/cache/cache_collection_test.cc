@@ -102,6 +102,22 @@ TEST_F(CacheCollectionTest, ARefusedFileWithACycleIsFreed) {
   EXPECT_TRUE(Probe::made()[0].expired());
 }
 
+// An entity's uids are text; a damaged file's other members are dropped
+// rather than compared (two arrays that contain themselves never finish).
+TEST_F(CacheCollectionTest, SetMembersThatAreNotTextAreDropped) {
+  Value a = Value::mutableArray();
+  a.append(a);
+  Value b = Value::mutableArray();
+  b.append(b);
+  std::vector<uint8_t> bytes =
+      DenseCoder::encode(Value::array({a, Value("U1"), b, Value(7), Value("U2")}));
+  DenseCoder::breakCycles(a);
+  DenseCoder::breakCycles(b);
+  ASSERT_FALSE(Env::Default()->writeFileAtomically(fastFile("Note_uids"), bytes));
+  auto uids = QuillonCacheSet::setWithStore(nullptr, urlFor("Note_uids"));
+  EXPECT_EQ(uids->content(), Value::set({"U1", "U2"}));
+}
+
 TEST_F(CacheCollectionTest, DictionaryMutatorsDirtyAndNilRemoves) {
   auto shard = QuillonCacheDictionary::dictionaryWithStore(nullptr, urlFor("Note_7"));
   shard->setValue(Value("one"), "7A");

@@ -234,9 +234,15 @@ void QuillonCacheSet::initContent() { setContent(Value::mutableSet()); }
 
 Value QuillonCacheSet::loadTransformer(const Value& value) {
   if (!value.isArray() && !value.isSet()) return Value();
+  // The members are uids. Anything but text is damage, and comparing it
+  // with another member might never end (two arrays that contain themselves).
   Value set = Value::mutableSet();
   set.reserve(value.size());
-  for (const Value& member : value.elements()) set.append(member);
+  for (const Value& member : value.elements()) {
+    if (member.isString()) set.append(member);
+  }
+  // The file's containers are not kept; free them even when they hold cycles.
+  DenseCoder::breakCycles(value);
   return set;
 }
 
