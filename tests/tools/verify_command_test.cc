@@ -185,13 +185,15 @@ TEST_F(VerifyCommandTest, UnreadableChangeFilesAreProblems) {
   Value renamed = readJSON(dir_.read("Doc.quillon/Changes/" + names[1])).mutableCopy();
   renamed.set(Value("name"), Value("other.json"));
   dir_.write("Doc.quillon/Changes/" + names[1], writeJSON(renamed));
+  dir_.write("Doc.quillon/Changes/2024-01-01.json", "{}");
   ToolRun run = verify();
   EXPECT_EQ(run.status, 1);
   std::vector<std::string> lines = findings(run);
-  ASSERT_GE(lines.size(), 2u) << run.out;
-  EXPECT_EQ(lines[0], "incomplete change file Changes/" + names[0] + ": not JSON");
-  EXPECT_TRUE(lines[1].starts_with("invalid change file Changes/" + names[1] + ": its name"))
-      << lines[1];
+  ASSERT_GE(lines.size(), 3u) << run.out;
+  EXPECT_EQ(lines[0], "not a change file name Changes/2024-01-01.json");
+  EXPECT_EQ(lines[1], "incomplete change file Changes/" + names[0] + ": not JSON");
+  EXPECT_TRUE(lines[2].starts_with("invalid change file Changes/" + names[1] + ": its name"))
+      << lines[2];
 }
 
 }  // namespace

@@ -40,6 +40,7 @@ constexpr const char* kFormatHelp =
     "  orphan record, orphan data file, orphan file   in Entities, named by no change\n"
     "  missing deletion record, cannot decrypt data file, date inconsistency\n"
     "  conflict copy       a synchronisation service's copy of a change file\n"
+    "  not a change file name   anything else in Changes, which no computer applies\n"
     "A progress bar goes to standard error when it is a terminal and the package is large.";
 
 // Packages with at least this many change files show a progress bar.
@@ -113,6 +114,14 @@ class Verifier {
     changeNames_.insert(names.begin(), names.end());
     for (const std::string& copy : conflictCopies) {
       warn(fmt::format("conflict copy {}", shown(layout_.changes().appending(copy))));
+    }
+    // Other computers pass over anything else in Changes, which is worth
+    // knowing about (a change written under a wrong name is never applied).
+    const std::set<std::string> copies(conflictCopies.begin(), conflictCopies.end());
+    for (const std::string& file : list(layout_.changes())) {
+      if (!file.starts_with('.') && !changeNames_.contains(file) && !copies.contains(file)) {
+        warn(fmt::format("not a change file name {}", shown(layout_.changes().appending(file))));
+      }
     }
     {
       Progress progress(names.size());
