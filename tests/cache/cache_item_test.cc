@@ -81,6 +81,32 @@ TEST_F(CacheItemTest, ReservedNamesInARecordAreDropped) {
   EXPECT_EQ(again.objectAs<QuillonCacheItem>()->attributes().get("title"), Value("t"));
 }
 
+// Relations hold references, which are text; a record's other values there
+// (dictionaries the cache's writer would take for an alias or a class) are
+// dropped, so the item's cache form reads back as the same item.
+TEST_F(CacheItemTest, RelationsKeepOnlyReferences) {
+  auto item = std::make_shared<QuillonCacheItem>();
+  update(*item, Value::dictionary(
+                    {{"folder", entry(Value::array({Value("Folder/F1"),
+                                                    Value::dictionary({{"$alias", "0"}})}))},
+                     {"", entry(Value::dictionary({{"$alias", Value::array()}}))},
+                     {"other", entry(Value::dictionary({{"$class", "QuillonCacheItem"}}))},
+                     {"unknown", entry("Tag/T1")},
+                     {"tags", Value::dictionary({{"addedValues",
+                                                  Value::array({Value("Tag/A"),
+                                                                Value::dictionary({{"$alias", ""}}),
+                                                                Value(3)})}})}}));
+  Value relations = item->relations();
+  EXPECT_EQ(relations.get("folder"), Value::array({"Folder/F1"}));
+  EXPECT_EQ(relations.get("unknown"), Value("Tag/T1"));
+  EXPECT_EQ(relations.get("tags"), Value::array({"Tag/A"}));
+  EXPECT_TRUE(relations.get("").isNil());
+  EXPECT_TRUE(relations.get("other").isNil());
+  Value again = DenseCoder::objectWithData(DenseCoder::dataWithRootObject(Value::object(item)));
+  ASSERT_NE(again.objectAs<QuillonCacheItem>(), nullptr);
+  EXPECT_EQ(again.objectAs<QuillonCacheItem>()->relations(), relations);
+}
+
 TEST_F(CacheItemTest, ToManyAddsRemovesAndOrders) {
   QuillonCacheItem item;
   update(
