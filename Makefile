@@ -7,9 +7,9 @@ release debug asan:
 	cmake --preset $@ >/dev/null
 	cmake --build --preset $@
 
-# The whole suite twice: a Release build with warnings as errors, then ASan+UBSan.
-# The short fuzz run (make fuzz) joins it once its open findings are fixed.
-test: test-release test-asan
+# The whole suite twice: a Release build with warnings as errors, then ASan+UBSan;
+# then the short fuzz run (its targets are built with ASan+UBSan of their own).
+test: test-release test-asan fuzz
 
 test-release: release
 	ctest --preset release

@@ -43,6 +43,7 @@ TEST(JSONReadTest, ScalarKindsAndNumbers) {
   EXPECT_FALSE(v[6].boolValue());
   EXPECT_TRUE(v[7].isNull());
   EXPECT_EQ(v[8].str(), "é\xC3\xA9\n");
+  EXPECT_EQ(v[9].kind(), Value::Kind::Integer);  // even beside v[12], which is widened
   EXPECT_EQ(v[9].intValue(), INT64_MAX);
   EXPECT_EQ(v[10].intValue(), INT64_MIN);
   // Integers past int64 become doubles rather than errors.
@@ -207,6 +208,34 @@ TEST(JSONWriteTest, StringEscapingAndRoundTrips) {
   Value pretty = mustRead(writeJSON(v, JSONStyle::Pretty));
   EXPECT_EQ(pretty, v);
   EXPECT_EQ(writeJSON(pretty), text);
+}
+
+TEST(JSONWriteTest, HugeDoublesRoundTripBesideLongIntegers) {
+  // A double past 64 bits is written as a plain run of digits, which reads
+  // back only by being widened to a double; that must not widen a neighbour
+  // that fits in int64 (the shortest form of 9223372036854737337.0 is
+  // another integer, so the values would differ).
+  Value v = mustRead("[92233723685477720368.3, 9223372036854737337, -9223372036854775807]");
+  ASSERT_EQ(v.size(), 3u);
+  EXPECT_EQ(v[0].kind(), Value::Kind::Float64);
+  EXPECT_EQ(v[1].kind(), Value::Kind::Integer);
+  EXPECT_EQ(v[1].intValue(), 9223372036854737337);
+  std::string text = writeJSON(v);
+  EXPECT_EQ(text, "[92233723685477728256,9223372036854737337,-9223372036854775807]");
+  Value again = mustRead(text);
+  EXPECT_EQ(again, v);
+  ASSERT_EQ(again.size(), 3u);
+  EXPECT_EQ(again[0].kind(), Value::Kind::Float64);
+  EXPECT_EQ(again[1].kind(), Value::Kind::Integer);
+  EXPECT_EQ(again[2].intValue(), -9223372036854775807);
+
+  // Past int64 on either side, integers still become doubles.
+  Value wide = mustRead("[9223372036854775808, -9223372036854775809, 1, 100000000000000000000]");
+  EXPECT_EQ(wide[0].kind(), Value::Kind::Float64);
+  EXPECT_EQ(wide[1].kind(), Value::Kind::Float64);
+  EXPECT_EQ(wide[1].doubleValue(), -9223372036854775808.0);
+  EXPECT_EQ(wide[2].kind(), Value::Kind::Integer);
+  EXPECT_EQ(wide[3].doubleValue(), 1e20);
 }
 
 TEST(JSONWriteTest, UnwritableValuesGiveErrors) {

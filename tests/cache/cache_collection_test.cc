@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "quillon/base/env.h"
+#include "quillon/coding/dc_ns_coding.h"
 #include "quillon/coding/dense_coder.h"
 #include "quillon/store/package_files.h"
 #include "support/fault_env.h"
@@ -64,6 +65,57 @@ TEST_F(CacheCollectionTest, UnreadableOrForeignFilesGiveEmptyContent) {
   auto wrongKind = QuillonCacheDictionary::dictionaryWithStore(nullptr, urlFor("Changes"));
   EXPECT_TRUE(wrongKind->content().isDictionary());
   EXPECT_TRUE(wrongKind->content().empty());
+}
+
+// Made by the reader for a "TestCollectionProbe" in a cache file; remembers
+// every instance to see whether it was freed.
+class Probe final : public Object {
+ public:
+  std::string className() const override { return "TestCollectionProbe"; }
+  static std::vector<std::weak_ptr<Probe>>& made() {
+    static std::vector<std::weak_ptr<Probe>> all;
+    return all;
+  }
+};
+
+// A refused file is dropped whole, even when it holds a dictionary that
+// contains itself (nobody else would ever break that cycle).
+TEST_F(CacheCollectionTest, ARefusedFileWithACycleIsFreed) {
+  DCNSCoding::registerClass("TestCollectionProbe", [](DCNSDecoder&) -> std::shared_ptr<Object> {
+    auto probe = std::make_shared<Probe>();
+    Probe::made().push_back(probe);
+    return probe;
+  });
+  Value cycle = Value::mutableDictionary();
+  cycle.set(Value("self"), cycle);
+  cycle.set(Value("probe"), Value::object(std::make_shared<GenericObject>(
+                                "TestCollectionProbe", Value::dictionary())));
+  std::vector<uint8_t> bytes = DenseCoder::encode(cycle);
+  DenseCoder::breakCycles(cycle);
+  ASSERT_FALSE(Env::Default()->writeFileAtomically(fastFile("Log"), bytes));
+
+  Probe::made().clear();
+  auto log = QuillonCacheArray::arrayWithStore(nullptr, urlFor("Log"));
+  EXPECT_TRUE(log->content().isArray());
+  EXPECT_TRUE(log->content().empty());
+  ASSERT_EQ(Probe::made().size(), 1u);
+  EXPECT_TRUE(Probe::made()[0].expired());
+}
+
+// An entity's uids are text; a damaged file's other members are dropped
+// rather than compared (two arrays that contain themselves never finish).
+TEST_F(CacheCollectionTest, SetMembersThatAreNotTextAreDropped) {
+  Value a = Value::mutableArray();
+  a.append(a);
+  Value b = Value::mutableArray();
+  b.append(b);
+  std::vector<uint8_t> bytes =
+      DenseCoder::encode(Value::array({a, Value("U1"), b, Value(7), Value("U2")}));
+  DenseCoder::breakCycles(a);
+  DenseCoder::breakCycles(b);
+  ASSERT_FALSE(Env::Default()->writeFileAtomically(fastFile("Note_uids"), bytes));
+  auto uids = QuillonCacheSet::setWithStore(nullptr, urlFor("Note_uids"));
+  EXPECT_EQ(uids->content(), Value::set({"U1", "U2"}));
 }
 
 TEST_F(CacheCollectionTest, DictionaryMutatorsDirtyAndNilRemoves) {

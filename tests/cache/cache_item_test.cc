@@ -81,6 +81,32 @@ TEST_F(CacheItemTest, ReservedNamesInARecordAreDropped) {
   EXPECT_EQ(again.objectAs<QuillonCacheItem>()->attributes().get("title"), Value("t"));
 }
 
+// Relations hold references, which are text; a record's other values there
+// (dictionaries the cache's writer would take for an alias or a class) are
+// dropped, so the item's cache form reads back as the same item.
+TEST_F(CacheItemTest, RelationsKeepOnlyReferences) {
+  auto item = std::make_shared<QuillonCacheItem>();
+  update(*item, Value::dictionary(
+                    {{"folder", entry(Value::array({Value("Folder/F1"),
+                                                    Value::dictionary({{"$alias", "0"}})}))},
+                     {"", entry(Value::dictionary({{"$alias", Value::array()}}))},
+                     {"other", entry(Value::dictionary({{"$class", "QuillonCacheItem"}}))},
+                     {"unknown", entry("Tag/T1")},
+                     {"tags", Value::dictionary({{"addedValues",
+                                                  Value::array({Value("Tag/A"),
+                                                                Value::dictionary({{"$alias", ""}}),
+                                                                Value(3)})}})}}));
+  Value relations = item->relations();
+  EXPECT_EQ(relations.get("folder"), Value::array({"Folder/F1"}));
+  EXPECT_EQ(relations.get("unknown"), Value("Tag/T1"));
+  EXPECT_EQ(relations.get("tags"), Value::array({"Tag/A"}));
+  EXPECT_TRUE(relations.get("").isNil());
+  EXPECT_TRUE(relations.get("other").isNil());
+  Value again = DenseCoder::objectWithData(DenseCoder::dataWithRootObject(Value::object(item)));
+  ASSERT_NE(again.objectAs<QuillonCacheItem>(), nullptr);
+  EXPECT_EQ(again.objectAs<QuillonCacheItem>()->relations(), relations);
+}
+
 TEST_F(CacheItemTest, ToManyAddsRemovesAndOrders) {
   QuillonCacheItem item;
   update(
@@ -115,6 +141,28 @@ TEST_F(CacheItemTest, KeyedCodingKeepsStoredFormOnly) {
   EXPECT_EQ(back->extraDataForKey(Value("key")), Value("x"));
   EXPECT_TRUE(back->extraDataForKey(Value(1)).isNil());
   EXPECT_TRUE(back->state().isNil());
+}
+
+// A damaged cache file can make an item whose state holds a dictionary that
+// contains itself; breaking the cycles of what was read must reach it
+// through the item.
+TEST_F(CacheItemTest, BreakingCyclesReachesInsideItems) {
+  Value cycle = Value::mutableDictionary();
+  cycle.set(Value("self"), cycle);
+  cycle.set(Value("n"), Value(1));
+  Value stored = Value::object(std::make_shared<GenericObject>(
+      std::string(QuillonCacheItem::kClassName), Value::dictionary({{"state", cycle}})));
+  Value shard = Value::dictionary({{"7A", stored}});
+  Value decoded = DenseCoder::objectWithData(DenseCoder::dataWithRootObject(shard));
+  auto* item = decoded.get("7A").objectAs<QuillonCacheItem>();
+  ASSERT_NE(item, nullptr);
+  Value state = item->state();
+  ASSERT_TRUE(state.isDictionary());
+  EXPECT_TRUE(Value::identical(state.get("self"), state));
+  EXPECT_EQ(state.get("n"), Value(1));
+  DenseCoder::breakCycles(decoded);
+  EXPECT_TRUE(state.empty());
+  DenseCoder::breakCycles(shard);
 }
 
 TEST(StoreKeyForTest, EntityUnderscoreFirstCharacter) {

@@ -54,7 +54,40 @@ class Note final : public Object, public DCNSCoding {
     return note;
   }
   bool hadTags = false;
+  void forEachValue(const std::function<void(const Value&)>& visit) const override {
+    visit(tags);
+    visit(child);
+  }
 };
+
+// Remembers every instance its factory made, to see whether it was freed.
+class Probe final : public Object {
+ public:
+  std::string className() const override { return "TestProbe"; }
+  static std::shared_ptr<Object> make(DCNSDecoder&) {
+    auto probe = std::make_shared<Probe>();
+    made().push_back(probe);
+    return probe;
+  }
+  static std::vector<std::weak_ptr<Probe>>& made() {
+    static std::vector<std::weak_ptr<Probe>> all;
+    return all;
+  }
+  static size_t alive() {
+    size_t n = 0;
+    for (const auto& p : made()) n += !p.expired();
+    return n;
+  }
+};
+
+// A mutable dictionary that contains itself and a probe.
+Value selfContainingWithProbe() {
+  Value cycle = Value::mutableDictionary();
+  cycle.set(Value("self"), cycle);
+  cycle.set(Value("probe"),
+            Value::object(std::make_shared<GenericObject>("TestProbe", Value::dictionary())));
+  return cycle;
+}
 
 // Writes only what has already been written elsewhere.
 class Pointer final : public Object, public DCNSCoding {
@@ -68,7 +101,10 @@ class Pointer final : public Object, public DCNSCoding {
 
 class DCNSCoderTest : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() { DCNSCoding::registerClass("TestNote", &Note::make); }
+  static void SetUpTestSuite() {
+    DCNSCoding::registerClass("TestNote", &Note::make);
+    DCNSCoding::registerClass("TestProbe", &Probe::make);
+  }
 };
 
 TEST_F(DCNSCoderTest, RegisteredClassRoundTripsThroughKeyedCoding) {
@@ -188,6 +224,49 @@ TEST_F(DCNSCoderTest, AFactoryThatThrowsFailsTheReadAndStoredFormBypassesFactori
   EXPECT_EQ(generic->className(), "TestNote");
   EXPECT_EQ(generic->properties().get("title"), Value("kept"));
   EXPECT_NE(DenseCoder::objectWithData(data).objectAs<Note>(), nullptr);
+}
+
+// A cycle that the decoded root does not reach has no owner to break it, so
+// the reader frees it: here a self-containing dictionary under a key that
+// the class's factory never reads, and one under a key that is nil.
+TEST_F(DCNSCoderTest, CyclesTheRootDoesNotReachAreFreed) {
+  Probe::made().clear();
+  Value unread = Value::object(std::make_shared<GenericObject>(
+      "TestNote", Value::dictionary({{"title", Value("t")}, {"unread", selfContainingWithProbe()}})));
+  Value cycle = selfContainingWithProbe();
+  Value root = Value::mutableArray();
+  root.append(unread);
+  root.append(cycle);
+  root.append(cycle);  // the second time as an alias
+  Value back = DenseCoder::objectWithData(DenseCoder::dataWithRootObject(root));
+  ASSERT_EQ(back.size(), 3u);
+  ASSERT_NE(back[0].objectAs<Note>(), nullptr);
+  EXPECT_EQ(back[0].objectAs<Note>()->title, "t");
+  // The cycle the root reaches is the caller's, whole.
+  EXPECT_TRUE(Value::identical(back[1].get("self"), back[1]));
+  EXPECT_TRUE(Value::identical(back[1], back[2]));
+  ASSERT_NE(back[1].get("probe").objectAs<Probe>(), nullptr);
+  EXPECT_EQ(Probe::made().size(), 2u);
+  EXPECT_EQ(Probe::alive(), 1u);  // the unread key's probe is gone already
+  DenseCoder::breakCycles(back);
+  back = Value();
+  EXPECT_EQ(Probe::alive(), 0u);
+  DenseCoder::breakCycles(root);
+
+  // A mutable dictionary entry whose key is nil is dropped with its value:
+  // {nil: <dictionary containing itself and a probe>}.
+  Probe::made().clear();
+  Bytes coded = Bytes::header(3, 0, 3);
+  coded.u8(24).aligned<uint32_t>(1);                       // the root, one entry
+  coded.u8(24).aligned<uint32_t>(2);                       // its value, two entries
+  coded.u8(2).u8(1).u8(8).cstr("self");                    // alias to itself
+  coded.u8(43).u8(8).cstr("TestProbe").u8(0).u8(8).cstr("probe");
+  coded.u8(0);                                             // the root's key: nil
+  Value dropped = DenseCoder::objectWithData(coded.vec());
+  ASSERT_TRUE(dropped.isDictionary()) << DenseCoder::lastLoggedReason();
+  EXPECT_TRUE(dropped.empty());
+  EXPECT_EQ(Probe::made().size(), 1u);
+  EXPECT_EQ(Probe::alive(), 0u);
 }
 
 }  // namespace

@@ -40,6 +40,7 @@ int main(int argc, char** argv) {
   quillon::tool::addCatCommand(app);
   quillon::tool::addDecodeCacheCommand(app);
   quillon::tool::addInfoCommand(app);
+  quillon::tool::addVerifyCommand(app);
   quillon::tool::addDemoCommand(app);
   try {
     app.parse(argc, argv);
@@ -50,6 +51,8 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     std::fprintf(stderr, "error: %s\n", e.what());
     return e.get_exit_code() ? e.get_exit_code() : 2;
+  } catch (const quillon::tool::ExitStatus& e) {
+    return e.status();
   } catch (const quillon::tool::ToolError& e) {
     std::fprintf(stderr, "error: %s\n", e.what());
     return 1;

@@ -18,6 +18,18 @@ class ToolError : public std::runtime_error {
   explicit ToolError(const std::string& message) : std::runtime_error(message) {}
 };
 
+// Ends a command with this exit status after it has printed its findings,
+// without an "error: " line.
+class ExitStatus : public std::exception {
+ public:
+  explicit ExitStatus(int status) : status_(status) {}
+  int status() const { return status_; }
+  const char* what() const noexcept override { return "exit status"; }
+
+ private:
+  int status_;
+};
+
 // Reads a whole file through the framework's Env; raises ToolError.
 std::vector<uint8_t> readWholeFile(const std::string& path);
 
@@ -38,6 +50,7 @@ void addChangesCommand(CLI::App& app);  // changes_command.cc
 void addFetchCommand(CLI::App& app);    // fetch_command.cc
 void addInfoCommand(CLI::App& app);     // info_command.cc
 void addLogCommand(CLI::App& app);      // log_command.cc
+void addVerifyCommand(CLI::App& app);   // verify_command.cc
 void addDemoCommand(CLI::App& app);     // demo_command.cc
 
 }  // namespace quillon::tool

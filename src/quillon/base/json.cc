@@ -94,9 +94,13 @@ std::string describeParseError(simdjson::error_code code, std::string_view text,
 }
 
 // The parser refuses integers beyond 64 bits, which are valid JSON and read
-// as doubles. Copies the text with "e0" after every integer of 19 or more
-// digits (outside strings), which makes the parser read them as doubles.
-// Answers false when there is no such integer.
+// as doubles. Copies the text with "e0" after every integer (outside strings)
+// that does not fit in 64 signed bits, which makes the parser read it as a
+// double. An integer that fits stays an integer, whether or not the text
+// also holds one that needs widening: 9223372036854775807 reads the same
+// beside 100000000000000000000 as on its own (a double written back as
+// 100000000000000000000 must not turn its neighbours into doubles).
+// Answers false when there is no integer to widen.
 bool widenLongIntegers(std::string_view text, std::string* out) {
   bool changed = false;
   out->reserve(text.size() + 16);
@@ -114,7 +118,9 @@ bool widenLongIntegers(std::string_view text, std::string* out) {
       while (j < n && text[j] >= '0' && text[j] <= '9') ++j, ++digits;
       bool integral = j >= n || (text[j] != '.' && text[j] != 'e' && text[j] != 'E');
       out->append(text.substr(i, j - i));
-      if (integral && digits >= 19) {
+      int64_t fits;
+      if (integral && digits >= 19 &&
+          std::from_chars(text.data() + i, text.data() + j, fits).ec != std::errc()) {
         *out += "e0";
         changed = true;
       }

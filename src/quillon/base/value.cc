@@ -648,6 +648,8 @@ bool numbersEqual(const Value& a, const Value& b) {
 
 Value Object::valueForKey(std::string_view) const { return Value(); }
 
+void Object::forEachValue(const std::function<void(const Value&)>&) const {}
+
 // ---- GenericObject ---------------------------------------------------------
 
 GenericObject::GenericObject(std::string className, Value properties)
@@ -662,6 +664,10 @@ bool GenericObject::isEqual(const Object& other) const {
 }
 
 Value GenericObject::valueForKey(std::string_view key) const { return properties_->get(key); }
+
+void GenericObject::forEachValue(const std::function<void(const Value&)>& visit) const {
+  visit(*properties_);
+}
 
 size_t GenericObject::hash() const { return hashString(className_); }
 

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <optional>
@@ -35,6 +36,10 @@ class Object {
   // Key-value access used by predicates and sort descriptors; nil when the
   // object has no such key.
   virtual Value valueForKey(std::string_view key) const;
+  // Calls visit with every value the object holds, for walks over a whole
+  // graph (freeing one that holds cycles). An object that holds values must
+  // list them all; the default holds none.
+  virtual void forEachValue(const std::function<void(const Value&)>& visit) const;
 };
 
 // An instance of a class known only by name: its properties in stored order.
@@ -47,6 +52,7 @@ class GenericObject final : public Object {
   size_t hash() const override;
   std::string description() const override;
   Value valueForKey(std::string_view key) const override;
+  void forEachValue(const std::function<void(const Value&)>& visit) const override;
 
  private:
   std::string className_;

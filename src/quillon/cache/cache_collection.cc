@@ -32,14 +32,20 @@ void QuillonCacheCollection::loadIfNeeded() {
       read = !env()->readFile(path, &plain);
     }
     if (read) {
+      Value decoded;
+      bool accepted = false;
       try {
-        Value loaded = loadTransformer(DenseCoder::objectWithData(plain));
+        decoded = DenseCoder::objectWithData(plain);
+        Value loaded = loadTransformer(decoded);
         // A file of another kind (damage, or a hostile file put in place)
         // counts as undecodable rather than being trusted.
-        if (acceptsLoadedValue(loaded)) content_ = std::move(loaded);
+        accepted = acceptsLoadedValue(loaded);
+        if (accepted) content_ = std::move(loaded);
       } catch (const Exception&) {
         initContent();
       }
+      // What was refused may hold a container that contains itself.
+      if (!accepted) DenseCoder::breakCycles(decoded);
     }
   }
   if (content_.isNil()) initContent();
@@ -228,9 +234,15 @@ void QuillonCacheSet::initContent() { setContent(Value::mutableSet()); }
 
 Value QuillonCacheSet::loadTransformer(const Value& value) {
   if (!value.isArray() && !value.isSet()) return Value();
+  // The members are uids. Anything but text is damage, and comparing it
+  // with another member might never end (two arrays that contain themselves).
   Value set = Value::mutableSet();
   set.reserve(value.size());
-  for (const Value& member : value.elements()) set.append(member);
+  for (const Value& member : value.elements()) {
+    if (member.isString()) set.append(member);
+  }
+  // The file's containers are not kept; free them even when they hold cycles.
+  DenseCoder::breakCycles(value);
   return set;
 }
 

@@ -1,5 +1,6 @@
 #include "quillon/cache/cache_item.h"
 
+#include <algorithm>
 #include <optional>
 
 #include "quillon/base/env.h"
@@ -106,12 +107,31 @@ Value parseData(const Value& data, const ManagedObjectIDPtr& objectID, QuillonCa
   return parsed;
 }
 
+// What a record's to-one entry may hold: a reference ("Entity/UID") or an
+// array of them. Anything else is dropped; a dictionary above all, which the
+// cache's writer would take for an alias or a class.
+Value storedReferences(const Value& value) {
+  if (value.isString()) return value;
+  if (!value.isArray()) return Value();
+  std::span<const Value> elements = value.elements();
+  if (std::all_of(elements.begin(), elements.end(), [](const Value& v) { return v.isString(); })) {
+    return value;
+  }
+  std::vector<Value> references;
+  for (const Value& element : elements) {
+    if (element.isString()) references.push_back(element);
+  }
+  return Value::array(std::move(references));
+}
+
 // Appends, removes and reorders the references of a to-many relation as one
-// record entry says; the result is a new array.
+// record entry says; the result is a new array. Only text is a reference.
 Value applyToManyEntry(const Value& stored, const Value& entry) {
   Value list = stored.isArray() ? stored.mutableCopy() : Value::mutableArray();
   const Value& added = entry.get("addedValues");
-  for (const Value& reference : added.elements()) list.append(reference);
+  for (const Value& reference : added.elements()) {
+    if (reference.isString()) list.append(reference);
+  }
   const Value& removed = entry.get("removedValues");
   for (const Value& reference : removed.elements()) list.remove(reference);
   if (const Value* ordered = entry.find("orderedValues")) {
@@ -148,6 +168,16 @@ void QuillonCacheItem::registerCoding() {
 }
 
 QuillonCacheItem::QuillonCacheItem() = default;
+
+void QuillonCacheItem::forEachValue(const std::function<void(const Value&)>& visit) const {
+  std::vector<Value> fields;
+  {
+    std::lock_guard lock(mutex_);
+    fields = {attributes_, relations_,      data_,         parsedToOneRelations_,
+              parsedToManyRelations_, parsedData_, dictionary_, extraData_, state_};
+  }
+  for (const Value& field : fields) visit(field);
+}
 
 void QuillonCacheItem::updateValues(const Value& values, const EntityDescription& entity,
                                     const Url& /*url*/, const Value& version) {
@@ -190,7 +220,7 @@ void QuillonCacheItem::updateValues(const Value& values, const EntityDescription
     if (relationship && relationship->isToMany()) {
       relations.set(key, applyToManyEntry(relations.get(key), entry));
     } else {
-      relations.set(key, entry.get("value"));
+      relations.set(key, storedReferences(entry.get("value")));
     }
     touchedRelations = true;
   }

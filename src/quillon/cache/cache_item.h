@@ -73,6 +73,7 @@ class QuillonCacheItem final : public Object, public DCNSCoding {
   // Object and DCNSCoding.
   std::string className() const override { return std::string(kClassName); }
   void encodeWithCoder(DCNSCoder& coder) const override;
+  void forEachValue(const std::function<void(const Value&)>& visit) const override;
 
  private:
   // A consistent view of the stored fields with their parsed forms.

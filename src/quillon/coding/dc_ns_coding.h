@@ -28,7 +28,10 @@ class DCNSCoding {
   virtual void encodeWithCoder(DCNSCoder& coder) const = 0;
 
   // Registers the factory for a class name, replacing an earlier one.
-  // Thread-safe; usually done once at start-up.
+  // Thread-safe; usually done once at start-up. An object that keeps decoded
+  // values must list them in Object::forEachValue: after a read whose graph
+  // may hold cycles, the reader empties the containers that the root does
+  // not reach through containers and those lists.
   static void registerClass(std::string className, Factory factory);
   // The factory registered for a name, or nullptr. The pointer stays valid
   // for the life of the process.

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <cstring>
+#include <unordered_set>
 
 #include "quillon/base/error.h"
 #include "quillon/coding/dc_geometry_value.h"
@@ -200,16 +201,63 @@ void DCNSDecoder::setEntry(Value& dictionary, Value key, Value value) {
   dictionary.set(std::move(key), std::move(value));
 }
 
-// Cycles can only run through object-table entries; emptying every
-// container there frees a graph that a failure left half built.
-void DCNSDecoder::breakCycles() {
-  for (Value& v : objectCache_) {
-    if (v.isContainer()) {
-      Value handle = v;
-      handle.clear();
+// An object-table entry named by an alias. A cycle needs an alias to a
+// container whose contents are still being read: everything else was
+// complete before the alias could name it.
+Value DCNSDecoder::aliased(size_t index) {
+  if (index >= objectCache_.size()) badIndex(index, objectCache_.size());
+  const Value& entry = objectCache_[index];
+  if (!mayHoldCycles_ && entry.isContainer()) {
+    const void* id = entry.identity();
+    for (const void* open : openContainers_) {
+      if (open == id) {
+        mayHoldCycles_ = true;
+        break;
+      }
     }
   }
-  objectCache_.clear();
+  return entry;
+}
+
+// An instance's properties give way to the object its class made from them.
+// They may contain themselves, so they stay listed for the cycle breaking.
+void DCNSDecoder::replaceEntry(size_t slot, Value made) {
+  if (mayHoldCycles_) replacedEntries_.push_back(std::move(objectCache_[slot]));
+  objectCache_[slot] = std::move(made);
+}
+
+// Cycles can only run through object-table entries (and the entries that
+// objects replaced); emptying every container there frees a graph that a
+// failure left half built.
+void DCNSDecoder::breakCycles() {
+  for (auto* table : {&objectCache_, &replacedEntries_}) {
+    for (Value& v : *table) {
+      if (v.isContainer()) {
+        Value handle = v;
+        handle.clear();
+      }
+    }
+    table->clear();
+  }
+}
+
+// After a successful read, a cycle the root does not reach (an entry dropped
+// for its nil key, a coded object's keys its class does not read, an earlier
+// value for a repeated key) would never be freed: nobody holds it to break
+// it. Empties every object-table container the root does not reach; those
+// it reaches are the caller's, cycles included.
+void DCNSDecoder::releaseUnreachable(const Value& root) {
+  if (!mayHoldCycles_) return;
+  std::unordered_set<const void*> reached;
+  for (const Value& c : DenseCoder::reachableContainers(root)) reached.insert(c.identity());
+  for (auto* table : {&objectCache_, &replacedEntries_}) {
+    for (Value& v : *table) {
+      if (v.isContainer() && !reached.contains(v.identity())) {
+        Value handle = v;
+        handle.clear();
+      }
+    }
+  }
 }
 
 // ---- Entry -----------------------------------------------------------------
@@ -223,13 +271,19 @@ Value DCNSDecoder::decodeRootObject() {
     uint32_t objectCount = readUnaligned<uint32_t>();
     size_t remaining = total_ - offset_;
     objectCache_.reserve(std::min<size_t>(objectCount, remaining));
-    if (header_.majorVersion == 2) return readLegacyValue();
-    uint32_t classCount = readUnaligned<uint32_t>();
-    uint32_t stringCount = readUnaligned<uint32_t>();
-    remaining = total_ - offset_;
-    classCache_.reserve(std::min<size_t>(classCount, remaining / 5));
-    stringCache_.reserve(std::min<size_t>(stringCount, remaining / 2));
-    return readValue();
+    Value root;
+    if (header_.majorVersion == 2) {
+      root = readLegacyValue();
+    } else {
+      uint32_t classCount = readUnaligned<uint32_t>();
+      uint32_t stringCount = readUnaligned<uint32_t>();
+      remaining = total_ - offset_;
+      classCache_.reserve(std::min<size_t>(classCount, remaining / 5));
+      stringCache_.reserve(std::min<size_t>(stringCount, remaining / 2));
+      root = readValue();
+    }
+    releaseUnreachable(root);
+    return root;
   } catch (...) {
     breakCycles();
     throw;
@@ -269,8 +323,7 @@ Value DCNSDecoder::readValue() {
       size_t index = code == kAlias8    ? read8()
                      : code == kAlias16 ? readAligned<uint16_t>()
                                         : readAligned<uint32_t>();
-      if (index >= objectCache_.size()) badIndex(index, objectCache_.size());
-      return objectCache_[index];
+      return aliased(index);
     }
     case kStringAlias8:
     case kStringAlias16:
@@ -519,7 +572,7 @@ Value DCNSDecoder::readObjectInstance(uint32_t classIndex) {
   ClassRecord& current = classCache_[classIndex];
   if (current.factory) {
     Value made = makeObject(current, instance);
-    objectCache_[slot] = made;
+    replaceEntry(slot, made);
     return made;
   }
   return instance;

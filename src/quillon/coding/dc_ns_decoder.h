@@ -145,7 +145,10 @@ class DCNSDecoder {
   void checkComparable(const Value& member, size_t containerSize);
   void addMember(Value& container, Value member);
   void setEntry(Value& dictionary, Value key, Value value);
+  Value aliased(size_t index);
+  void replaceEntry(size_t slot, Value made);
   void breakCycles();
+  void releaseUnreachable(const Value& root);
 
   Header header_;
   size_t offset_ = 0;
@@ -153,6 +156,8 @@ class DCNSDecoder {
   size_t total_;
   Readers readers_;
   std::vector<Value> objectCache_;
+  // Instances whose slot their made object took, kept while cycles are possible.
+  std::vector<Value> replacedEntries_;
   std::vector<ClassRecord> classCache_;
   std::vector<Value> stringCache_;
   std::vector<Value> propertyDictionaryPool_;
@@ -164,6 +169,8 @@ class DCNSDecoder {
   std::pair<std::string_view, const DCNSCoding::Factory*> lastFactory_{};
   // Mutable containers whose contents are still being read.
   std::vector<const void*> openContainers_;
+  // Whether an alias named an open container, so the graph may hold cycles.
+  bool mayHoldCycles_ = false;
   uint64_t compareWork_ = 0;
   int depth_ = 0;
   bool makesRegisteredObjects_ = true;

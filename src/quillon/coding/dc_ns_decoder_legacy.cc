@@ -106,9 +106,7 @@ Value DCNSDecoder::readLegacyValue() {
     case kNull: return Value::null();
     case kNil: return Value();
     case kAlias: {
-      uint32_t index = readUnaligned<uint32_t>();
-      if (index >= objectCache_.size()) badIndex(index, objectCache_.size());
-      return objectCache_[index];
+      return aliased(readUnaligned<uint32_t>());
     }
     case kString: return entered(makeString(readLegacyCString(), false));
     case kMutableString: return entered(makeString(readLegacyCString(), true));
@@ -163,7 +161,7 @@ Value DCNSDecoder::readLegacyValue() {
       openContainers_.pop_back();
       if (classCache_[classIndex].factory) {
         Value made = makeObject(classCache_[classIndex], instance);
-        objectCache_[slot] = made;
+        replaceEntry(slot, made);
         return made;
       }
       return instance;

@@ -69,35 +69,37 @@ Value DenseCoder::propertyListWithData(std::span<const uint8_t> data) {
 
 std::string DenseCoder::lastLoggedReason() { return lastReason; }
 
-void DenseCoder::breakCycles(const Value& root) {
-  // Collect first, then clear: clearing while walking would drop nodes that
-  // the walk still refers to.
+std::vector<Value> DenseCoder::reachableContainers(const Value& root) {
   std::vector<Value> containers;
   std::unordered_set<const void*> seen;
   std::vector<Value> pending{root};
   while (!pending.empty()) {
     Value v = std::move(pending.back());
     pending.pop_back();
-    const Value* inner = &v;
-    Value properties;
     if (v.isObject()) {
-      auto* generic = v.objectAs<GenericObject>();
-      if (!generic) continue;
-      properties = generic->properties();
-      inner = &properties;
+      const Object* object = v.objectValue().get();
+      if (!seen.insert(object).second) continue;
+      object->forEachValue([&](const Value& held) { pending.push_back(held); });
+      continue;
     }
-    if (!inner->isContainer() || !seen.insert(inner->identity()).second) continue;
-    containers.push_back(*inner);
-    if (inner->isDictionary()) {
-      for (const auto& [k, val] : inner->items()) {
+    if (!v.isContainer() || !seen.insert(v.identity()).second) continue;
+    if (v.isDictionary()) {
+      for (const auto& [k, val] : v.items()) {
         pending.push_back(k);
         pending.push_back(val);
       }
     } else {
-      for (const auto& e : inner->elements()) pending.push_back(e);
+      for (const auto& e : v.elements()) pending.push_back(e);
     }
+    containers.push_back(std::move(v));
   }
-  for (Value& c : containers) c.clear();
+  return containers;
+}
+
+void DenseCoder::breakCycles(const Value& root) {
+  // Collect first, then clear: clearing while walking would drop nodes that
+  // the walk still refers to.
+  for (Value& c : reachableContainers(root)) c.clear();
 }
 
 }  // namespace quillon

@@ -49,9 +49,14 @@ class DenseCoder {
   // The last reason that a read on the calling thread logged ("" if none).
   static std::string lastLoggedReason();
 
-  // Empties every container reachable from root, so that a graph holding
-  // cycles (a mutable array that contains itself) can be freed.
+  // Empties every container reachable from root, through the values of the
+  // objects in it too, so that a graph holding cycles (a mutable array that
+  // contains itself, a cache item whose dictionary holds the item) can be
+  // freed.
   static void breakCycles(const Value& root);
+  // Every container reachable from root (objects' values included), once
+  // each, root first when it is one.
+  static std::vector<Value> reachableContainers(const Value& root);
 };
 
 }  // namespace quillon
