@@ -36,14 +36,17 @@ class IndexOperationTest : public ::testing::Test {
     cacheHome_.reset();
   }
 
+  // The operations tell their counts on the main queue before they finish:
+  // once the queue is empty, draining the main queue delivers every count.
   bool waitUntilIndexed() {
-    return MainQueue::runUntil(
+    const bool finished = MainQueue::runUntil(
         [&] {
           OperationQueue* queue = cache_->indexQueue();
-          return queue && queue->operationCount() == 0 &&
-                 cache_->itemsToIndex() == cache_->maxItemsToIndex();
+          return queue && queue->operationCount() == 0;
         },
         10);
+    MainQueue::drain();
+    return finished && cache_->itemsToIndex() == cache_->maxItemsToIndex();
   }
 
   TempDir dir_{"quillon-index"};
