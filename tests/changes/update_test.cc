@@ -230,6 +230,20 @@ TEST_F(UpdateTest, AChangeThatArrivesInTheMiddleCutsTheLogAndReappliesTheRest) {
   EXPECT_EQ(fetchNotes(*b).size(), 2u);
 }
 
+TEST_F(UpdateTest, ReadinessIsNamedByItsStore) {
+  // Two documents open in one process: each hears only its own update end.
+  a = open("A");
+  auto other = std::make_unique<StoreStack>(dir.file("Other.quillon"), Value(), "A");
+  ASSERT_TRUE(other->waitUntilReady());
+  MainQueue::drain();
+  const int before = other->readyCount;
+  update(*a);
+  MainQueue::drain();
+  EXPECT_EQ(other->readyCount, before);
+  update(*other);
+  EXPECT_EQ(other->readyCount, before + 1);
+}
+
 TEST_F(UpdateTest, UpToChangeStopsAtTheNamedChange) {
   a = open("A");
   for (const char* title : {"one", "two", "three", "four"}) {

@@ -13,7 +13,9 @@ StoreStack::StoreStack(const std::string& packagePath, Value options, std::strin
   MainQueue::setMainThreadToCurrent();
   Quillon::registerStore();
   readyObserver_ = ScopedObserver(NotificationCenter::defaultCenter(), kQuillonReady, nullptr,
-                                  [this](const Notification&) { ++readyCount; });
+                                  [this](const Notification& n) {
+                                    if (n.object == store.get()) ++readyCount;
+                                  });
   coordinator = std::make_shared<QuillonPersistentStoreCoordinator>(notesModel());
   Value storeOptions = Value::mutableDictionary();
   if (options.isDictionary()) {

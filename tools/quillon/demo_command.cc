@@ -78,8 +78,8 @@ class Computer {
     store_->setMachineName(name_);
     context_ = QuillonManagedObjectContext::create(ConcurrencyType::MainQueue);
     context_->setPersistentStoreCoordinator(coordinator_);
-    readyObserver_ = ScopedObserver(NotificationCenter::defaultCenter(), kQuillonReady, nullptr,
-                                    [this](const Notification&) { ++ready_; });
+    readyObserver_ = ScopedObserver(NotificationCenter::defaultCenter(), kQuillonReady,
+                                    store_.get(), [this](const Notification&) { ++ready_; });
     changedObserver_ =
         ScopedObserver(NotificationCenter::defaultCenter(), kQuillonObjectsDidChangeExternally,
                        context_.get(), [this](const Notification& note) { received(note); });

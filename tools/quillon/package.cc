@@ -68,7 +68,9 @@ OpenPackage::OpenPackage(const Options& options) {
   }
 
   readyObserver_ = ScopedObserver(NotificationCenter::defaultCenter(), kQuillonReady, nullptr,
-                                  [this](const Notification&) { ++ready_; });
+                                  [this](const Notification& n) {
+                                    if (n.object == store_.get()) ++ready_;
+                                  });
   coordinator_ = std::make_shared<QuillonPersistentStoreCoordinator>(model_);
   Value storeOptions = Value::mutableDictionary();
   if (options.password) storeOptions.set(kQuillonPasswordOption, *options.password);

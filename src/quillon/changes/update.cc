@@ -156,7 +156,12 @@ void QuillonStore::updateChanges() {
     }
     if (success) self->cache().cacheMissingItems();
     self->updating_ = false;
-    MainQueue::async([] { NotificationCenter::defaultCenter().post(kQuillonReady); });
+    // Named by its store, so that with several documents open each hears its own.
+    MainQueue::async([weak] {
+      if (auto store = lockStore(weak)) {
+        NotificationCenter::defaultCenter().post(kQuillonReady, store.get());
+      }
+    });
   });
 }
 

@@ -16,6 +16,7 @@ inline constexpr std::string_view kQuillonObjectsWillChangeExternally =
     "QuillonObjectsWillChangeExternally";
 inline constexpr std::string_view kQuillonObjectsDidChangeExternally =
     "QuillonObjectsDidChangeExternally";
+// Posted on the main queue by a store (the sender) when an update pass ended.
 inline constexpr std::string_view kQuillonReady = "QuillonReady";
 inline constexpr std::string_view kQuillonBeginSave = "QuillonBeginSave";
 // Posted on the main queue, with the store as sender, when a save could not
