@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 
@@ -16,6 +17,8 @@ inline constexpr std::string_view kUnderlyingErrorKey = "NSUnderlyingError";
 inline constexpr std::string_view kFilePathErrorKey = "NSFilePath";
 inline constexpr std::string_view kPosixErrorDomain = "NSPOSIXErrorDomain";
 inline constexpr std::string_view kCocoaErrorDomain = "NSCocoaErrorDomain";
+// A file could not be written for a reason no other code names.
+inline constexpr int64_t kCocoaFileWriteUnknownError = 512;
 
 // A recoverable failure reported to a caller: a domain, a code and a user-info
 // dictionary. A value type; a default-constructed Error means "no error".

@@ -111,7 +111,7 @@ void writeRecord(ManagedObject& object, QuillonStore* source, QuillonStore* targ
   if (folder.isEmpty()) {
     target->logErrorString("No entity key for " + entity->name(),
                            "QuillonManagedObjectSaveOperation");
-    batch->fail(Error::withDescription(std::string(kCocoaErrorDomain), 512,
+    batch->fail(Error::withDescription(std::string(kCocoaErrorDomain), kCocoaFileWriteUnknownError,
                                        "No entity key for " + entity->name()));
     return;
   }

@@ -169,9 +169,10 @@ Error QuillonStore::waitForSaves() {
 }
 
 void QuillonStore::saveDidFail(const Error& error, const Value& change) {
-  const Error failure = error ? error
-                              : Error::withDescription(std::string(kCocoaErrorDomain), 512,
-                                                       "the change could not be sealed");
+  const Error failure =
+      error ? error
+            : Error::withDescription(std::string(kCocoaErrorDomain), kCocoaFileWriteUnknownError,
+                                     "the change could not be sealed");
   const Value& name = change.get("name");
   const std::string changeName = name.isString() ? std::string(name.str()) : std::string();
   const Value& path = failure.userInfo().get(kFilePathErrorKey);
