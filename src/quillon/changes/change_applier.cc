@@ -24,17 +24,7 @@
 namespace quillon {
 namespace {
 
-Value ignoreItem(const Url& changeURL) {
-  return QuillonStoreLog::menuItem("Ignore", "discardChangeFromMenu:", changeURL);
-}
-
-Value showItem(const Url& url) {
-  return QuillonStoreLog::menuItem("Show in Finder", "showInFinder:", url);
-}
-
-Value menuItem(std::string_view title, std::string_view action, const Url& url) {
-  return QuillonStoreLog::menuItem(title, action, url);
-}
+using Log = QuillonStoreLog;
 
 }  // namespace
 
@@ -91,7 +81,7 @@ void QuillonChangeApplier::apply(std::function<void(bool success)> completion) {
     if (!reportedConflictCopies_.insert(copy).second) continue;
     log(fmt::format("Ignored a conflict copy of a change file: {}",
                     changesURL.appending(copy).absoluteString()),
-        kQuillonLogTypeWarning, Value::array({showItem(changesURL.appending(copy))}));
+        kQuillonLogTypeWarning, Value::array({Log::showInFinderItem(changesURL.appending(copy))}));
   }
   changesFileCount_.store(pass->names.size());
 
@@ -134,7 +124,7 @@ void QuillonChangeApplier::applyChangeFiles(const std::shared_ptr<Pass>& pass) {
     const Url fileURL = changes.appending(name);
     const std::string path = fileURL.path();
     const std::string shown = fileURL.absoluteString();
-    const Value ignoreMenu = Value::array({ignoreItem(fileURL)});
+    const Value ignoreMenu = Value::array({Log::ignoreItem(fileURL)});
 
     if (!QuillonIsOnDisk(path, env)) {
       log(fmt::format("Change file is not on disk: {}", shown), kQuillonLogTypeError);
@@ -153,7 +143,7 @@ void QuillonChangeApplier::applyChangeFiles(const std::shared_ptr<Pass>& pass) {
         log(fmt::format("Could not decrypt change file: {}", shown), kQuillonLogTypeWarning,
             ignoreMenu);
       }
-      Value menu = Value::array({ignoreItem(fileURL), showItem(fileURL)});
+      Value menu = Value::array({Log::ignoreItem(fileURL), Log::showInFinderItem(fileURL)});
       log(fmt::format("Incomplete change file: {}", shown), kQuillonLogTypeWarning, menu);
       if (reading.outcome == ChangeFileReading::kInvalid) {
         log(fmt::format("Refused change file: {}: {}", shown, reading.problem),
@@ -178,8 +168,8 @@ void QuillonChangeApplier::applyChangeFiles(const std::shared_ptr<Pass>& pass) {
         // The reader has checked that the name is one path component.
         const Url previousURL = changes.appending(previous.str());
         if (!env->exists(previousURL.path())) {
-          Value menu = Value::array(
-              {menuItem("Ignore", "insertChangeFromMenu:", previousURL), showItem(previousURL)});
+          Value menu = Value::array({Log::menuItem("Ignore", "insertChangeFromMenu:", previousURL),
+                                     Log::showInFinderItem(previousURL)});
           log(fmt::format("Missing change file: {}", previous.str()), kQuillonLogTypeWarning, menu);
           pass->hadError = true;
           if (!recovering) break;

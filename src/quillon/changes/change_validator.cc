@@ -54,10 +54,6 @@ std::string quoted(const Value& name) {
   return clip(std::move(text));
 }
 
-Value menuItem(std::string_view title, std::string_view action, const Url& url) {
-  return QuillonStoreLog::menuItem(title, action, url);
-}
-
 bool isLength(const Value& v) { return v.isNumber() && !v.isBool(); }
 
 // Keeps the cache item an inserted object's record makes, as loading the
@@ -132,7 +128,7 @@ Value QuillonChangeValidator::validate(const Value& change, bool lightWeight, Va
   const std::string changeText = shortURL(changeURL);
   log(fmt::format("Begin validation {}", changeText), success);
 
-  const Value ignoreMenu = Value::array({menuItem("Ignore", "discardChangeFromMenu:", changeURL)});
+  const Value ignoreMenu = Value::array({QuillonStoreLog::ignoreItem(changeURL)});
   bool failed = false;
   // Records a failed check; answers whether validation ends here.
   auto fail = [&](const std::string& message, std::string_view type, const Value& menu) {
@@ -202,8 +198,8 @@ Value QuillonChangeValidator::validate(const Value& change, bool lightWeight, Va
         // are here, and what it holds.
         PackageFileReading read = files_->readJSON(recordPath, kRecordFileLimits);
         if (read.status == PackageFileReading::kMissing && !env->exists(recordPath)) {
-          Value menu = Value::array({menuItem("Ignore", "discardChangeFromMenu:", changeURL),
-                                     menuItem("Show in Finder", "showInFinder:", record())});
+          Value menu = Value::array({QuillonStoreLog::ignoreItem(changeURL),
+                                     QuillonStoreLog::showInFinderItem(record())});
           if (fail(fmt::format("Missing file: {}", recordText()), warning, menu)) return Value();
         } else if (!read.onDisk) {
           if (fail(fmt::format("File not on disk: {}", recordText()), error, ignoreMenu)) {

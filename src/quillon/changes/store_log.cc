@@ -190,4 +190,12 @@ Value QuillonStoreLog::menuItem(std::string_view title, std::string_view action,
       {{"title", Value(title)}, {"action", Value(action)}, {"URL", Value(url.absoluteString())}});
 }
 
+Value QuillonStoreLog::ignoreItem(const Url& changeURL) {
+  return menuItem("Ignore", "discardChangeFromMenu:", changeURL);
+}
+
+Value QuillonStoreLog::showInFinderItem(const Url& url) {
+  return menuItem("Show in Finder", "showInFinder:", url);
+}
+
 }  // namespace quillon

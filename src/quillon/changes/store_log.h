@@ -39,6 +39,10 @@ class QuillonStoreLog {
   // are the store's ("discardChangeFromMenu:", "insertChangeFromMenu:",
   // "showInFinder:").
   static Value menuItem(std::string_view title, std::string_view action, const Url& url);
+  // The two remedies most entries offer: "Ignore" (discards the change) and
+  // "Show in Finder".
+  static Value ignoreItem(const Url& changeURL);
+  static Value showInFinderItem(const Url& url);
 
   // The newest error records of a package's "Errors" folder (property
   // lists, plain or sealed), newest first, at most twenty; the recent ones

@@ -44,8 +44,8 @@ struct PackageFileReading {
   // False for an online-only placeholder whose bytes are not stored here
   // (what was read of it is not the file's content).
   bool onDisk = true;
-  Value value;        // the parsed JSON when kRead
-  Error error;        // the Env's or the parser's error, when there was one
+  Value value;  // the parsed JSON when kRead
+  Error error;  // the Env's or the parser's error, when there was one
 
   bool ok() const { return status == kRead; }
   // "missing", "empty", "N bytes is more than … may have", …

@@ -77,8 +77,8 @@ inline constexpr std::string_view kQuillonDidChangeValueNotification = "QuillonD
 class Quillon {
  public:
   // Answers a text (log line of the store with the package URL) and a domain.
-  using LogErrorStringHandler = std::function<void(const std::string& text,
-                                                   const std::string& domain)>;
+  using LogErrorStringHandler =
+      std::function<void(const std::string& text, const std::string& domain)>;
   // A modal alert that a desktop host would show: message and informative text.
   using AlertHandler =
       std::function<void(const std::string& message, const std::string& informativeText)>;

@@ -1,9 +1,9 @@
 #include "quillon/store/request_item.h"
 
 #include "quillon/cache/cache_item.h"
+#include "quillon/cache/cache_source.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/graph/managed_object_context.h"
-#include "quillon/store/store.h"
 
 namespace quillon {
 namespace {
@@ -19,27 +19,27 @@ Value objectForValue(ManagedObjectContext* context, const Value& value) {
 }  // namespace
 
 QuillonRequestItem::QuillonRequestItem(ManagedObjectContext* context, ManagedObjectIDPtr objectID,
-                                       QuillonStore* store)
+                                       QuillonCacheSource* source)
     : context_(context),
       entity_(objectID ? objectID->entity() : nullptr),
       objectID_(std::move(objectID)),
-      store_(store) {}
+      source_(source) {}
 
 QuillonRequestItem::QuillonRequestItem(ManagedObjectContext* context,
                                        const EntityDescription* entity, Value uid,
-                                       QuillonStore* store)
-    : context_(context), entity_(entity), uid_(std::move(uid)), store_(store) {}
+                                       QuillonCacheSource* source)
+    : context_(context), entity_(entity), uid_(std::move(uid)), source_(source) {}
 
 const ManagedObjectIDPtr& QuillonRequestItem::objectID() const {
-  if (!objectID_ && entity_ && store_ && !uid_.isNil()) {
-    objectID_ = store_->newObjectIDForEntity(entity_, uid_);
+  if (!objectID_ && entity_ && source_ && !uid_.isNil()) {
+    objectID_ = source_->newObjectIDForEntity(entity_, uid_);
   }
   return objectID_;
 }
 
 Value QuillonRequestItem::dictionary() const {
   if (!cacheItem_) return Value::dictionary();
-  return cacheItem_->allValuesForObjectID(objectID(), store_, context_);
+  return cacheItem_->allValuesForObjectID(objectID(), source_, context_);
 }
 
 bool QuillonRequestItem::isEqual(const Object& other) const {
@@ -62,7 +62,7 @@ Value QuillonRequestItem::valueForKey(std::string_view key) const {
   if (!cacheItem_) return Value();
   // Only a relation needs the identifier; attributes come from the item alone.
   const bool relation = entity_ && entity_->relationship(key);
-  Value value = cacheItem_->valueForKey(key, relation ? objectID() : nullptr, store_, context_);
+  Value value = cacheItem_->valueForKey(key, relation ? objectID() : nullptr, source_, context_);
   if (value.isObject()) return objectForValue(context_, value);
   if (value.isSequence()) {
     bool identifiers = !value.empty() && objectIDFromValue(value[0]) != nullptr;

@@ -13,27 +13,27 @@ namespace quillon {
 class EntityDescription;
 class ManagedObjectContext;
 class QuillonCacheItem;
-class QuillonStore;
+class QuillonCacheSource;
 
 // One candidate object of a fetch: predicates and sort descriptors read its
 // keys from the cached stored values (valueForKey), so a fetch can filter
 // and order thousands of objects without filling their faults. Relations
 // come back as the context's objects.
 //
-// Made and dropped by QuillonStore::executeFetchRequest; used on the
+// Made and dropped by QuillonFetcher::execute; used on the
 // requesting context's thread only.
 class QuillonRequestItem final : public Object {
  public:
   QuillonRequestItem(ManagedObjectContext* context, ManagedObjectIDPtr objectID,
-                     QuillonStore* store);
+                     QuillonCacheSource* source);
   // An item whose identifier is made from entity and uid when first asked
   // for: most candidates of a filtered fetch never need one.
   QuillonRequestItem(ManagedObjectContext* context, const EntityDescription* entity, Value uid,
-                     QuillonStore* store);
+                     QuillonCacheSource* source);
 
   ManagedObjectContext* context() const { return context_; }
   const ManagedObjectIDPtr& objectID() const;
-  QuillonStore* store() const { return store_; }
+  QuillonCacheSource* source() const { return source_; }
   // Set only for fetches that answer objects.
   const ManagedObjectPtr& managedObject() const { return managedObject_; }
   void setManagedObject(ManagedObjectPtr object) { managedObject_ = std::move(object); }
@@ -58,7 +58,7 @@ class QuillonRequestItem final : public Object {
   const EntityDescription* entity_;
   Value uid_;
   mutable ManagedObjectIDPtr objectID_;
-  QuillonStore* store_;
+  QuillonCacheSource* source_;
   ManagedObjectPtr managedObject_;
   std::shared_ptr<QuillonCacheItem> cacheItem_;
 };

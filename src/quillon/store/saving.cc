@@ -1,4 +1,4 @@
-// QuillonStore: saves. A save becomes one change and one record per object;
+// QuillonStore: saves, over QuillonSaveQueue. A save becomes one change and one record per object;
 // records are written in parallel on the save queue and the change file,
 // which other computers watch for, only after all of them.
 
@@ -50,8 +50,7 @@ Value QuillonStore::executeSaveRequest(const SaveChangesRequest& request,
       Value::dictionary({{Value::string("count"), Value::integer(count)},
                          {Value::string("context"), Value::integer(static_cast<int64_t>(
                                                         reinterpret_cast<intptr_t>(context)))}}));
-  saveOperationsCount_.store(count);
-  saveOperationsValue_.store(0);
+  saves_->beginSave(count);
 
   QuillonChange change(this, dateNow());
   auto write = [&](const std::vector<ManagedObjectPtr>& objects, std::string_view type) {
@@ -125,47 +124,11 @@ void QuillonStore::writeAllObjectsInContext(const std::shared_ptr<ManagedObjectC
   });
 }
 
-OperationQueue& QuillonStore::saveOperationQueue() {
-  std::call_once(saveQueueOnce_, [this] {
-    saveOperationQueue_ =
-        std::make_unique<OperationQueue>(std::string(kQuillonFrameworkIdentifier) + ".SaveQueue");
-  });
-  return *saveOperationQueue_;
-}
-
 bool QuillonStore::durableSaves() const {
   const Value& all = options();
   if (!all.isDictionary()) return true;
   const Value* durable = all.find(kQuillonDurableSavesOption);
   return !durable || durable->isNil() || durable->boolValue();
-}
-
-void QuillonStore::enqueueSaveOperation(const std::shared_ptr<Operation>& operation,
-                                        bool afterEverything) {
-  OperationQueue& queue = saveOperationQueue();
-  {
-    std::lock_guard lock(saveOperationsMutex_);
-    if (saveOperations_.size() >= saveOperationsPruneAt_) {
-      std::erase_if(saveOperations_, [](const std::weak_ptr<Operation>& weak) {
-        auto op = weak.lock();
-        return !op || op->isFinished();
-      });
-      saveOperationsPruneAt_ = std::max<size_t>(64, saveOperations_.size() * 2);
-    }
-    if (afterEverything) {
-      for (const auto& weak : saveOperations_) {
-        if (auto op = weak.lock()) operation->addDependency(op);
-      }
-    }
-    saveOperations_.push_back(operation);
-  }
-  queue.addOperation(operation);
-}
-
-Error QuillonStore::waitForSaves() {
-  saveOperationQueue().waitUntilAllOperationsAreFinished();
-  std::lock_guard lock(saveOperationsMutex_);
-  return std::exchange(firstSaveFailure_, Error());
 }
 
 void QuillonStore::saveDidFail(const Error& error, const Value& change) {
@@ -180,10 +143,7 @@ void QuillonStore::saveDidFail(const Error& error, const Value& change) {
                              path.isString() ? fmt::format(" ({})", path.str()) : std::string(),
                              failure.localizedDescription()),
                  "QuillonSaveOperation");
-  {
-    std::lock_guard lock(saveOperationsMutex_);
-    if (!firstSaveFailure_) firstSaveFailure_ = failure;
-  }
+  saves_->recordFailure(failure);
   // The records that were written stay as orphans no change names; the
   // cache forgets what it took from them.
   const Value& sections = change.get(kQuillonChanges);

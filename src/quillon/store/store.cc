@@ -223,10 +223,14 @@ QuillonStore::QuillonStore(PersistentStoreCoordinator* coordinator, std::string 
   upToChange_ = storeOptions.get(kQuillonUpToChange);
   storeOptions.erase(Value::string(kQuillonUpToChange));
   files_ = std::make_shared<PackageFiles>(env_, this->url(), password());
+  records_ = std::make_unique<QuillonRecordReader>(*this, files_);
+  saves_ = std::make_unique<QuillonSaveQueue>();
   observer_ = makeFolderObserver();
   validator_ = std::make_unique<QuillonChangeValidator>(*this, files_);
   cache_ = QuillonCache::cacheForSource(this, files_);
-  applier_ = std::make_unique<QuillonChangeApplier>(*this, cache_, files_, *readQueue_, upToChange_);
+  fetcher_ = std::make_unique<QuillonFetcher>(*this, cache_);
+  applier_ =
+      std::make_unique<QuillonChangeApplier>(*this, cache_, files_, *readQueue_, upToChange_);
   setupEntityKeys();
   writeInfo(storeOptions);
   documentIdentifier_ = documentIdentifier();

@@ -24,9 +24,12 @@
 #include "quillon/changes/store_log.h"
 #include "quillon/graph/incremental_store.h"
 #include "quillon/graph/managed_object_id.h"
-#include "quillon/store/package_files.h"
+#include "quillon/store/fetcher.h"
 #include "quillon/store/object_uid.h"
+#include "quillon/store/package_files.h"
 #include "quillon/store/package_layout.h"
+#include "quillon/store/record_reader.h"
+#include "quillon/store/save_queue.h"
 
 namespace quillon {
 
@@ -45,35 +48,6 @@ class QuillonFolderObserver;
 class SaveChangesRequest;
 class SeaCrypto;
 
-// The values of one object handed to the object graph; the store never sets
-// valueCount.
-class TessIncrementalStoreNode : public IncrementalStoreNode {
- public:
-  using IncrementalStoreNode::IncrementalStoreNode;
-  uint64_t valueCount() const { return valueCount_; }
-  void setValueCount(uint64_t count) { valueCount_ = count; }
-
- private:
-  uint64_t valueCount_ = 0;
-};
-
-// A problem met while loading one object's values from its records.
-class QuillonLoadingIssue {
- public:
-  // "type", "url" (absolute text), "value" (milliseconds, performance only), "date".
-  static QuillonLoadingIssue loadingIssueWithType(std::string_view type, const Url& url,
-                                                  Value value = Value());
-  const Value& dictionary() const { return dictionary_; }
-
- private:
-  Value dictionary_;
-};
-inline constexpr std::string_view kQuillonLoadingIssueRemoteFile = "Remote File";
-inline constexpr std::string_view kQuillonLoadingIssueMissingFile = "Missing File";
-inline constexpr std::string_view kQuillonLoadingIssueEmptyFile = "Empty File";
-inline constexpr std::string_view kQuillonLoadingIssueUndecryptableFile = "Undecryptable File";
-inline constexpr std::string_view kQuillonLoadingIssueLoadingPerformance = "Loading Performance";
-
 // The framework's store: a document package of append-only files (Info.plist,
 // "Entities" with one JSON record per object per save, "Changes" with one
 // change file per save, "Errors", "Cache"), plus a local cache outside the
@@ -88,13 +62,21 @@ inline constexpr std::string_view kQuillonLoadingIssueLoadingPerformance = "Load
 // guarded by its recursive monitor (monitor()); entity keys and entities are
 // fixed after construction and readable from any thread.
 //
-// The members are implemented beside the subsystem they belong to:
+// The store is the framework's API and the wiring of the components that do
+// the work, each in its own header: PackageFiles and PackageLayout (the
+// package's files), QuillonFetcher (answering the graph from the cache),
+// QuillonRecordReader (objects read from their records), QuillonSaveQueue
+// (record and change-file writes), QuillonChangeValidator,
+// QuillonChangeApplier (other computers' changes), QuillonFolderObserver and
+// QuillonStoreLog; and the local cache (QuillonCache), which the store
+// drives. The members are implemented beside the subsystem they belong to:
 // store/store.cc (package, opening, identity), store/fetching.cc,
 // store/saving.cc, changes/change.cc (change files), changes/validation.cc,
 // changes/update.cc, changes/observation.cc and changes/log.cc.
 class QuillonStore : public IncrementalStore,
                      public QuillonCacheSource,
-                     public QuillonApplierHost {
+                     public QuillonApplierHost,
+                     public QuillonRecordHost {
  public:
   // ---- Package and opening (store/store.cc) ----
 
@@ -230,7 +212,7 @@ class QuillonStore : public IncrementalStore,
   void setManagedObjectIDForReference(std::string_view reference,
                                       ManagedObjectIDPtr objectID) override;
 
-  // ---- Fetching and loading (store/fetching.cc) ----
+  // ---- Fetching and loading (store/fetching.cc, over QuillonFetcher and QuillonRecordReader) ----
 
   Value executeFetchRequest(const FetchRequest& request, ManagedObjectContext* context);
   std::shared_ptr<IncrementalStoreNode> newValuesForObjectWithID(const ManagedObjectIDPtr& objectID,
@@ -239,16 +221,13 @@ class QuillonStore : public IncrementalStore,
   Value newValueForRelationship(const RelationshipDescription& relationship,
                                 const ManagedObjectIDPtr& objectID, ManagedObjectContext* context,
                                 Error* error) override;
-  std::shared_ptr<QuillonCacheItem> loadValuesForObjectID(const ManagedObjectIDPtr& objectID,
-                                                          ManagedObjectContext* context,
-                                                          const Value& upToChange = Value()) override;
-  // The plain bytes of one of the object's data files; a read error is logged.
+  std::shared_ptr<QuillonCacheItem> loadValuesForObjectID(
+      const ManagedObjectIDPtr& objectID, ManagedObjectContext* context,
+      const Value& upToChange = Value()) override;
   std::optional<std::vector<uint8_t>> readDataFile(const EntityDescription& entity,
                                                    const std::string& uid,
                                                    std::string_view fileName) override;
-  // Reads the object's records in change order, stopping after the record
-  // whose URL contains `upToChange` (a change name) when given. Nullptr after
-  // a loading issue.
+  // QuillonRecordReader::load; `upToChange` a change name or nil.
   std::shared_ptr<QuillonCacheItem> loadValuesForEntity(const EntityDescription& entity,
                                                         const std::string& uid,
                                                         ManagedObjectContext* context,
@@ -257,15 +236,8 @@ class QuillonStore : public IncrementalStore,
   Value changesDictionaryForObjectIDs(const std::vector<ManagedObjectIDPtr>& objectIDs);
   void addLoadingIssue(QuillonLoadingIssue issue);
   std::vector<QuillonLoadingIssue> loadingIssues() const;
-  void incrementProgress();
-  // A mutable dictionary that receives "progressMax" and "progressValue" on
-  // the main thread, or nil.
-  void setProgressInfo(Value progressInfo);
-  Value progressInfo() const;
-  int64_t saveOperationsCount() const { return saveOperationsCount_.load(); }
-  int64_t saveOperationsValue() const { return saveOperationsValue_.load(); }
 
-  // ---- Saving (store/saving.cc) ----
+  // ---- Saving (store/saving.cc, over QuillonSaveQueue) ----
 
   Value executeSaveRequest(const SaveChangesRequest& request, ManagedObjectContext* context);
   // Writes every object of `context` (read through `sourceStore`) into this
@@ -278,7 +250,13 @@ class QuillonStore : public IncrementalStore,
                                 QuillonStore* sourceStore, const Value& options,
                                 std::function<void(ManagedObjectContext*)> completion);
   // The queue of record and change-file writes, made on first use.
-  OperationQueue& saveOperationQueue();
+  OperationQueue& saveOperationQueue() { return saves_->operations(); }
+  void incrementProgress() { saves_->objectSaved(); }
+  // QuillonSaveQueue::setProgressInfo.
+  void setProgressInfo(Value progressInfo) { saves_->setProgressInfo(std::move(progressInfo)); }
+  Value progressInfo() const { return saves_->progressInfo(); }
+  int64_t saveOperationsCount() const { return saves_->count(); }
+  int64_t saveOperationsValue() const { return saves_->done(); }
   // Whether saves flush to stable storage (kQuillonDurableSavesOption).
   bool durableSaves() const;
   // Waits until every save started so far has written its files, then
@@ -286,7 +264,7 @@ class QuillonStore : public IncrementalStore,
   // everything is on disk. Saves answer at once; this is how whoever needs
   // them on disk learns that one could not be written (the notification
   // kQuillonSaveDidFail tells those who do not wait). Not on the save queue.
-  [[nodiscard]] Error waitForSaves();
+  [[nodiscard]] Error waitForSaves() { return saves_->wait(); }
   // A save whose change file was not written because `error` (record, data
   // file, flush or the change file itself): logs it, keeps it for
   // waitForSaves, posts kQuillonSaveDidFail, and drops the values the cache
@@ -296,7 +274,9 @@ class QuillonStore : public IncrementalStore,
   // Adds an operation to the save queue. With `afterEverything` it first
   // depends on every operation added before it that has not finished (the
   // change file's write). Any thread.
-  void enqueueSaveOperation(const std::shared_ptr<Operation>& operation, bool afterEverything);
+  void enqueueSaveOperation(const std::shared_ptr<Operation>& operation, bool afterEverything) {
+    saves_->enqueue(operation, afterEverything);
+  }
 
   // ---- Change files (changes/change.cc) ----
 
@@ -363,13 +343,12 @@ class QuillonStore : public IncrementalStore,
   // A log entry: {"date", "message", "menu" (when given), "QuillonLogType"}.
   // A menu is an array of {"title", "action", "URL"}. Any thread; the entry is
   // added on the main queue.
-  void log(const std::string& message, std::string_view type,
-           const Value& menu = Value()) override;
+  void log(const std::string& message, std::string_view type, const Value& menu = Value()) override;
   void log(const std::string& message);
   // The entries, newest first (main thread).
   Value logEntries() const;
   void refreshLog();
-  void logError(const Error& error, const std::string& domain);
+  void logError(const Error& error, const std::string& domain) override;
   void logErrorString(const std::string& text, const std::string& domain);
   void setErrorLevel(std::string_view type) override;
   std::string errorLevel() const;
@@ -396,6 +375,7 @@ class QuillonStore : public IncrementalStore,
   // Package.
   PackageLayout layout_;
   std::shared_ptr<PackageFiles> files_;
+  std::unique_ptr<QuillonRecordReader> records_;
   Value infoDictionary_;
   mutable Value cachedMetadata_;
   std::string documentIdentifier_;
@@ -409,15 +389,12 @@ class QuillonStore : public IncrementalStore,
   std::unordered_map<std::string, ManagedObjectIDPtr> managedObjectIDs_;
   std::mutex managedObjectIDsMutex_;
 
-  // Loading and progress.
-  std::vector<QuillonLoadingIssue> loadingIssues_;
-  Value progressInfo_;
-  std::atomic<int64_t> saveOperationsCount_{0};
-  std::atomic<int64_t> saveOperationsValue_{0};
+  // Fetching and loading.
+  std::unique_ptr<QuillonFetcher> fetcher_;
 
-  // Saving.
-  std::unique_ptr<OperationQueue> saveOperationQueue_;
-  std::once_flag saveQueueOnce_;
+  // Saving: destroyed before the cache and the package files, which its
+  // operations use.
+  std::unique_ptr<QuillonSaveQueue> saves_;
 
   // Update.
   bool updating_ = false;
@@ -438,10 +415,6 @@ class QuillonStore : public IncrementalStore,
   // [fetching.cc]
 
   // [saving.cc]
-  std::mutex saveOperationsMutex_;
-  Error firstSaveFailure_;  // under saveOperationsMutex_
-  std::vector<std::weak_ptr<Operation>> saveOperations_;
-  size_t saveOperationsPruneAt_ = 64;
 
   // [change.cc]
   std::string lastIssuedChangeDate_;  // "yyyy-MM-dd-HH-mm-ss.SSS" of the last name made
