@@ -14,6 +14,7 @@
 #include "quillon/graph/entity_description.h"
 #include "quillon/platform/main_queue.h"
 #include "quillon/platform/standard_paths.h"
+#include "quillon/store/package_files.h"
 #include "quillon/store/quillon.h"
 #include "quillon/store/store.h"
 #include "support/fault_env.h"
@@ -272,13 +273,13 @@ TEST_F(CacheTest, WriteProtectedCacheFolderTellsTheUserOnce) {
   Quillon::setAlertHandler([&](const std::string& message, const std::string& informative) {
     alerts.emplace_back(message, informative);
   });
+  // The cache writes through its own package files' Env.
   FaultInjectingEnv env;
-  Env* previous = QuillonStore::defaultEnv();
-  QuillonStore::setDefaultEnv(&env);
   env.failAfter(FaultInjectingEnv::Op::Write, "LocalDatabaseCache", 0,
                 FaultInjectingEnv::Fault::IoError);
-  cache_->setStoreURL(store_->url());
-  QuillonStore::setDefaultEnv(previous);
+  auto cache = QuillonCache::cacheForSource(
+      store_, std::make_shared<PackageFiles>(&env, store_->url(), Value()));
+  cache->setStoreURL(store_->url());
   Quillon::setAlertHandler(nullptr);
 
   ASSERT_EQ(alerts.size(), 1u);
@@ -287,7 +288,7 @@ TEST_F(CacheTest, WriteProtectedCacheFolderTellsTheUserOnce) {
             "Please delete the contents of the Folder that is beeing opened after closing this "
             "window");
   EXPECT_EQ(env.count(FaultInjectingEnv::Op::Write, "LocalDatabaseCache"), 3u);
-  EXPECT_FALSE(cache_->URL().isEmpty()) << "opening goes on";
+  EXPECT_FALSE(cache->URL().isEmpty()) << "opening goes on";
 }
 
 class EncryptedCacheTest : public CacheTest {

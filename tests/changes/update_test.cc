@@ -236,12 +236,12 @@ TEST_F(UpdateTest, ReadinessIsNamedByItsStore) {
   auto other = std::make_unique<StoreStack>(dir.file("Other.quillon"), Value(), "A");
   ASSERT_TRUE(other->waitUntilReady());
   MainQueue::drain();
-  const int before = other->readyCount;
+  const int before = other->readyCount();
   update(*a);
   MainQueue::drain();
-  EXPECT_EQ(other->readyCount, before);
+  EXPECT_EQ(other->readyCount(), before);
   update(*other);
-  EXPECT_EQ(other->readyCount, before + 1);
+  EXPECT_EQ(other->readyCount(), before + 1);
 }
 
 TEST_F(UpdateTest, UpToChangeStopsAtTheNamedChange) {

@@ -7,16 +7,16 @@
 #include "quillon/base/value.h"
 #include "quillon/store/managed_object_context.h"
 #include "quillon/store/persistent_store_coordinator.h"
+#include "quillon/store/quillon_package.h"
 #include "quillon/store/store.h"
 
 namespace quillon {
 
-// One application's view of a package for tests: a coordinator on the sample
-// notes model (support/sample_models.h), a QuillonStore on `packagePath`
-// (created when nothing is there) and a main-queue QuillonManagedObjectContext.
-// The constructor makes the calling thread the main thread and registers the
-// store type. Two StoreStacks on one package with different machine names
-// (and different cache homes, see below) stand in for two computers.
+// One application's view of a package for tests: a QuillonPackage on the
+// sample notes model (support/sample_models.h) at `packagePath` (created when
+// nothing is there), its parts at hand. The constructor makes the calling
+// thread the main thread and registers the store type. Two StoreStacks on one package with
+// different machine names (and different cache homes, see below) stand in for two computers.
 //
 // Destruction removes the store from its coordinator, which saves the local
 // cache and waits for its writes. Test thread only.
@@ -37,14 +37,15 @@ struct StoreStack {
   // Removes the store now (the destructor then does nothing more).
   void close();
 
+  // How often the store said "QuillonReady".
+  int readyCount() const { return package ? package->readyCount() : 0; }
+
+  // Null when the package could not be opened (openError says why).
+  std::unique_ptr<QuillonPackage> package;
+  Error openError;
   std::shared_ptr<QuillonPersistentStoreCoordinator> coordinator;
   std::shared_ptr<QuillonStore> store;
   std::shared_ptr<QuillonManagedObjectContext> context;
-  int readyCount = 0;
-
- private:
-  ScopedObserver readyObserver_;
-  int seenReady_ = 0;
 };
 
 // Points the local cache folder (StandardPaths::setUserCacheDirectory) at

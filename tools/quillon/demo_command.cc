@@ -5,9 +5,9 @@
 // and update a desktop application gets. At the end both logs' last lines and
 // both checksums are printed; the command succeeds when the checksums agree.
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -29,6 +29,7 @@
 #include "quillon/store/managed_object_context.h"
 #include "quillon/store/persistent_store_coordinator.h"
 #include "quillon/store/quillon.h"
+#include "quillon/store/quillon_package.h"
 #include "quillon/store/store.h"
 #include "tool.h"
 
@@ -65,37 +66,26 @@ class Computer {
   Computer(std::string name, const std::string& cacheFolder, const Url& packageURL,
            const std::shared_ptr<const ManagedObjectModel>& model)
       : name_(std::move(name)) {
-    // Each computer keeps its own local cache: the folder is read when the
-    // store binds its cache, during opening.
-    StandardPaths::setUserCacheDirectory(cacheFolder);
-    coordinator_ = std::make_shared<QuillonPersistentStoreCoordinator>(model);
+    // Each computer keeps its own local cache and names itself in its saves.
+    QuillonPackage::Options options;
+    options.cacheDirectory = cacheFolder;
+    options.machineName = name_;
     Error error;
-    auto store = coordinator_->addPersistentStore(kQuillonStoreType, packageURL,
-                                                  Value::dictionary(), &error);
-    StandardPaths::setUserCacheDirectory({});
-    store_ = std::dynamic_pointer_cast<QuillonStore>(store);
-    if (!store_) throw ToolError(name_ + " cannot open the package: " + error.localizedDescription());
-    store_->setMachineName(name_);
-    context_ = QuillonManagedObjectContext::create(ConcurrencyType::MainQueue);
-    context_->setPersistentStoreCoordinator(coordinator_);
-    readyObserver_ = ScopedObserver(NotificationCenter::defaultCenter(), kQuillonReady,
-                                    store_.get(), [this](const Notification&) { ++ready_; });
+    package_ = QuillonPackage::open(packageURL.path(), model, options, &error);
+    if (!package_) {
+      throw ToolError(name_ + " cannot open the package: " + error.localizedDescription());
+    }
     changedObserver_ =
-        ScopedObserver(NotificationCenter::defaultCenter(), kQuillonObjectsDidChangeExternally,
-                       context_.get(), [this](const Notification& note) { received(note); });
-  }
-
-  ~Computer() {
-    if (store_ && coordinator_) coordinator_->removePersistentStore(store_);
+        package_->observeExternalChanges([this](const Value& userInfo) { received(userInfo); });
   }
 
   const std::string& name() const { return name_; }
-  QuillonStore& store() { return *store_; }
-  QuillonManagedObjectContext& context() { return *context_; }
+  QuillonStore& store() { return package_->store(); }
+  QuillonManagedObjectContext& context() { return package_->context(); }
   int arrivals() const { return arrivals_; }
 
   void waitUntilReady() {
-    if (!MainQueue::runUntil([this] { return ready_ > 0; }, kArrivalTimeoutSeconds)) {
+    if (!package_->waitUntilReady(kArrivalTimeoutSeconds)) {
       throw ToolError(name_ + " did not finish opening the package");
     }
   }
@@ -104,7 +94,7 @@ class Computer {
     FetchRequest request("Note");
     Error error;
     std::vector<ManagedObjectPtr> objects;
-    for (const Value& value : context_->executeFetchRequest(request, &error)) {
+    for (const Value& value : context().executeFetchRequest(request, &error)) {
       if (auto object = std::dynamic_pointer_cast<ManagedObject>(value.objectValue())) {
         objects.push_back(object);
       }
@@ -113,7 +103,7 @@ class Computer {
   }
 
   ManagedObjectPtr insertNote(const std::string& title, const std::string& body) {
-    ManagedObjectPtr note = context_->insertNewObjectForEntityForName("Note");
+    ManagedObjectPtr note = context().insertNewObjectForEntityForName("Note");
     note->setValue("title", Value(title));
     note->setValue("body", Value(body));
     return note;
@@ -122,18 +112,15 @@ class Computer {
   void save(const std::string& what) {
     std::printf("%s saves: %s\n", name_.c_str(), what.c_str());
     std::fflush(stdout);
-    Error error;
-    if (!context_->save(&error)) {
+    if (Error error = package_->save()) {
       throw ToolError(name_ + " could not save: " + error.localizedDescription());
     }
-    store_->saveOperationQueue().waitUntilAllOperationsAreFinished();
-    MainQueue::drain();
   }
 
   // The last `count` entries of the store's log, oldest first.
   std::vector<std::string> lastLogLines(size_t count) {
     MainQueue::drain();
-    Value entries = store_->logEntries();  // newest first
+    Value entries = store().logEntries();  // newest first
     std::vector<std::string> lines;
     for (size_t i = std::min(count, entries.size()); i-- > 0;) {
       const Value& message = entries[i].get("message");
@@ -143,12 +130,12 @@ class Computer {
   }
 
  private:
-  void received(const Notification& note) {
+  void received(const Value& userInfo) {
     std::vector<std::string> lines;
     for (auto [key, verb] : {std::pair{kQuillonInsertedObjectsKey, "inserted"},
                              std::pair{kQuillonUpdatedObjectsKey, "updated"},
                              std::pair{kQuillonDeletedObjectsKey, "deleted"}}) {
-      const Value& objects = note.userInfo.get(key);
+      const Value& objects = userInfo.get(key);
       if (!objects.isContainer()) continue;
       for (const Value& member : objects.elements()) {
         auto object = std::dynamic_pointer_cast<ManagedObject>(member.objectValue());
@@ -167,19 +154,14 @@ class Computer {
   }
 
   std::string name_;
-  std::shared_ptr<QuillonPersistentStoreCoordinator> coordinator_;
-  std::shared_ptr<QuillonStore> store_;
-  std::shared_ptr<QuillonManagedObjectContext> context_;
-  ScopedObserver readyObserver_;
+  std::unique_ptr<QuillonPackage> package_;
   ScopedObserver changedObserver_;
-  int ready_ = 0;
   int arrivals_ = 0;
 };
 
 // Runs the main loop until `receiver` has announced one more arrival.
 void awaitArrival(Computer& receiver, int before) {
-  if (!MainQueue::runUntil([&] { return receiver.arrivals() > before; },
-                           kArrivalTimeoutSeconds)) {
+  if (!MainQueue::runUntil([&] { return receiver.arrivals() > before; }, kArrivalTimeoutSeconds)) {
     throw ToolError(receiver.name() + " received nothing from the other computer");
   }
 }
@@ -207,7 +189,8 @@ int runDemo(const std::string& requestedFolder) {
   }
   Error modelError;
   auto model = ManagedObjectModel::fromJSON(kDemoModelJSON, &modelError);
-  if (!model) throw ToolError("the sample model does not load: " + modelError.localizedDescription());
+  if (!model)
+    throw ToolError("the sample model does not load: " + modelError.localizedDescription());
   const Url packageURL = Url::fileURL(packagePath, true);
   std::printf("Two computers share %s\n", packagePath.c_str());
 
@@ -227,7 +210,8 @@ int runDemo(const std::string& requestedFolder) {
 
     int before = first.arrivals();
     for (const ManagedObjectPtr& note : seen) {
-      if (note->value("title") == Value("Shopping")) note->setValue("body", Value("milk, bread, tea"));
+      if (note->value("title") == Value("Shopping"))
+        note->setValue("body", Value("milk, bread, tea"));
     }
     second.insertNote("Holidays", "book the train");
     second.save("one edited note and one new note");
@@ -242,7 +226,8 @@ int runDemo(const std::string& requestedFolder) {
 
     before = first.arrivals();
     for (const ManagedObjectPtr& note : second.notes()) {
-      if (note->value("title") == Value("Holidays")) note->setValue("title", Value("Summer holidays"));
+      if (note->value("title") == Value("Holidays"))
+        note->setValue("title", Value("Summer holidays"));
     }
     second.save("one renamed note");
     awaitArrival(first, before);

@@ -60,66 +60,43 @@ OpenPackage::OpenPackage(const Options& options) {
   useToolIdentity();
   MainQueue::setMainThreadToCurrent();
   Quillon::setRecoveryRequested(options.recover);
-  Quillon::registerStore();
-  model_ = loadModel(options.modelPath);
+  std::shared_ptr<const ManagedObjectModel> model = loadModel(options.modelPath);
   // Refuse before a store touches anything at the location.
   if (!options.create || QuillonStore::defaultEnv()->exists(options.path)) {
     checkPackageAccess(options.path, options.password);
   }
-
-  readyObserver_ = ScopedObserver(NotificationCenter::defaultCenter(), kQuillonReady, nullptr,
-                                  [this](const Notification& n) {
-                                    if (n.object == store_.get()) ++ready_;
-                                  });
-  coordinator_ = std::make_shared<QuillonPersistentStoreCoordinator>(model_);
-  Value storeOptions = Value::mutableDictionary();
-  if (options.password) storeOptions.set(kQuillonPasswordOption, *options.password);
-  if (options.documentIdentifier) {
-    storeOptions.set(kQuillonDocumentIdentifierOption, *options.documentIdentifier);
-  }
+  QuillonPackage::Options open;
+  open.password = options.password;
+  open.documentIdentifier = options.documentIdentifier;
   Error error;
-  auto store = coordinator_->addPersistentStore(kQuillonStoreType, Url::fileURL(options.path, true),
-                                                storeOptions, &error);
-  store_ = std::dynamic_pointer_cast<QuillonStore>(store);
-  if (!store_) {
-    throw ToolError("cannot open " + options.path + ": " +
-                    (error ? error.localizedDescription() : std::string("no store")));
+  package_ = QuillonPackage::open(options.path, std::move(model), open, &error);
+  if (!package_) {
+    throw ToolError("cannot open " + options.path + ": " + error.localizedDescription());
   }
-  context_ = QuillonManagedObjectContext::create(ConcurrencyType::MainQueue);
-  context_->setPersistentStoreCoordinator(coordinator_);
 }
 
-OpenPackage::~OpenPackage() {
-  if (store_ && coordinator_) coordinator_->removePersistentStore(store_);
-  context_.reset();
-  MainQueue::drain();
-  QuillonStore::waitForRegistrations();
-}
+OpenPackage::~OpenPackage() = default;
 
 void OpenPackage::waitUntilReady() {
-  if (!MainQueue::runUntil([this] { return ready_ > 0; }, kReadyTimeoutSeconds)) {
-    throw ToolError("timed out reading the changes of " + store_->url().path());
+  if (!package_->waitUntilReady(kReadyTimeoutSeconds)) {
+    throw ToolError("timed out reading the changes of " + package_->store().url().path());
   }
 }
 
 void OpenPackage::save() {
-  Error error;
-  bool saved = context_->save(&error);
-  Error written = store_->waitForSaves();
-  MainQueue::drain();
-  if (auto cache = store_->cachePointer()) cache->saveQueue().waitUntilAllOperationsAreFinished();
-  if (!saved) {
+  bool refused = false;
+  Error error = package_->save(&refused);
+  if (!error) return;
+  if (refused) {
     const Value& reason = error.userInfo().get(kLocalizedFailureReasonErrorKey);
-    throw ToolError("cannot save: " + (reason.isString() ? std::string(reason.str())
-                                                         : error.localizedDescription()));
+    throw ToolError("cannot save: " +
+                    (reason.isString() ? std::string(reason.str()) : error.localizedDescription()));
   }
-  if (written) {
-    // Nothing of this save reached other computers: its change file was not written.
-    const Value& path = written.userInfo().get(kFilePathErrorKey);
-    throw ToolError("could not write " +
-                    (path.isString() ? std::string(path.str()) : std::string("the save")) + ": " +
-                    written.localizedDescription() + "; nothing of this save was published");
-  }
+  // Nothing of this save reached other computers: its change file was not written.
+  const Value& path = error.userInfo().get(kFilePathErrorKey);
+  throw ToolError("could not write " +
+                  (path.isString() ? std::string(path.str()) : std::string("the save")) + ": " +
+                  error.localizedDescription() + "; nothing of this save was published");
 }
 
 std::string objectPath(const ManagedObject& object) {

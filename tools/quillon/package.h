@@ -10,6 +10,7 @@
 #include "quillon/graph/property_description.h"
 #include "quillon/store/managed_object_context.h"
 #include "quillon/store/persistent_store_coordinator.h"
+#include "quillon/store/quillon_package.h"
 #include "quillon/store/store.h"
 
 namespace quillon::tool {
@@ -26,8 +27,8 @@ class OpenPackage {
     std::string path;
     std::string modelPath;
     std::optional<std::string> password;
-    bool create = false;      // make a new package when nothing is at path
-    bool recover = false;     // recovery mode
+    bool create = false;   // make a new package when nothing is at path
+    bool recover = false;  // recovery mode
     std::optional<std::string> documentIdentifier;
   };
   explicit OpenPackage(const Options& options);
@@ -42,18 +43,15 @@ class OpenPackage {
   // raises ToolError with the save's error.
   void save();
 
-  const ManagedObjectModel& model() const { return *model_; }
-  QuillonStore& store() const { return *store_; }
-  QuillonManagedObjectContext& context() const { return *context_; }
-  std::shared_ptr<QuillonManagedObjectContext> contextPointer() const { return context_; }
+  const ManagedObjectModel& model() const { return *package_->model(); }
+  QuillonStore& store() const { return package_->store(); }
+  QuillonManagedObjectContext& context() const { return package_->context(); }
+  std::shared_ptr<QuillonManagedObjectContext> contextPointer() const {
+    return package_->contextPointer();
+  }
 
  private:
-  std::shared_ptr<const ManagedObjectModel> model_;
-  std::shared_ptr<QuillonPersistentStoreCoordinator> coordinator_;
-  std::shared_ptr<QuillonStore> store_;
-  std::shared_ptr<QuillonManagedObjectContext> context_;
-  ScopedObserver readyObserver_;
-  int ready_ = 0;
+  std::unique_ptr<QuillonPackage> package_;
 };
 
 // Raises ToolError unless `path` is a package (a folder whose Info.plist

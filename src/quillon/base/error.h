@@ -17,6 +17,8 @@ inline constexpr std::string_view kUnderlyingErrorKey = "NSUnderlyingError";
 inline constexpr std::string_view kFilePathErrorKey = "NSFilePath";
 inline constexpr std::string_view kPosixErrorDomain = "NSPOSIXErrorDomain";
 inline constexpr std::string_view kCocoaErrorDomain = "NSCocoaErrorDomain";
+// A file is not in the form it should be (or cannot be read as such).
+inline constexpr int64_t kCocoaFileReadCorruptFileError = 259;
 // A file could not be written for a reason no other code names.
 inline constexpr int64_t kCocoaFileWriteUnknownError = 512;
 

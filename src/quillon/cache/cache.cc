@@ -22,11 +22,11 @@
 #include "quillon/platform/file_viewer.h"
 #include "quillon/platform/main_queue.h"
 #include "quillon/platform/standard_paths.h"
+#include "quillon/store/object_uid.h"
 #include "quillon/store/package_files.h"
 #include "quillon/store/package_format.h"
-#include "quillon/store/quillon.h"
-#include "quillon/store/object_uid.h"
 #include "quillon/store/package_layout.h"
+#include "quillon/store/quillon.h"
 
 namespace quillon {
 namespace {
@@ -36,10 +36,10 @@ constexpr std::string_view kLocalDatabaseCache = "LocalDatabaseCache";
 constexpr std::string_view kShardCharacters = "0123456789ABCDEF";
 constexpr size_t kChangesChainLength = 50;
 
-// The application's "LocalDatabaseCache" folder; empty without a user cache
-// folder.
-std::string localDatabaseCachePath() {
-  std::string base = StandardPaths::userCacheDirectory();
+// The application's "LocalDatabaseCache" folder under `cacheHome` (the
+// user's cache folder when empty); empty without a cache folder.
+std::string localDatabaseCachePath(const std::string& cacheHome) {
+  std::string base = cacheHome.empty() ? StandardPaths::userCacheDirectory() : cacheHome;
   if (base.empty()) return {};
   return base + "/" + Quillon::applicationIdentifier() + "/" + std::string(kLocalDatabaseCache);
 }
@@ -69,35 +69,37 @@ Value changeKeyInfo() { return Value::dictionary({{"key", "changes"}}); }
 // ---- Class operations ----
 
 std::shared_ptr<QuillonCache> QuillonCache::cacheForSource(QuillonCacheSource* source,
-                                                          std::shared_ptr<PackageFiles> files) {
+                                                           std::shared_ptr<PackageFiles> files) {
   return std::make_shared<QuillonCache>(source, std::move(files));
 }
 
-std::optional<Url> QuillonCache::cacheURLForStoreURL(const Url& storeURL) {
-  std::string folder = localDatabaseCachePath();
+std::optional<Url> QuillonCache::cacheURLForStoreURL(const Url& storeURL,
+                                                     const std::string& cacheHome, Env* env) {
+  std::string folder = localDatabaseCachePath(cacheHome);
   if (folder.empty()) return std::nullopt;
-  Env* env = PackageFiles::defaultEnv();
+  if (!env) env = PackageFiles::defaultEnv();
   env->createDirectories(folder);
   folder += "/" + storeMD5String(trimmedOfSlashes(storeURL.absoluteString()));
   env->createDirectories(folder);
   return Url::fileURL(folder, true);
 }
 
-void QuillonCache::resetCacheForURL(const Url& storeURL) {
-  if (std::optional<Url> url = cacheURLForStoreURL(storeURL)) {
-    PackageFiles::defaultEnv()->removeItem(url->path());
+void QuillonCache::resetCacheForURL(const Url& storeURL, const std::string& cacheHome, Env* env) {
+  if (std::optional<Url> url = cacheURLForStoreURL(storeURL, cacheHome, env)) {
+    (env ? env : PackageFiles::defaultEnv())->removeItem(url->path());
   }
 }
 
-void QuillonCache::resetAllCaches() {
-  std::string folder = localDatabaseCachePath();
-  if (!folder.empty()) PackageFiles::defaultEnv()->removeItem(folder);
+void QuillonCache::resetAllCaches(const std::string& cacheHome, Env* env) {
+  std::string folder = localDatabaseCachePath(cacheHome);
+  if (!folder.empty()) (env ? env : PackageFiles::defaultEnv())->removeItem(folder);
 }
 
-bool QuillonCache::checkWritePermissionsForStoreURL(const Url& storeURL) {
-  std::optional<Url> folder = cacheURLForStoreURL(storeURL);
+bool QuillonCache::checkWritePermissionsForStoreURL(const Url& storeURL,
+                                                    const std::string& cacheHome, Env* env) {
+  std::optional<Url> folder = cacheURLForStoreURL(storeURL, cacheHome, env);
   if (!folder) return false;
-  Env* env = PackageFiles::defaultEnv();
+  if (!env) env = PackageFiles::defaultEnv();
   std::string probe = makeUUIDString();
   std::string path = folder->appending(probe).path();
   bool fine = !env->writeFileAtomically(path, std::string_view(probe));
@@ -141,20 +143,21 @@ void QuillonCache::stopBackgroundWork() {
 
 void QuillonCache::setStoreURL(const Url& storeURL) {
   storeURL_ = storeURL;
-  if (!checkWritePermissionsForStoreURL(storeURL)) {
-    resetCacheForURL(storeURL);
-    if (!checkWritePermissionsForStoreURL(storeURL)) {
-      resetAllCaches();
-      if (!checkWritePermissionsForStoreURL(storeURL)) {
+  Env* env = files_->env();
+  if (!checkWritePermissionsForStoreURL(storeURL, cacheHome_, env)) {
+    resetCacheForURL(storeURL, cacheHome_, env);
+    if (!checkWritePermissionsForStoreURL(storeURL, cacheHome_, env)) {
+      resetAllCaches(cacheHome_, env);
+      if (!checkWritePermissionsForStoreURL(storeURL, cacheHome_, env)) {
         Quillon::showAlert(
             QuillonLocalizedString("The cache folder is write protected"),
             QuillonLocalizedString("Please delete the contents of the Folder that is beeing "
                                    "opened after closing this window"));
-        FileViewer::reveal(localDatabaseCachePath());
+        FileViewer::reveal(localDatabaseCachePath(cacheHome_));
       }
     }
   }
-  url_ = cacheURLForStoreURL(storeURL).value_or(Url());
+  url_ = cacheURLForStoreURL(storeURL, cacheHome_, env).value_or(Url());
 }
 
 std::optional<Url> QuillonCache::URLForKey(std::string_view key) const {
@@ -529,7 +532,8 @@ std::vector<QuillonCache::CachedItem> QuillonCache::cachedItemsForEntity(
   });
   for (const auto& [key, shardPositions] : byShard) {
     if (!isSafePathComponent(key)) continue;
-    const std::vector<size_t>& positions = shardPositions;  // clang before 16 cannot capture a binding
+    const std::vector<size_t>& positions =
+        shardPositions;  // clang before 16 cannot capture a binding
     shardForKey(key)->readContent([&](const Value& content) {
       for (size_t position : positions) {
         CachedItem& entry = answer[position];
@@ -583,7 +587,8 @@ Value QuillonCache::valuesForObjectID(const ManagedObjectIDPtr& objectID,
   std::string uid = storeUID(*objectID);
   std::shared_ptr<QuillonCacheItem> item = itemInShard(shard, uid);
   if (!item || item->attributes().isNil()) {
-    std::shared_ptr<QuillonCacheItem> loaded = source_->loadValuesForObjectID(objectID, context, Value());
+    std::shared_ptr<QuillonCacheItem> loaded =
+        source_->loadValuesForObjectID(objectID, context, Value());
     if (!loaded) return Value();
     std::lock_guard lock(shard->lock());
     std::shared_ptr<QuillonCacheItem> stored = itemInShard(shard, uid);

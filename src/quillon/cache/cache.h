@@ -20,6 +20,7 @@ namespace quillon {
 
 class DispatchQueue;
 class EntityDescription;
+class Env;
 class ManagedObjectContext;
 class OperationQueue;
 class QuillonCacheArray;
@@ -61,11 +62,19 @@ class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
   // the cache and the change files of an object's history).
   static std::shared_ptr<QuillonCache> cacheForSource(QuillonCacheSource* source,
                                                       std::shared_ptr<PackageFiles> files);
-  // Nullopt when the user has no cache folder.
-  static std::optional<Url> cacheURLForStoreURL(const Url& storeURL);
-  static void resetCacheForURL(const Url& storeURL);
-  static void resetAllCaches();
-  static bool checkWritePermissionsForStoreURL(const Url& storeURL);
+  // The local cache folder of a package. `cacheHome` stands in for the
+  // user's cache folder (StandardPaths::userCacheDirectory) when not empty,
+  // and `env` for the default Env when not null. Nullopt when there is no
+  // cache folder.
+  static std::optional<Url> cacheURLForStoreURL(const Url& storeURL,
+                                                const std::string& cacheHome = {},
+                                                Env* env = nullptr);
+  static void resetCacheForURL(const Url& storeURL, const std::string& cacheHome = {},
+                               Env* env = nullptr);
+  static void resetAllCaches(const std::string& cacheHome = {}, Env* env = nullptr);
+  static bool checkWritePermissionsForStoreURL(const Url& storeURL,
+                                               const std::string& cacheHome = {},
+                                               Env* env = nullptr);
 
   QuillonCache(QuillonCacheSource* source, std::shared_ptr<PackageFiles> files);
   ~QuillonCache();
@@ -73,6 +82,9 @@ class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
   QuillonCache& operator=(const QuillonCache&) = delete;
 
   QuillonCacheSource* source() const { return source_; }
+  // The folder that stands in for the user's cache folder for this cache
+  // (a per-document setting); set before setStoreURL.
+  void setCacheHome(std::string cacheHome) { cacheHome_ = std::move(cacheHome); }
   void setStoreURL(const Url& storeURL);
   const Url& storeURL() const { return storeURL_; }
   // The cache folder (empty while unbound).
@@ -193,6 +205,7 @@ class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
   std::shared_ptr<PackageFiles> files_;
   Url storeURL_;
   Url url_;
+  std::string cacheHome_;
   friend class QuillonIndexOperation;
   friend class QuillonIndexLoadOperation;
   void postChangesNotice(const std::function<void()>& change);

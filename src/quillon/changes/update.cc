@@ -211,7 +211,8 @@ void QuillonStore::refreshInsertedObjects(const Value& inserts, const Value& upd
       context->setUndoManager(undoManager);
       userInfo = Value::dictionary({{kQuillonInsertedObjectsKey, inserted.copy()},
                                     {kQuillonDeletedObjectsKey, deleted.copy()},
-                                    {kQuillonUpdatedObjectsKey, updated.copy()}});
+                                    {kQuillonUpdatedObjectsKey, updated.copy()},
+                                    {kQuillonStoreURLKey, url().absoluteString()}});
     };
     if (context->concurrencyType() == ConcurrencyType::PrivateQueue) {
       context->performAndWait(work);

@@ -55,12 +55,38 @@ inline constexpr std::string_view kRemoveUbiquitousMetadataOption =
 // Boolean, default true: a save's records and data files reach stable storage
 // before its change file is written, and the change file after its rename.
 inline constexpr std::string_view kQuillonDurableSavesOption = "QuillonDurableSaves";
+// Per-document settings, for an application with several documents open.
+// Text: the folder that stands in for the user's cache folder for this
+// document's local cache (default StandardPaths::userCacheDirectory()).
+inline constexpr std::string_view kQuillonCacheDirectoryOption = "QuillonCacheDirectory";
+// Text: the computer's name written into this document's sessions and
+// changes (default the host name).
+inline constexpr std::string_view kQuillonMachineNameOption = "QuillonMachineName";
+// A Value::object of a QuillonEnvOption: the Env through which this
+// document's files are read and written (default QuillonStore::defaultEnv()).
+inline constexpr std::string_view kQuillonEnvOption = "QuillonEnv";
+
+class Env;
+// Carries an Env in the store options; the Env must outlive the store.
+class QuillonEnvOption final : public Object {
+ public:
+  explicit QuillonEnvOption(Env* env) : env_(env) {}
+  static Value make(Env* env) { return Value::object(std::make_shared<QuillonEnvOption>(env)); }
+  Env* env() const { return env_; }
+  std::string className() const override { return "QuillonEnvOption"; }
+
+ private:
+  Env* env_;
+};
 
 // The user-info keys of the external-change notifications (sets of objects),
-// the same keys contexts use for their own change notifications.
+// the same keys contexts use for their own change notifications. The
+// notifications' sender is the context; kQuillonStoreURLKey names the store
+// (its URL's absolute text) whose package the change came from.
 inline constexpr std::string_view kQuillonInsertedObjectsKey = "inserted";
 inline constexpr std::string_view kQuillonUpdatedObjectsKey = "updated";
 inline constexpr std::string_view kQuillonDeletedObjectsKey = "deleted";
+inline constexpr std::string_view kQuillonStoreURLKey = "QuillonStoreURL";
 
 // Key-value change notices of framework objects ("log", "errorLevel",
 // "changes"): posted on the main thread through the default notification

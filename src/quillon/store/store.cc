@@ -211,6 +211,10 @@ QuillonStore::QuillonStore(PersistentStoreCoordinator* coordinator, std::string 
     : IncrementalStore(coordinator, std::move(configurationName), std::move(url),
                        std::move(options)),
       env_(defaultEnv()) {
+  const Value& envOption = IncrementalStore::options().get(kQuillonEnvOption);
+  if (const auto* given = envOption.objectAs<QuillonEnvOption>(); given && given->env()) {
+    env_ = given->env();
+  }
   readQueue_ =
       std::make_unique<DispatchQueue>(std::string(kQuillonFrameworkIdentifier) + ".ReadQueue");
   session_ = makeUUIDString();
@@ -218,7 +222,10 @@ QuillonStore::QuillonStore(PersistentStoreCoordinator* coordinator, std::string 
   userName_ = UserInfo::userName();
   osVersion_ = UserInfo::osVersionString();
   recover_.store(Quillon::recoveryRequested());
-  machineName_ = UserInfo::hostName();
+  const Value& machineName = IncrementalStore::options().get(kQuillonMachineNameOption);
+  machineName_ = machineName.isString() && !machineName.str().empty()
+                     ? std::string(machineName.str())
+                     : UserInfo::hostName();
   Value storeOptions = IncrementalStore::options().mutableCopy();
   upToChange_ = storeOptions.get(kQuillonUpToChange);
   storeOptions.erase(Value::string(kQuillonUpToChange));
@@ -228,6 +235,10 @@ QuillonStore::QuillonStore(PersistentStoreCoordinator* coordinator, std::string 
   observer_ = makeFolderObserver();
   validator_ = std::make_unique<QuillonChangeValidator>(*this, files_);
   cache_ = QuillonCache::cacheForSource(this, files_);
+  if (const Value& home = IncrementalStore::options().get(kQuillonCacheDirectoryOption);
+      home.isString()) {
+    cache_->setCacheHome(std::string(home.str()));
+  }
   fetcher_ = std::make_unique<QuillonFetcher>(*this, cache_);
   applier_ =
       std::make_unique<QuillonChangeApplier>(*this, cache_, files_, *readQueue_, upToChange_);
