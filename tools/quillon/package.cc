@@ -7,6 +7,7 @@
 #include "quillon/base/operation_queue.h"
 #include "quillon/base/version.h"
 #include "quillon/cache/cache.h"
+#include "quillon/coding/keychain_item.h"
 #include "quillon/coding/sea_crypto.h"
 #include "quillon/coding/string_utils.h"
 #include "quillon/graph/entity_description.h"
@@ -34,7 +35,7 @@ std::shared_ptr<const ManagedObjectModel> loadModel(const std::string& path) {
 
 void useToolIdentity() {
   Quillon::setApplicationInfo(
-      Value::dictionary({{"CFBundleIdentifier", "org.quillon.cli"},
+      Value::dictionary({{"CFBundleIdentifier", Value(kToolApplicationIdentifier)},
                          {"CFBundleName", "quillon"},
                          {"CFBundleVersion", kQuillonFrameworkVersion},
                          {"CFBundleShortVersionString", kQuillonFrameworkShortVersion}}));
@@ -42,7 +43,17 @@ void useToolIdentity() {
 
 }  // namespace
 
-void checkPackageAccess(const std::string& path, const std::optional<std::string>& password) {
+std::optional<std::string> rememberedPassword(const std::string& path) {
+  Value identifier = QuillonStore::documentIdentifierForURL(Url::fileURL(path, true));
+  if (!identifier.isString() || identifier.str().empty()) return std::nullopt;
+  Error error;
+  auto item = OrdoStoreGenericKeychainItem::genericKeychainItemForService(
+      kToolApplicationIdentifier, identifier.str(), Value(), &error);
+  if (!item) return std::nullopt;
+  return item->password();
+}
+
+void checkPackageAccess(const std::string& path, std::optional<std::string>& password) {
   Env* env = QuillonStore::defaultEnv();
   if (!env->exists(path)) throw ToolError(path + " does not exist");
   if (!env->isDirectory(path) || !QuillonStore::isCorrectFormat(path)) {
@@ -52,7 +63,17 @@ void checkPackageAccess(const std::string& path, const std::optional<std::string
   if (QuillonStore::canOpenURL(url, password ? Value(*password) : Value())) return;
   bool encrypted = !QuillonStore::infoDictionaryForURL(url).get(kSeaCryptoEncryptionKey).isNil();
   if (!encrypted) throw ToolError(path + " is not encrypted: leave out --password");
-  if (!password) throw ToolError(path + " is encrypted: give --password");
+  if (!password) {
+    std::optional<std::string> remembered = rememberedPassword(path);
+    if (!remembered) {
+      throw ToolError(path + " is encrypted: give --password (none is remembered in the keychain)");
+    }
+    if (!QuillonStore::canOpenURL(url, Value(*remembered))) {
+      throw ToolError("the password remembered in the keychain does not open " + path);
+    }
+    password = remembered;
+    return;
+  }
   throw ToolError("wrong password for " + path);
 }
 
@@ -63,8 +84,9 @@ OpenPackage::OpenPackage(const Options& options) {
   Quillon::registerStore();
   model_ = loadModel(options.modelPath);
   // Refuse before a store touches anything at the location.
+  password_ = options.password;
   if (!options.create || QuillonStore::defaultEnv()->exists(options.path)) {
-    checkPackageAccess(options.path, options.password);
+    checkPackageAccess(options.path, password_);
   }
 
   readyObserver_ = ScopedObserver(NotificationCenter::defaultCenter(), kQuillonReady, nullptr,
@@ -73,7 +95,8 @@ OpenPackage::OpenPackage(const Options& options) {
                                   });
   coordinator_ = std::make_shared<QuillonPersistentStoreCoordinator>(model_);
   Value storeOptions = Value::mutableDictionary();
-  if (options.password) storeOptions.set(kQuillonPasswordOption, *options.password);
+  if (password_) storeOptions.set(kQuillonPasswordOption, *password_);
+  if (!options.upToChange.isNil()) storeOptions.set(kQuillonUpToChange, options.upToChange);
   if (options.documentIdentifier) {
     storeOptions.set(kQuillonDocumentIdentifierOption, *options.documentIdentifier);
   }
@@ -100,6 +123,14 @@ void OpenPackage::waitUntilReady() {
   if (!MainQueue::runUntil([this] { return ready_ > 0; }, kReadyTimeoutSeconds)) {
     throw ToolError("timed out reading the changes of " + store_->url().path());
   }
+}
+
+void OpenPackage::waitUntilUpdated(int readyCountBefore) {
+  if (!MainQueue::runUntil([this, readyCountBefore] { return ready_ > readyCountBefore; },
+                           kReadyTimeoutSeconds)) {
+    throw ToolError("timed out applying the changes of " + store_->url().path());
+  }
+  MainQueue::drain();
 }
 
 void OpenPackage::save() {
