@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <map>
+#include <span>
 #include <memory>
 #include <string>
 #include <vector>
@@ -14,6 +15,7 @@
 #include "quillon/base/env.h"
 #include "quillon/base/json.h"
 #include "quillon/graph/fetch_request.h"
+#include "quillon/store/package_layout.h"
 #include "quillon/platform/main_queue.h"
 #include "support/store_stack.h"
 #include "support/temp_dir.h"
@@ -64,6 +66,10 @@ class ChangeHistoryTest : public ::testing::Test {
     }
     return all;
   }
+  static size_t resets(StoreStack& stack) {
+    std::vector<std::string> messages = testing::logMessages(*stack.store);
+    return static_cast<size_t>(std::count(messages.begin(), messages.end(), "Reset Log"));
+  }
   std::string read(const std::string& relative) { return dir.read("Doc.quillon/" + relative); }
 
   TempDir dir{"quillon-history"};
@@ -72,13 +78,60 @@ class ChangeHistoryTest : public ::testing::Test {
   std::unique_ptr<ExternalChanges> seen;
 };
 
-TEST_F(ChangeHistoryTest, DiscardingAChangeReappliesTheRestOnEveryComputer) {
+// Moves the package's first change (its file and records) to a name of the
+// year 2001, as if it had been made long before the rest.
+void backdateFirstChange(const std::string& package) {
+  Env* env = Env::Default();
+  std::vector<std::string> names;
+  ASSERT_FALSE(listChangeFiles(env, Url::fileURL(package + "/Changes", true), &names));
+  ASSERT_FALSE(names.empty());
+  const std::string name = names.front();
+  const std::string old = "2001-01-01-00-00-00.000" + name.substr(23);
+  std::vector<uint8_t> bytes;
+  ASSERT_FALSE(env->readFile(package + "/Changes/" + name, &bytes));
+  Value change = readJSON(std::span<const uint8_t>(bytes)).mutableCopy();
+  change.set("name", Value(old));
+  ASSERT_FALSE(env->writeFileAtomically(package + "/Changes/" + old, writeJSON(change)));
+  ASSERT_FALSE(env->removeItem(package + "/Changes/" + name));
+  std::vector<std::string> items;
+  ASSERT_FALSE(env->listRecursively(package + "/Entities", &items));
+  for (const std::string& item : items) {
+    if (item.ends_with("/" + name)) {
+      const std::string folder = package + "/Entities/" + item.substr(0, item.size() - name.size());
+      ASSERT_FALSE(env->moveItem(folder + name, folder + old));
+    }
+  }
+}
+
+// The discarded change comes more than a second after the one before it
+// (each computer's log is cut just before it) or within the same second
+// (the empty change sorts first and each computer starts over).
+class DiscardTest : public ChangeHistoryTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(DiscardTest, DiscardingAChangeReappliesTheRestOnEveryComputer) {
+  const bool longAfter = GetParam();
+  if (longAfter) {
+    auto first = open("first");
+    insertNote(*first, "kept");
+    insertNote(*first, "doomed");
+    ASSERT_TRUE(first->saveAndWait());
+    first.reset();
+    backdateFirstChange(package);
+  }
   a = open("A");
   b = open("B");
-  ManagedObjectPtr kept = insertNote(*a, "kept");
-  ManagedObjectPtr doomed = insertNote(*a, "doomed");
-  ASSERT_TRUE(a->saveAndWait());
-  update(*b);
+  ManagedObjectPtr kept, doomed;
+  if (longAfter) {
+    for (const ManagedObjectPtr& note : a->context->fetchObjects(FetchRequest("Note"))) {
+      (note->value("title") == Value("kept") ? kept : doomed) = note;
+    }
+    ASSERT_TRUE(kept && doomed);
+  } else {
+    kept = insertNote(*a, "kept");
+    doomed = insertNote(*a, "doomed");
+    ASSERT_TRUE(a->saveAndWait());
+    update(*b);
+  }
 
   // The change to discard: it renames one note, deletes another and inserts a third.
   kept->setValue("title", Value("renamed"));
@@ -98,6 +151,7 @@ TEST_F(ChangeHistoryTest, DiscardingAChangeReappliesTheRestOnEveryComputer) {
   update(*a);
 
   seen = std::make_unique<ExternalChanges>(b->context.get());
+  const size_t resetsBefore = resets(*a);
   std::optional<QuillonDiscardedChange> traces =
       a->store->discardChange(a->store->changesURL().appending(discarded));
   ASSERT_TRUE(traces);
@@ -146,7 +200,11 @@ TEST_F(ChangeHistoryTest, DiscardingAChangeReappliesTheRestOnEveryComputer) {
   auto fresh = open("C");
   EXPECT_EQ(notes(*fresh), expected);
   EXPECT_EQ(fresh->store->checkSum(), a->store->checkSum());
+  // How the discarding computer came to it.
+  EXPECT_EQ(resets(*a) > resetsBefore, !longAfter);
 }
+
+INSTANTIATE_TEST_SUITE_P(LongAfterOrJustAfter, DiscardTest, ::testing::Bool());
 
 TEST_F(ChangeHistoryTest, OnlyChangeFilesOfThisPackageAreDiscardedOrInserted) {
   a = open("A");
