@@ -206,6 +206,41 @@ TEST_P(DiscardTest, DiscardingAChangeReappliesTheRestOnEveryComputer) {
 
 INSTANTIATE_TEST_SUITE_P(LongAfterOrJustAfter, DiscardTest, ::testing::Bool());
 
+TEST_F(ChangeHistoryTest, AChangeFileThatNeverCompletesIsDiscardedFromItsLogEntry) {
+  a = open("A");
+  b = open("B");
+  insertNote(*a, "before");
+  ASSERT_TRUE(a->saveAndWait());
+  // A file another computer began to write just after that change, never finished.
+  std::optional<double> first = parseChangeDate(loggedChangeNames(*a->store).back().substr(0, 23));
+  ASSERT_TRUE(first);
+  const std::string broken =
+      formatChangeDate(*first + 0.001) + ".6F9619FF-8B86-D011-B42D-00C04FC964FF.json";
+  dir.write("Doc.quillon/Changes/" + broken, "{\"name\": \"");
+  insertNote(*a, "after");
+  ASSERT_TRUE(a->saveAndWait());
+  update(*b);
+  EXPECT_EQ(fetchNotes(*b).size(), 1u) << "the update stops at the broken file";
+
+  // The remedy the log entry offers: "Ignore", which discards the file.
+  Url remedy;
+  for (const Value& entry : b->store->logEntries().elements()) {
+    for (const Value& item : entry.get("menu").elements()) {
+      if (item.get("action") == Value("discardChangeFromMenu:")) {
+        remedy = Url::parse(item.get("URL").str()).value_or(Url());
+      }
+    }
+  }
+  ASSERT_EQ(remedy.lastPathComponent(), broken);
+  b->store->discardChangeFromMenu(remedy);
+  ASSERT_TRUE(b->waitUntilReady());
+  MainQueue::drain();
+  EXPECT_EQ(fetchNotes(*b).size(), 2u);
+  EXPECT_EQ(read("InvalidChanges/" + broken), "{\"name\": \"");
+  EXPECT_EQ(readJSON(read("Changes/" + broken)),
+            Value::dictionary({{"name", broken}, {"type", "recovery"}}));
+}
+
 TEST_F(ChangeHistoryTest, OnlyChangeFilesOfThisPackageAreDiscardedOrInserted) {
   a = open("A");
   insertNote(*a, "one");
