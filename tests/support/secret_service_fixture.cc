@@ -101,6 +101,8 @@ class Daemons {
     return failure_;
   }
 
+  bool running() const { return started_ && failure_.empty(); }
+
   static Daemons& instance() {
     static auto* daemons = new Daemons();
     return *daemons;
@@ -247,5 +249,7 @@ class Daemons {
 }  // namespace
 
 std::string SecretServiceFixture::start() { return Daemons::instance().start(); }
+
+bool SecretServiceFixture::running() { return Daemons::instance().running(); }
 
 }  // namespace quillon::testing

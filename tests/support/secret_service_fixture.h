@@ -20,6 +20,8 @@ class SecretServiceFixture {
   // ready, else why it is not (the daemons' messages included); tests fail
   // on that rather than skip, so a machine without gnome-keyring is noticed.
   static std::string start();
+  // Whether start() succeeded in this process.
+  static bool running();
 };
 
 }  // namespace quillon::testing

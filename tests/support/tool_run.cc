@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "quillon/base/env.h"
+#include "support/secret_service_fixture.h"
 
 namespace quillon::testing {
 namespace {
@@ -35,7 +36,13 @@ std::vector<std::string> ToolRun::errorLines() const {
 }
 
 ToolRun runTool(const TempDir& dir, std::string_view arguments, std::string_view tool) {
-  const std::string command = "cd '" + dir.path() + "' && XDG_CACHE_HOME='" +
+  // The tool's keychain is the private Secret Service when the test started
+  // one, else a file store inside `dir`: never the user's keyring.
+  const std::string keychain = SecretServiceFixture::running()
+                                   ? std::string()
+                                   : "QUILLON_SECRET_STORE=file ";
+  const std::string command = "cd '" + dir.path() + "' && " + keychain + "XDG_CONFIG_HOME='" +
+                              dir.file("tool-config") + "' XDG_CACHE_HOME='" +
                               dir.file("tool-cache") + "' '" + std::string(tool) + "' " +
                               std::string(arguments) + " > '" + dir.file("stdout") + "' 2> '" +
                               dir.file("stderr") + "'";

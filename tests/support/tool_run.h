@@ -22,8 +22,10 @@ struct ToolRun {
 };
 
 // Runs the tool at `tool` through the shell and waits for it. It runs inside
-// `dir`, so relative paths name files there, with XDG_CACHE_HOME pointed
-// into `dir` so that its caches never reach the user's. `arguments` is shell
+// `dir`, so relative paths name files there, with XDG_CACHE_HOME and
+// XDG_CONFIG_HOME pointed into `dir` so that its caches and settings never
+// reach the user's; its keychain is the private Secret Service when the test
+// started SecretServiceFixture, else a file store in `dir`. `arguments` is shell
 // text: quote paths yourself. Call from the test's thread.
 ToolRun runTool(const TempDir& dir, std::string_view arguments, std::string_view tool);
 

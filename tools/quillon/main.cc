@@ -42,6 +42,10 @@ int main(int argc, char** argv) {
   quillon::tool::addInfoCommand(app);
   quillon::tool::addVerifyCommand(app);
   quillon::tool::addDemoCommand(app);
+  quillon::tool::addDiscardCommand(app);
+  quillon::tool::addHistoryCommand(app);
+  quillon::tool::addExportCommand(app);
+  quillon::tool::addPasswordCommand(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {

@@ -7,6 +7,7 @@
 #include "quillon/base/operation_queue.h"
 #include "quillon/base/version.h"
 #include "quillon/cache/cache.h"
+#include "quillon/coding/keychain_item.h"
 #include "quillon/coding/sea_crypto.h"
 #include "quillon/coding/string_utils.h"
 #include "quillon/graph/entity_description.h"
@@ -34,7 +35,7 @@ std::shared_ptr<const ManagedObjectModel> loadModel(const std::string& path) {
 
 void useToolIdentity() {
   Quillon::setApplicationInfo(
-      Value::dictionary({{"CFBundleIdentifier", "org.quillon.cli"},
+      Value::dictionary({{"CFBundleIdentifier", Value(kToolApplicationIdentifier)},
                          {"CFBundleName", "quillon"},
                          {"CFBundleVersion", kQuillonFrameworkVersion},
                          {"CFBundleShortVersionString", kQuillonFrameworkShortVersion}}));
@@ -42,7 +43,17 @@ void useToolIdentity() {
 
 }  // namespace
 
-void checkPackageAccess(const std::string& path, const std::optional<std::string>& password) {
+std::optional<std::string> rememberedPassword(const std::string& path) {
+  Value identifier = QuillonStore::documentIdentifierForURL(Url::fileURL(path, true));
+  if (!identifier.isString() || identifier.str().empty()) return std::nullopt;
+  Error error;
+  auto item = OrdoStoreGenericKeychainItem::genericKeychainItemForService(
+      kToolApplicationIdentifier, identifier.str(), Value(), &error);
+  if (!item) return std::nullopt;
+  return item->password();
+}
+
+void checkPackageAccess(const std::string& path, std::optional<std::string>& password) {
   Env* env = QuillonStore::defaultEnv();
   if (!env->exists(path)) throw ToolError(path + " does not exist");
   if (!env->isDirectory(path) || !QuillonStore::isCorrectFormat(path)) {
@@ -52,7 +63,17 @@ void checkPackageAccess(const std::string& path, const std::optional<std::string
   if (QuillonStore::canOpenURL(url, password ? Value(*password) : Value())) return;
   bool encrypted = !QuillonStore::infoDictionaryForURL(url).get(kSeaCryptoEncryptionKey).isNil();
   if (!encrypted) throw ToolError(path + " is not encrypted: leave out --password");
-  if (!password) throw ToolError(path + " is encrypted: give --password");
+  if (!password) {
+    std::optional<std::string> remembered = rememberedPassword(path);
+    if (!remembered) {
+      throw ToolError(path + " is encrypted: give --password (none is remembered in the keychain)");
+    }
+    if (!QuillonStore::canOpenURL(url, Value(*remembered))) {
+      throw ToolError("the password remembered in the keychain does not open " + path);
+    }
+    password = remembered;
+    return;
+  }
   throw ToolError("wrong password for " + path);
 }
 
@@ -62,12 +83,16 @@ OpenPackage::OpenPackage(const Options& options) {
   Quillon::setRecoveryRequested(options.recover);
   std::shared_ptr<const ManagedObjectModel> model = loadModel(options.modelPath);
   // Refuse before a store touches anything at the location.
+  password_ = options.password;
   if (!options.create || QuillonStore::defaultEnv()->exists(options.path)) {
-    checkPackageAccess(options.path, options.password);
+    checkPackageAccess(options.path, password_);
   }
   QuillonPackage::Options open;
-  open.password = options.password;
+  open.password = password_;
   open.documentIdentifier = options.documentIdentifier;
+  if (!options.upToChange.isNil()) {
+    open.storeOptions = Value::dictionary({{kQuillonUpToChange, options.upToChange}});
+  }
   Error error;
   package_ = QuillonPackage::open(options.path, std::move(model), open, &error);
   if (!package_) {
@@ -81,6 +106,15 @@ void OpenPackage::waitUntilReady() {
   if (!package_->waitUntilReady(kReadyTimeoutSeconds)) {
     throw ToolError("timed out reading the changes of " + package_->store().url().path());
   }
+}
+
+void OpenPackage::waitUntilUpdated(int readyCountBefore) {
+  if (!MainQueue::runUntil(
+          [this, readyCountBefore] { return package_->readyCount() > readyCountBefore; },
+          kReadyTimeoutSeconds)) {
+    throw ToolError("timed out applying the changes of " + store().url().path());
+  }
+  MainQueue::drain();
 }
 
 void OpenPackage::save() {

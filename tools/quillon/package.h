@@ -15,6 +15,10 @@
 
 namespace quillon::tool {
 
+// The tool's application identifier: its caches, its user defaults and the
+// keychain service under which it remembers document passwords.
+inline constexpr std::string_view kToolApplicationIdentifier = "org.quillon.cli";
+
 // A package opened the way an application opens it: the tool's identity
 // ("org.quillon.cli"), the model file, a coordinator with a QuillonStore on
 // the package and a main-queue context, the calling thread as main thread.
@@ -30,6 +34,8 @@ class OpenPackage {
     bool create = false;   // make a new package when nothing is at path
     bool recover = false;  // recovery mode
     std::optional<std::string> documentIdentifier;
+    // The history cut-off ("QuillonUpToChange"): a change dictionary, or nil.
+    Value upToChange;
   };
   explicit OpenPackage(const Options& options);
   ~OpenPackage();
@@ -39,6 +45,10 @@ class OpenPackage {
   // Runs the main loop until the store's first update after opening has
   // finished ("QuillonReady"); raises ToolError after a generous timeout.
   void waitUntilReady();
+  // After the command started an update (a discard, say): runs the main
+  // loop until that update has ended.
+  void waitUntilUpdated(int readyCountBefore);
+  int readyCount() const { return package_->readyCount(); }
   // Saves the context and waits until every file of the save is written;
   // raises ToolError with the save's error.
   void save();
@@ -49,16 +59,25 @@ class OpenPackage {
   std::shared_ptr<QuillonManagedObjectContext> contextPointer() const {
     return package_->contextPointer();
   }
+  // The password the package was opened with (given or remembered).
+  const std::optional<std::string>& password() const { return password_; }
 
  private:
   std::unique_ptr<QuillonPackage> package_;
+  std::optional<std::string> password_;
 };
 
 // Raises ToolError unless `path` is a package (a folder whose Info.plist
 // names the framework) that `password` opens: a clear one-line reason for a
 // missing path, another kind of folder, an encrypted package without a
-// password, a password for a plain package, or a wrong password.
-void checkPackageAccess(const std::string& path, const std::optional<std::string>& password);
+// password, a password for a plain package, or a wrong password. An
+// encrypted package opened without a password uses the one remembered in
+// the keychain for its document identifier, which then goes to `password`.
+void checkPackageAccess(const std::string& path, std::optional<std::string>& password);
+
+// The password remembered in the keychain for the package's document
+// identifier (service kToolApplicationIdentifier), or nullopt.
+std::optional<std::string> rememberedPassword(const std::string& path);
 
 // "Entity/UID" of an object; the object a path names (ToolError when the
 // entity is unknown or no such object exists).

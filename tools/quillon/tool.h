@@ -52,5 +52,13 @@ void addInfoCommand(CLI::App& app);     // info_command.cc
 void addLogCommand(CLI::App& app);      // log_command.cc
 void addVerifyCommand(CLI::App& app);   // verify_command.cc
 void addDemoCommand(CLI::App& app);     // demo_command.cc
+void addDiscardCommand(CLI::App& app);   // discard_command.cc
+void addHistoryCommand(CLI::App& app);   // history_command.cc
+void addExportCommand(CLI::App& app);    // export_command.cc
+void addPasswordCommand(CLI::App& app);  // password_command.cc: remember, forget
+
+// A change file's name from a CHANGE argument ("<name>" or "<name>.json");
+// raises ToolError for anything that is not a change name ("/", "..").
+std::string changeFileNameArgument(const std::string& change);
 
 }  // namespace quillon::tool

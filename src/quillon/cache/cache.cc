@@ -214,6 +214,8 @@ size_t QuillonCache::keepAgreeingChanges(const std::vector<std::string>& names) 
   if (agreeing < logged.size() && agreeing < names.size()) {
     std::vector<Value> prefix(logged.elements().begin(), logged.elements().begin() + agreeing);
     log->setContent(Value::array(std::move(prefix), true));
+    // Records of the changes cut off no longer count until they come back.
+    updateChangeNames();
   }
   return agreeing;
 }
@@ -258,6 +260,17 @@ void QuillonCache::addChange(const Value& change, bool isExternal, const Value& 
       updateObjectUIDs(sections.get(kQuillonUpdate), isExternal);
       removeObjectUIDs(sections.get(kQuillonDelete), isExternal);
       updateChangeNames();
+    } else if (change.get("type") == Value("recovery")) {
+      // A discarded change leaves a recovery change in its place naming what
+      // it touched: its records no longer count, so what it inserted is gone,
+      // what it deleted is back, and what it updated reads its records anew.
+      updateChangeNames();
+      const Value& refreshes = change.get("refreshes");
+      if (refreshes.isDictionary()) {
+        removeObjectUIDs(refreshes.get(kQuillonInsert), true);
+        addObjectUIDs(refreshes.get(kQuillonDelete), true);
+        invalidateObjectUIDs(refreshes.get(kQuillonUpdate));
+      }
     }
   }
   const void* self = this;

@@ -151,10 +151,7 @@ void QuillonChange::saveToStore(QuillonStore* store) {
   store->enqueueSaveOperation(operation, /*afterEverything=*/true);
 }
 
-void QuillonStore::insertChange(const Url& url) {
-  writeRecoveryChange(this, url, Value());
-  updateChanges();
-}
+void QuillonStore::insertChange(const Url& url) { (void)history().insertChange(url); }
 
 void QuillonStore::writeFakeChangeToURL(const Url& url, const Value& refreshes) {
   writeRecoveryChange(this, url, refreshes);

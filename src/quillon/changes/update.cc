@@ -1,7 +1,7 @@
 // Applying other computers' changes to an open document: loading the cache's
 // change log, scheduling update passes (QuillonChangeApplier runs them), the
-// refresh of the affected objects in every context, and the remedies offered
-// by the log's menus.
+// refresh of the affected objects in every context, and the history
+// operations offered by the log's menus (over QuillonChangeHistory).
 
 #include <fmt/format.h>
 
@@ -15,6 +15,7 @@
 
 #include "quillon/base/dispatch_queue.h"
 #include "quillon/base/notification_center.h"
+#include "quillon/base/operation_queue.h"
 #include "quillon/base/system_log.h"
 #include "quillon/cache/cache.h"
 #include "quillon/cache/cache_collection.h"
@@ -24,7 +25,6 @@
 #include "quillon/graph/managed_object.h"
 #include "quillon/graph/managed_object_context.h"
 #include "quillon/graph/persistent_store_coordinator.h"
-#include "quillon/platform/file_viewer.h"
 #include "quillon/platform/main_queue.h"
 #include "quillon/store/managed_object_context.h"
 #include "quillon/store/package_format.h"
@@ -228,28 +228,35 @@ void QuillonStore::refreshInsertedObjects(const Value& inserts, const Value& upd
 
 void QuillonStore::processChanges() { updateChanges(); }
 
-void QuillonStore::discardChangeFromMenu(const Url& changeURL) {
-  log(fmt::format("Discarding a change is not available yet: {}", changeURL.absoluteString()),
-      kQuillonLogTypeWarning);
+bool QuillonStore::hasObjectWithID(const ManagedObjectIDPtr& objectID) {
+  if (!objectID || !objectID->entity() || !cache().changeLog()) return true;
+  // A save's objects reach the uid sets with its change file.
+  if (saveOperationQueue().operationCount() > 0) return true;
+  std::shared_ptr<QuillonCacheSet> uids = cache().cacheForEntityUIDs(objectID->entity()->name());
+  if (!uids) return true;
+  const Value uid(storeUID(*objectID));
+  bool known = false;
+  uids->readContent([&](const Value& content) { known = content.contains(uid); });
+  return known;
 }
 
-void QuillonStore::insertChangeFromMenu(const Url& changeURL) {
-  // The URL came from a menu built from a change file: it must name a file
-  // directly inside this package's "Changes".
-  const std::string name = changeURL.lastPathComponent();
-  if (!isSafePathComponent(name) ||
-      changeURL.deletingLastPathComponent().path() != changesURL().path()) {
-    log(fmt::format("Cannot insert a change outside the package: {}", changeURL.absoluteString()),
-        kQuillonLogTypeError);
-    return;
-  }
-  insertChange(changesURL().appending(name));
+QuillonChangeHistory& QuillonStore::history() {
+  if (!history_) history_ = std::make_unique<QuillonChangeHistory>(*this, files_);
+  return *history_;
 }
 
-void QuillonStore::showInFinder(const Url& url) {
-  if (!FileViewer::reveal(url.path())) {
-    systemLog(fmt::format("Could not show {} in the file manager", url.path()));
-  }
+std::optional<QuillonDiscardedChange> QuillonStore::discardChange(const Url& changeURL) {
+  return history().discardChange(changeURL);
 }
+
+void QuillonStore::removeChange(const Value& change, const Value& objects, bool wasInsert) {
+  history().removeChange(change, objects, wasInsert);
+}
+
+void QuillonStore::discardChangeFromMenu(const Url& changeURL) { (void)discardChange(changeURL); }
+
+void QuillonStore::insertChangeFromMenu(const Url& changeURL) { insertChange(changeURL); }
+
+void QuillonStore::showInFinder(const Url& url) { history().showInFinder(url); }
 
 }  // namespace quillon

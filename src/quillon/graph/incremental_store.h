@@ -80,6 +80,12 @@ class IncrementalStore : public std::enable_shared_from_this<IncrementalStore> {
                                         const ManagedObjectIDPtr& objectID,
                                         ManagedObjectContext* context, Error* error) = 0;
 
+  // Whether the store still has a saved object: false once it is gone from
+  // the store (another computer deleted it, say) while contexts may still
+  // hold it. Validation asks this of every object a relation names. A store
+  // that cannot tell answers true, as the default does.
+  virtual bool hasObjectWithID(const ManagedObjectIDPtr& /*objectID*/) { return true; }
+
   // Permanent identifiers for newly inserted objects, one per object in the
   // same order. An empty vector and *error on failure.
   virtual std::vector<ManagedObjectIDPtr> obtainPermanentIDsForObjects(

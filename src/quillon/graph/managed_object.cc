@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "quillon/graph/managed_object_context.h"
+#include "quillon/graph/persistent_store_coordinator.h"
 #include "quillon/graph/validation_error.h"
 
 namespace quillon {
@@ -522,7 +523,8 @@ void ManagedObject::collectErrors(bool forInsert, std::vector<Error>* errors) {
                                         fmt::format("Too many items in {}.", name), v));
     }
     for (const auto& member : members) {
-      if (member->deleted_ || member->context_ != context_ || !context_) {
+      if (member->deleted_ || member->context_ != context_ || !context_ ||
+          !member->existsInStore()) {
         errors->push_back(validationError(
             kManagedObjectValidationError, name,
             fmt::format("Dangling reference to an invalid object in {}.{}.", entity_->name(), name),
@@ -532,6 +534,12 @@ void ManagedObject::collectErrors(bool forInsert, std::vector<Error>* errors) {
     }
   }
   (void)forInsert;
+}
+
+bool ManagedObject::existsInStore() const {
+  if (!context_ || inserted_ || !objectID_ || objectID_->isTemporaryID()) return true;
+  std::shared_ptr<PersistentStoreCoordinator> coordinator = context_->persistentStoreCoordinator();
+  return !coordinator || coordinator->hasObjectWithID(objectID_);
 }
 
 bool ManagedObject::validateForInsert(Error* error) {

@@ -93,6 +93,11 @@ class ManagedObject : public Object, public std::enable_shared_from_this<Managed
   virtual bool validateForDelete(Error* error = nullptr);
   // The checks of one property's current value.
   bool validateValueForKey(std::string_view key, Error* error = nullptr);
+  // False once the store lost the saved object (another computer deleted
+  // it) while this context still holds it; true for objects not saved yet
+  // and for a store that cannot tell. A relation to such an object fails
+  // validation with 1550 naming the relation.
+  bool existsInStore() const;
 
   // Hooks for subclasses.
   virtual void awakeFromInsert() {}

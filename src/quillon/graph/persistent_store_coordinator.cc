@@ -236,6 +236,13 @@ Value PersistentStoreCoordinator::newValueForRelationship(
   return store->newValueForRelationship(relationship, objectID, context, error);
 }
 
+bool PersistentStoreCoordinator::hasObjectWithID(const ManagedObjectIDPtr& objectID) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  Error ignored;  // an identifier of no store here is not ours to judge
+  auto store = storeFor(objectID, &ignored);
+  return !store || store->hasObjectWithID(objectID);
+}
+
 bool PersistentStoreCoordinator::obtainPermanentIDsForObjects(
     const std::vector<ManagedObjectPtr>& objects, std::vector<ManagedObjectIDPtr>* objectIDs,
     Error* error) {

@@ -78,6 +78,9 @@ class PersistentStoreCoordinator {
   Value newValueForRelationship(const RelationshipDescription& relationship,
                                 const ManagedObjectIDPtr& objectID, ManagedObjectContext* context,
                                 Error* error);
+  // The object's store still has it (IncrementalStore::hasObjectWithID);
+  // true when no store of this coordinator owns the identifier.
+  bool hasObjectWithID(const ManagedObjectIDPtr& objectID);
   // Permanent identifiers from the objects' stores (the first store for new
   // objects), one per object. False and *error on failure.
   bool obtainPermanentIDsForObjects(const std::vector<std::shared_ptr<ManagedObject>>& objects,

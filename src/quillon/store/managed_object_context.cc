@@ -6,6 +6,7 @@
 #include "quillon/base/system_log.h"
 #include "quillon/base/url.h"
 #include "quillon/cache/cache.h"
+#include "quillon/changes/object_healing.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/graph/fetch_request.h"
 #include "quillon/graph/managed_object.h"
@@ -41,14 +42,16 @@ std::shared_ptr<QuillonManagedObjectContext> QuillonManagedObjectContext::create
 bool QuillonManagedObjectContext::save(Error* error) {
   // Saves happen on the main thread only; a background request counts as done.
   if (!MainQueue::isMainThread()) return true;
-  // Damaged objects get repaired here before they are written
-  // (qlValidateForInsertAndFix on the inserted objects, then
-  // qlValidateForUpdateAndFix on the updated ones) once healing exists.
   std::shared_ptr<PersistentStoreCoordinator> coordinator = persistentStoreCoordinator();
   if (!parentContext() && (!coordinator || coordinator->persistentStores().empty())) {
     systemLog("No file to save to yet");
     return false;
   }
+  // Objects whose relations name objects another computer deleted are
+  // repaired before they are written. What cannot be repaired is left for
+  // the save's own validation to report.
+  for (const ManagedObjectPtr& object : insertedObjects()) (void)qlValidateForInsertAndFix(*object);
+  for (const ManagedObjectPtr& object : updatedObjects()) (void)qlValidateForUpdateAndFix(*object);
   return ManagedObjectContext::save(error);
 }
 

@@ -20,6 +20,7 @@
 #include "quillon/base/value.h"
 #include "quillon/cache/cache_source.h"
 #include "quillon/changes/change_applier.h"
+#include "quillon/changes/change_history.h"
 #include "quillon/changes/change_validator.h"
 #include "quillon/changes/store_log.h"
 #include "quillon/graph/incremental_store.h"
@@ -76,7 +77,8 @@ class SeaCrypto;
 class QuillonStore : public IncrementalStore,
                      public QuillonCacheSource,
                      public QuillonApplierHost,
-                     public QuillonRecordHost {
+                     public QuillonRecordHost,
+                     public QuillonHistoryHost {
  public:
   // ---- Package and opening (store/store.cc) ----
 
@@ -280,9 +282,10 @@ class QuillonStore : public IncrementalStore,
 
   // ---- Change files (changes/change.cc) ----
 
-  // An empty recovery change under the URL, then updateChanges().
+  // An empty recovery change under the URL (a change file name in
+  // "Changes"), then updateChanges(); over QuillonChangeHistory.
   void insertChange(const Url& url);
-  void writeFakeChangeToURL(const Url& url, const Value& refreshes);
+  void writeFakeChangeToURL(const Url& url, const Value& refreshes) override;
   // `date` (seconds since 2001) moved later when needed so that the change
   // it names sorts after every change this store named and after
   // `lastKnownName`, by at least one millisecond. Any thread.
@@ -311,7 +314,7 @@ class QuillonStore : public IncrementalStore,
   // failed validation tries again after 10 s.
   void loadChangeLogIfNeeded();
   void loadChangeLog(const std::shared_ptr<QuillonCacheArray>& log);
-  void updateChanges();
+  void updateChanges() override;
   void updateChangesWithCompletion(std::function<void(bool success)> completion);
   void refreshInsertedObjects(const Value& inserts, const Value& updates,
                               const Value& deletes) override;
@@ -319,9 +322,24 @@ class QuillonStore : public IncrementalStore,
   bool updating() const { return updating_; }
   size_t changesFileCount() const;
   bool hasRemoteFiles() const;
+  // False once the cache no longer knows a saved object (another
+  // computer's change deleted it); true while a save of this store is still
+  // being written or the change log is not loaded yet.
+  bool hasObjectWithID(const ManagedObjectIDPtr& objectID) override;
+
+  // ---- History operations (changes/update.cc, over QuillonChangeHistory) ----
+
+  // Moves the change file into "InvalidChanges", writes a recovery change in
+  // its place that refreshes what it touched and an empty one a second
+  // earlier, and updates: every computer re-applies the history without it.
+  std::optional<QuillonDiscardedChange> discardChange(const Url& changeURL);
+  // Removes the records `change` wrote for `objects` (entity name → uids);
+  // with `wasInsert` every record of those objects.
+  void removeChange(const Value& change, const Value& objects, bool wasInsert);
   // Menu actions of log entries.
   void discardChangeFromMenu(const Url& changeURL);
   void insertChangeFromMenu(const Url& changeURL);
+  // Reveals the URL, or its nearest existing parent folder.
   void showInFinder(const Url& url);
 
   // ---- Folder observation (changes/observation.cc, over QuillonFolderObserver) ----
@@ -424,6 +442,8 @@ class QuillonStore : public IncrementalStore,
 
   // [update.cc]
   std::unique_ptr<QuillonChangeApplier> applier_;
+  std::unique_ptr<QuillonChangeHistory> history_;  // made on first use (main thread)
+  QuillonChangeHistory& history();
   std::shared_ptr<void> keepAlive() override;
 
   // [observation.cc]
