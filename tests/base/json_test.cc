@@ -193,6 +193,10 @@ TEST(JSONWriteTest, PrettyExactText) {
 TEST(JSONWriteTest, StringEscapingAndRoundTrips) {
   std::string s = "q\"b\\s/n\nt\tr\rb\bf\f\x01\x1f\x7f é😀";
   EXPECT_EQ(writeJSON(Value(s)), "\"q\\\"b\\\\s\\/n\\nt\\tr\\rb\\bf\\f\\u0001\\u001f\x7f é😀\"");
+  // Text for people keeps "/" as it is, and still reads back the same.
+  const std::string plain = writeJSON(Value(s), JSONStyle::Compact, nullptr, JSONSlashes::Plain);
+  EXPECT_EQ(plain, "\"q\\\"b\\\\s/n\\nt\\tr\\rb\\bf\\f\\u0001\\u001f\x7f é😀\"");
+  EXPECT_EQ(readJSON(plain).str(), s);
   // The escaped text reads back to the same bytes, including a NUL.
   std::string withNul("a\0b", 3);
   for (const std::string& text : {s, withNul}) {

@@ -64,6 +64,7 @@ TEST_F(EditCommandsTest, InsertUpdateDeleteRoundTrip) {
   create();
   ToolRun folder = edit("insert", "Folder --values '{\"name\": \"Inbox\"}'");
   ASSERT_EQ(folder.status, 0) << folder.err;
+  EXPECT_EQ(folder.out.find("\\/"), std::string::npos) << "paths are printed as they are";
   auto folders = inserted(folder);
   ASSERT_EQ(folders.size(), 1u);
   EXPECT_TRUE(folders[0].starts_with("Folder/"));

@@ -74,7 +74,7 @@ void runCat(CatOptions options) {
   Error error;
   Value json = readJSON(std::span<const uint8_t>(bytes), &error);
   if (!error) {
-    std::string text = writeJSON(json, JSONStyle::Pretty, &error);
+    std::string text = writeJSON(json, JSONStyle::Pretty, &error, JSONSlashes::Plain);
     if (!error) {
       std::printf("%s\n", text.c_str());
       return;

@@ -95,7 +95,7 @@ class Converter {
 
   Value keyText(const Value& key) {
     if (key.isString()) return key;
-    return Value(writeJSON(convert(key), JSONStyle::Compact));
+    return Value(writeJSON(convert(key), JSONStyle::Compact, nullptr, JSONSlashes::Plain));
   }
 
   Value numbers(const DCGeometryValue& g) {
@@ -149,7 +149,7 @@ std::string decodedValueAsJSON(const Value& root) {
   Converter converter;
   Value form = converter.convert(root);
   Error error;
-  std::string text = writeJSON(form, JSONStyle::Pretty, &error);
+  std::string text = writeJSON(form, JSONStyle::Pretty, &error, JSONSlashes::Plain);
   if (error) throw ToolError("cannot print the decoded value: " + error.localizedDescription());
   return text;
 }

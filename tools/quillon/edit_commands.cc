@@ -82,7 +82,7 @@ void runInsert(const EditOptions& options) {
 
   Value paths = Value::array(true);
   for (const auto& object : objects) paths.append(Value::string(objectPath(*object)));
-  std::string text = writeJSON(paths);
+  std::string text = writeJSON(paths, JSONStyle::Compact, nullptr, JSONSlashes::Plain);
   std::fwrite(text.data(), 1, text.size(), stdout);
   std::fputc('\n', stdout);
 }

@@ -102,7 +102,7 @@ void runFetch(const FetchOptions& options) {
     }
   }
   Error writeError;
-  std::string text = writeJSON(array, JSONStyle::Pretty, &writeError);
+  std::string text = writeJSON(array, JSONStyle::Pretty, &writeError, JSONSlashes::Plain);
   if (writeError) throw ToolError("cannot write the results: " + writeError.localizedDescription());
   std::fwrite(text.data(), 1, text.size(), stdout);
   std::fputc('\n', stdout);

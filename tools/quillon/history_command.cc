@@ -54,12 +54,8 @@ void runHistory(const HistoryOptions& options) {
   package.waitUntilReady();
   ManagedObjectPtr object = savedObjectForPath(package, options.path);
   Value history = package.store().cache().changesHistoryForObjectID(object->objectID());
-  std::string text = writeJSON(printable(history), JSONStyle::Pretty);
-  // Paths read better unescaped; a backslash just before "/" is always the
-  // writer's escape of it (a literal backslash is written doubled).
-  for (size_t at = text.find("\\/"); at != std::string::npos; at = text.find("\\/", at)) {
-    text.erase(at, 1);
-  }
+  std::string text =
+      writeJSON(printable(history), JSONStyle::Pretty, nullptr, JSONSlashes::Plain);
   std::fwrite(text.data(), 1, text.size(), stdout);
   std::fputc('\n', stdout);
 }

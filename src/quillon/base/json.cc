@@ -273,7 +273,10 @@ namespace {
 
 class Writer {
  public:
-  Writer(JSONStyle style, std::string* out) : pretty_(style == JSONStyle::Pretty), out_(*out) {}
+  Writer(JSONStyle style, JSONSlashes slashes, std::string* out)
+      : pretty_(style == JSONStyle::Pretty),
+        escapeSlashes_(slashes == JSONSlashes::Escaped),
+        out_(*out) {}
 
   // Answers false, with failure() saying what could not be written, when
   // the value cannot be written.
@@ -384,7 +387,7 @@ class Writer {
     size_t run = 0;
     for (size_t i = 0; i < s.size(); ++i) {
       auto c = static_cast<unsigned char>(s[i]);
-      if (c >= 0x20 && c != '"' && c != '\\' && c != '/') continue;
+      if (c >= 0x20 && c != '"' && c != '\\' && (c != '/' || !escapeSlashes_)) continue;
       out_.append(s.data() + run, i - run);
       run = i + 1;
       switch (c) {
@@ -424,15 +427,16 @@ class Writer {
   }
 
   bool pretty_;
+  bool escapeSlashes_;
   std::string& out_;
   std::string failure_;
 };
 
 }  // namespace
 
-std::string writeJSON(const Value& value, JSONStyle style, Error* error) {
+std::string writeJSON(const Value& value, JSONStyle style, Error* error, JSONSlashes slashes) {
   std::string out;
-  Writer writer(style, &out);
+  Writer writer(style, slashes, &out);
   if (!writer.write(value, 0)) {
     if (error) {
       *error = jsonError("Invalid value for JSON: cannot write " + writer.failure() + ".");

@@ -52,8 +52,12 @@ enum class JSONStyle {
   Pretty,
 };
 
+// Whether "/" in strings is written as "\/" (as package files have it) or
+// as is (for text people read).
+enum class JSONSlashes { Escaped, Plain };
+
 // Writes a Value tree as JSON text. Strings are escaped as \" \\ \/ \b \f \n
-// \r \t, other control characters as \u00xx, and everything else (non-ASCII
+// \r \t (\/ only with JSONSlashes::Escaped), other control characters as \u00xx, and everything else (non-ASCII
 // UTF-8 included) is written as is. Integers and booleans are written
 // exactly; floats and doubles in their shortest form that reads back to the
 // same number; decimals in their plain decimal text.
@@ -64,6 +68,6 @@ enum class JSONStyle {
 // container nested more than kJSONMaximumDepthLimit deep, as a cycle is)
 // answers the empty string and sets *error (when given).
 std::string writeJSON(const Value& value, JSONStyle style = JSONStyle::Compact,
-                      Error* error = nullptr);
+                      Error* error = nullptr, JSONSlashes slashes = JSONSlashes::Escaped);
 
 }  // namespace quillon
