@@ -12,8 +12,8 @@
 
 #include "bench_support.h"
 #include "quillon/base/env.h"
-#include "quillon/cache/cache_collection.h"
-#include "quillon/cache/cache_item.h"
+#include "quillon/cache/internal/cache_collection.h"
+#include "quillon/cache/internal/cache_item.h"
 #include "quillon/graph/managed_object_model.h"
 #include "quillon/platform/standard_paths.h"
 

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "bench_support.h"
-#include "quillon/coding/dense_coder.h"
+#include "quillon/coding/internal/dense_coder.h"
 
 #ifdef QUILLON_HAVE_MSGPACK_CXX
 #include <msgpack.hpp>

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "quillon/base/date_format.h"
+#include "quillon/base/internal/date_format.h"
 #include "quillon/base/json.h"
 
 namespace {

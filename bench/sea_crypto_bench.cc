@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "bench_support.h"
-#include "quillon/coding/sea_crypto.h"
+#include "quillon/coding/internal/sea_crypto.h"
 
 namespace {
 

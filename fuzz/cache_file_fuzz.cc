@@ -16,10 +16,10 @@
 #include <string>
 
 #include "fuzz_support.h"
-#include "quillon/cache/cache_collection.h"
-#include "quillon/cache/cache_item.h"
-#include "quillon/coding/dc_geometry_value.h"
-#include "quillon/coding/dense_coder.h"
+#include "quillon/cache/internal/cache_collection.h"
+#include "quillon/cache/internal/cache_item.h"
+#include "quillon/coding/internal/dc_geometry_value.h"
+#include "quillon/coding/internal/dense_coder.h"
 
 namespace {
 

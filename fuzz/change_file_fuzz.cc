@@ -15,8 +15,8 @@
 #include <string_view>
 
 #include "fuzz_support.h"
-#include "quillon/changes/change_file_check.h"
-#include "quillon/store/package_format.h"
+#include "quillon/changes/internal/change_file_check.h"
+#include "quillon/store/internal/package_format.h"
 #include "quillon/store/package_layout.h"
 
 namespace {

@@ -6,8 +6,8 @@
 #include <span>
 
 #include "quillon/base/error.h"
-#include "quillon/base/system_log.h"
-#include "quillon/coding/dense_coder.h"
+#include "quillon/base/internal/system_log.h"
+#include "quillon/coding/internal/dense_coder.h"
 
 namespace {
 

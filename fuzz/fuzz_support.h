@@ -19,10 +19,10 @@
 #include <vector>
 
 #include "quillon/base/env.h"
-#include "quillon/base/system_log.h"
+#include "quillon/base/internal/system_log.h"
 #include "quillon/base/url.h"
 #include "quillon/base/value.h"
-#include "quillon/coding/sea_crypto.h"
+#include "quillon/coding/internal/sea_crypto.h"
 #include "quillon/store/package_files.h"
 
 namespace quillon::fuzz {

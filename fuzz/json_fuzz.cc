@@ -14,7 +14,7 @@
 #include "fuzz_support.h"
 #include "quillon/base/error.h"
 #include "quillon/base/json.h"
-#include "quillon/store/package_format.h"
+#include "quillon/store/internal/package_format.h"
 
 namespace {
 

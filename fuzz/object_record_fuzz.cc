@@ -13,12 +13,12 @@
 #include "fuzz_support.h"
 #include "quillon/base/error.h"
 #include "quillon/base/json.h"
-#include "quillon/cache/cache_item.h"
-#include "quillon/coding/dense_coder.h"
+#include "quillon/cache/internal/cache_item.h"
+#include "quillon/coding/internal/dense_coder.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/graph/managed_object_model.h"
 #include "quillon/store/package_files.h"
-#include "quillon/store/package_format.h"
+#include "quillon/store/internal/package_format.h"
 #include "support/sample_models.h"
 
 namespace {

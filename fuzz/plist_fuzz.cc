@@ -12,8 +12,8 @@
 
 #include "fuzz_support.h"
 #include "quillon/base/error.h"
-#include "quillon/base/plist.h"
-#include "quillon/coding/sea_crypto.h"
+#include "quillon/base/internal/plist.h"
+#include "quillon/coding/internal/sea_crypto.h"
 #include "quillon/store/package_files.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include <span>
 #include <vector>
 
-#include "quillon/coding/sea_crypto.h"
+#include "quillon/coding/internal/sea_crypto.h"
 
 namespace {
 

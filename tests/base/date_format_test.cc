@@ -1,4 +1,4 @@
-#include "quillon/base/date_format.h"
+#include "quillon/base/internal/date_format.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "quillon/base/dispatch_queue.h"
+#include "quillon/base/internal/dispatch_queue.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>

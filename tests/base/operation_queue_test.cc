@@ -1,4 +1,4 @@
-#include "quillon/base/operation_queue.h"
+#include "quillon/base/internal/operation_queue.h"
 
 #include <gtest/gtest.h>
 

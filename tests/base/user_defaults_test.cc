@@ -1,4 +1,4 @@
-#include "quillon/base/user_defaults.h"
+#include "quillon/base/internal/user_defaults.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "quillon/base/env.h"
-#include "quillon/base/plist.h"
+#include "quillon/base/internal/plist.h"
 #include "support/log_capture.h"
 #include "support/private_home.h"
 #include "support/temp_dir.h"

@@ -1,4 +1,4 @@
-#include "quillon/base/uuid.h"
+#include "quillon/base/internal/uuid.h"
 
 #include <gtest/gtest.h>
 

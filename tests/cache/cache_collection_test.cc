@@ -1,10 +1,10 @@
-#include "quillon/cache/cache_collection.h"
+#include "quillon/cache/internal/cache_collection.h"
 
 #include <gtest/gtest.h>
 
 #include "quillon/base/env.h"
-#include "quillon/coding/dc_ns_coding.h"
-#include "quillon/coding/dense_coder.h"
+#include "quillon/coding/internal/dc_ns_coding.h"
+#include "quillon/coding/internal/dense_coder.h"
 #include "quillon/store/package_files.h"
 #include "support/fault_env.h"
 #include "support/temp_dir.h"

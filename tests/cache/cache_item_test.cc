@@ -1,10 +1,10 @@
-#include "quillon/cache/cache_item.h"
+#include "quillon/cache/internal/cache_item.h"
 
 #include <gtest/gtest.h>
 
 #include "quillon/base/env.h"
-#include "quillon/cache/cache.h"
-#include "quillon/coding/dense_coder.h"
+#include "quillon/cache/internal/cache.h"
+#include "quillon/coding/internal/dense_coder.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/graph/managed_object_model.h"
 #include "quillon/store/store.h"

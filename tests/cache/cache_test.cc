@@ -1,4 +1,4 @@
-#include "quillon/cache/cache.h"
+#include "quillon/cache/internal/cache.h"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -6,11 +6,11 @@
 #include <thread>
 
 #include "quillon/base/env.h"
-#include "quillon/base/operation_queue.h"
-#include "quillon/cache/cache_collection.h"
-#include "quillon/cache/cache_item.h"
-#include "quillon/coding/dense_coder.h"
-#include "quillon/coding/string_utils.h"
+#include "quillon/base/internal/operation_queue.h"
+#include "quillon/cache/internal/cache_collection.h"
+#include "quillon/cache/internal/cache_item.h"
+#include "quillon/coding/internal/dense_coder.h"
+#include "quillon/coding/internal/string_utils.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/platform/main_queue.h"
 #include "quillon/platform/standard_paths.h"

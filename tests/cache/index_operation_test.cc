@@ -1,9 +1,9 @@
-#include "quillon/cache/index_operation.h"
+#include "quillon/cache/internal/index_operation.h"
 
 #include <gtest/gtest.h>
 
-#include "quillon/cache/cache.h"
-#include "quillon/cache/cache_item.h"
+#include "quillon/cache/internal/cache.h"
+#include "quillon/cache/internal/cache_item.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/platform/main_queue.h"
 #include "quillon/store/store.h"

@@ -1,4 +1,4 @@
-#include "quillon/cache/merge.h"
+#include "quillon/cache/internal/merge.h"
 
 #include <gtest/gtest.h>
 

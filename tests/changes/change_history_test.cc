@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "changes/two_computers.h"
-#include "quillon/base/date_format.h"
+#include "quillon/base/internal/date_format.h"
 #include "quillon/base/env.h"
 #include "quillon/base/json.h"
 #include "quillon/graph/fetch_request.h"

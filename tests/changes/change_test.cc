@@ -1,4 +1,4 @@
-#include "quillon/changes/change.h"
+#include "quillon/changes/internal/change.h"
 
 #include <gtest/gtest.h>
 
@@ -6,8 +6,8 @@
 #include <string>
 
 #include "quillon/base/json.h"
-#include "quillon/base/operation_queue.h"
-#include "quillon/cache/cache.h"
+#include "quillon/base/internal/operation_queue.h"
+#include "quillon/cache/internal/cache.h"
 #include "quillon/graph/managed_object.h"
 #include "quillon/platform/main_queue.h"
 #include "quillon/store/store.h"

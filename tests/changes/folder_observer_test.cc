@@ -1,7 +1,7 @@
 // The folder observer on its own: the real folder monitor, the quiet period on
 // a manual clock, no store.
 
-#include "quillon/changes/folder_observer.h"
+#include "quillon/changes/internal/folder_observer.h"
 
 #include <gtest/gtest.h>
 

@@ -8,11 +8,11 @@
 #include <vector>
 
 #include "changes/two_computers.h"
-#include "quillon/base/dispatch_queue.h"
+#include "quillon/base/internal/dispatch_queue.h"
 #include "quillon/base/env.h"
 #include "quillon/base/json.h"
-#include "quillon/cache/cache.h"
-#include "quillon/changes/change_file_check.h"
+#include "quillon/cache/internal/cache.h"
+#include "quillon/changes/internal/change_file_check.h"
 #include "quillon/graph/managed_object.h"
 #include "support/fault_env.h"
 #include "support/store_stack.h"

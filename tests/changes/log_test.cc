@@ -7,11 +7,11 @@
 #include <thread>
 #include <vector>
 
-#include "quillon/base/date_format.h"
+#include "quillon/base/internal/date_format.h"
 #include "quillon/base/notification_center.h"
-#include "quillon/base/plist.h"
-#include "quillon/cache/cache.h"
-#include "quillon/coding/string_utils.h"
+#include "quillon/base/internal/plist.h"
+#include "quillon/cache/internal/cache.h"
+#include "quillon/coding/internal/string_utils.h"
 #include "quillon/graph/managed_object.h"
 #include "quillon/platform/main_queue.h"
 #include "quillon/store/quillon.h"

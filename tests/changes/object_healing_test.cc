@@ -2,7 +2,7 @@
 // two stores on one package for relations to deleted objects, and on the
 // in-memory graph for making the two sides of relations agree.
 
-#include "quillon/changes/object_healing.h"
+#include "quillon/changes/internal/object_healing.h"
 
 #include <gtest/gtest.h>
 

@@ -8,7 +8,7 @@
 
 #include "quillon/base/notification_center.h"
 #include "quillon/base/value.h"
-#include "quillon/cache/cache.h"
+#include "quillon/cache/internal/cache.h"
 #include "quillon/graph/fetch_request.h"
 #include "quillon/graph/managed_object.h"
 #include "quillon/store/quillon.h"

@@ -10,7 +10,7 @@
 
 #include "quillon/base/json.h"
 #include "quillon/changes/change_validator.h"
-#include "quillon/coding/data_utils.h"
+#include "quillon/coding/internal/data_utils.h"
 #include "quillon/platform/main_queue.h"
 #include "quillon/store/quillon.h"
 #include "quillon/store/store.h"

@@ -1,4 +1,4 @@
-#include "quillon/coding/data_utils.h"
+#include "quillon/coding/internal/data_utils.h"
 
 #include <gtest/gtest.h>
 

@@ -1,11 +1,11 @@
-#include "quillon/coding/dc_ns_coder.h"
+#include "quillon/coding/internal/dc_ns_coder.h"
 
 #include <gtest/gtest.h>
 
 #include "coding/dense_test_util.h"
-#include "quillon/coding/dc_ns_coding.h"
-#include "quillon/coding/dc_ns_decoder.h"
-#include "quillon/coding/dense_coder.h"
+#include "quillon/coding/internal/dc_ns_coding.h"
+#include "quillon/coding/internal/dc_ns_decoder.h"
+#include "quillon/coding/internal/dense_coder.h"
 
 namespace quillon {
 namespace {

@@ -1,12 +1,12 @@
-#include "quillon/coding/dense_coder.h"
+#include "quillon/coding/internal/dense_coder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "coding/dense_test_util.h"
 #include "quillon/base/error.h"
-#include "quillon/coding/dc_geometry_value.h"
-#include "quillon/coding/dc_index_set.h"
+#include "quillon/coding/internal/dc_geometry_value.h"
+#include "quillon/coding/internal/dc_index_set.h"
 
 namespace quillon {
 namespace {

@@ -3,7 +3,7 @@
 
 #include "coding/dense_test_util.h"
 #include "quillon/base/error.h"
-#include "quillon/coding/dense_coder.h"
+#include "quillon/coding/internal/dense_coder.h"
 
 namespace quillon {
 namespace {

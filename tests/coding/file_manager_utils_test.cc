@@ -1,4 +1,4 @@
-#include "quillon/coding/file_manager_utils.h"
+#include "quillon/coding/internal/file_manager_utils.h"
 
 #include <gtest/gtest.h>
 

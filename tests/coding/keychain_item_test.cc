@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "quillon/base/uuid.h"
+#include "quillon/base/internal/uuid.h"
 #include "quillon/platform/secret_store.h"
 #include "quillon/store/quillon.h"
 #include "support/secret_service_fixture.h"

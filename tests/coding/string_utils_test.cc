@@ -1,4 +1,4 @@
-#include "quillon/coding/string_utils.h"
+#include "quillon/coding/internal/string_utils.h"
 
 #include <gtest/gtest.h>
 

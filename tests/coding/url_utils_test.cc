@@ -1,4 +1,4 @@
-#include "quillon/coding/url_utils.h"
+#include "quillon/coding/internal/url_utils.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <functional>
 
-#include "quillon/base/user_defaults.h"
-#include "quillon/platform/volumes.h"
+#include "quillon/base/internal/user_defaults.h"
+#include "quillon/platform/internal/volumes.h"
 #include "support/fault_env.h"
 #include "support/private_home.h"
 #include "support/temp_dir.h"

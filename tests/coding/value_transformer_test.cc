@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "quillon/base/error.h"
-#include "quillon/base/uuid.h"
+#include "quillon/base/internal/uuid.h"
 #include "support/scoped_time_zone.h"
 
 namespace quillon {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "quillon/base/error.h"
-#include "quillon/base/uuid.h"
+#include "quillon/base/internal/uuid.h"
 #include "support/log_capture.h"
 
 namespace quillon {

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "quillon/graph/predicate.h"
-#include "quillon/graph/predicate_node.h"
+#include "quillon/graph/internal/predicate_node.h"
 
 namespace quillon::predicate_internal {
 namespace {

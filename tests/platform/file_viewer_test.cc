@@ -1,4 +1,4 @@
-#include "quillon/platform/file_viewer.h"
+#include "quillon/platform/internal/file_viewer.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "quillon/platform/localization.h"
+#include "quillon/platform/internal/localization.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>

@@ -1,4 +1,4 @@
-#include "quillon/platform/trash.h"
+#include "quillon/platform/internal/trash.h"
 
 #include <gtest/gtest.h>
 

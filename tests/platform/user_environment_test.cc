@@ -2,7 +2,7 @@
 #include <stdlib.h>
 
 #include "quillon/platform/standard_paths.h"
-#include "quillon/platform/user_info.h"
+#include "quillon/platform/internal/user_info.h"
 #include "support/private_home.h"
 
 namespace quillon {

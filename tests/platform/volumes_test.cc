@@ -1,8 +1,8 @@
-#include "quillon/platform/volumes.h"
+#include "quillon/platform/internal/volumes.h"
 
 #include <gtest/gtest.h>
 
-#include "quillon/platform/mount_table.h"
+#include "quillon/platform/internal/mount_table.h"
 
 namespace quillon {
 namespace {

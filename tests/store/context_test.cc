@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "quillon/base/env.h"
-#include "quillon/base/operation_queue.h"
+#include "quillon/base/internal/operation_queue.h"
 #include "quillon/graph/managed_object.h"
 #include "quillon/graph/managed_object_model.h"
 #include "quillon/store/persistent_store_coordinator.h"

@@ -7,15 +7,15 @@
 #include <vector>
 
 #include "quillon/base/env.h"
-#include "quillon/cache/cache.h"
-#include "quillon/cache/cache_item.h"
+#include "quillon/cache/internal/cache.h"
+#include "quillon/cache/internal/cache_item.h"
 #include "quillon/graph/fetch_request.h"
 #include "quillon/graph/managed_object.h"
 #include "quillon/graph/predicate.h"
 #include "quillon/graph/sort_descriptor.h"
 #include "quillon/platform/main_queue.h"
 #include "quillon/store/persistent_store_coordinator.h"
-#include "quillon/store/request_item.h"
+#include "quillon/store/internal/request_item.h"
 #include "quillon/store/store.h"
 #include "support/fault_env.h"
 #include "support/sample_models.h"

@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 
 #include "quillon/base/env.h"
-#include "quillon/base/plist.h"
-#include "quillon/coding/sea_crypto.h"
+#include "quillon/base/internal/plist.h"
+#include "quillon/coding/internal/sea_crypto.h"
 #include "support/temp_dir.h"
 
 namespace quillon {

@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "quillon/base/operation_queue.h"
+#include "quillon/base/internal/operation_queue.h"
 #include "quillon/platform/main_queue.h"
 
 namespace quillon {

@@ -10,7 +10,7 @@
 
 #include "quillon/base/json.h"
 #include "quillon/base/notification_center.h"
-#include "quillon/cache/cache.h"
+#include "quillon/cache/internal/cache.h"
 #include "quillon/graph/fetch_request.h"
 #include "quillon/graph/managed_object.h"
 #include "quillon/platform/main_queue.h"

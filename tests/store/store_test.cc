@@ -6,11 +6,11 @@
 #include <vector>
 
 #include "quillon/base/env.h"
-#include "quillon/base/operation_queue.h"
-#include "quillon/base/plist.h"
-#include "quillon/base/user_defaults.h"
-#include "quillon/base/uuid.h"
-#include "quillon/cache/cache.h"
+#include "quillon/base/internal/operation_queue.h"
+#include "quillon/base/internal/plist.h"
+#include "quillon/base/internal/user_defaults.h"
+#include "quillon/base/internal/uuid.h"
+#include "quillon/cache/internal/cache.h"
 #include "quillon/graph/fetch_request.h"
 #include "quillon/graph/managed_object.h"
 #include "quillon/graph/managed_object_model.h"

@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-#include "quillon/base/system_log.h"
+#include "quillon/base/internal/system_log.h"
 
 namespace quillon::testing {
 

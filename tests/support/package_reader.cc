@@ -12,7 +12,7 @@
 #include <set>
 
 #include "quillon/base/json.h"
-#include "quillon/base/plist.h"
+#include "quillon/base/internal/plist.h"
 
 namespace quillon {
 namespace {

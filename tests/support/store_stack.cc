@@ -1,7 +1,7 @@
 #include "support/store_stack.h"
 
-#include "quillon/base/operation_queue.h"
-#include "quillon/cache/cache.h"
+#include "quillon/base/internal/operation_queue.h"
+#include "quillon/cache/internal/cache.h"
 #include "quillon/platform/main_queue.h"
 #include "quillon/platform/standard_paths.h"
 #include "quillon/store/quillon.h"

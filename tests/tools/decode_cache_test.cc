@@ -4,11 +4,11 @@
 
 #include "quillon/base/env.h"
 #include "quillon/base/json.h"
-#include "quillon/base/plist.h"
-#include "quillon/coding/dc_geometry_value.h"
-#include "quillon/coding/dc_index_set.h"
-#include "quillon/coding/dense_coder.h"
-#include "quillon/coding/sea_crypto.h"
+#include "quillon/base/internal/plist.h"
+#include "quillon/coding/internal/dc_geometry_value.h"
+#include "quillon/coding/internal/dc_index_set.h"
+#include "quillon/coding/internal/dense_coder.h"
+#include "quillon/coding/internal/sea_crypto.h"
 #include "support/temp_dir.h"
 #include "support/tool_run.h"
 

@@ -7,9 +7,9 @@
 
 #include "quillon/base/env.h"
 #include "quillon/base/json.h"
-#include "quillon/base/plist.h"
-#include "quillon/base/uuid.h"
-#include "quillon/coding/sea_crypto.h"
+#include "quillon/base/internal/plist.h"
+#include "quillon/base/internal/uuid.h"
+#include "quillon/coding/internal/sea_crypto.h"
 #include "support/sample_models.h"
 #include "support/temp_dir.h"
 #include "support/tool_run.h"

@@ -11,7 +11,7 @@
 #include "package.h"
 #include "quillon/base/env.h"
 #include "quillon/base/json.h"
-#include "quillon/base/plist.h"
+#include "quillon/base/internal/plist.h"
 #include "tool.h"
 
 namespace quillon::tool {

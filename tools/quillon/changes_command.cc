@@ -11,7 +11,7 @@
 
 #include "package.h"
 #include "quillon/base/env.h"
-#include "quillon/changes/change_file_check.h"
+#include "quillon/changes/internal/change_file_check.h"
 #include "quillon/store/package_files.h"
 #include "quillon/store/package_layout.h"
 #include "tool.h"

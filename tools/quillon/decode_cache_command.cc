@@ -9,9 +9,9 @@
 
 #include "decoded_json.h"
 #include "quillon/base/error.h"
-#include "quillon/base/system_log.h"
-#include "quillon/coding/dense_coder.h"
-#include "quillon/coding/dense_format.h"
+#include "quillon/base/internal/system_log.h"
+#include "quillon/coding/internal/dense_coder.h"
+#include "quillon/coding/internal/dense_format.h"
 #include "tool.h"
 
 namespace quillon::tool {

@@ -3,10 +3,10 @@
 #include <cmath>
 #include <vector>
 
-#include "quillon/base/base64.h"
+#include "quillon/base/internal/base64.h"
 #include "quillon/base/json.h"
-#include "quillon/coding/dc_geometry_value.h"
-#include "quillon/coding/dc_index_set.h"
+#include "quillon/coding/internal/dc_geometry_value.h"
+#include "quillon/coding/internal/dc_index_set.h"
 #include "tool.h"
 
 namespace quillon::tool {

@@ -18,7 +18,7 @@
 #include "quillon/base/env.h"
 #include "quillon/base/error.h"
 #include "quillon/base/notification_center.h"
-#include "quillon/base/operation_queue.h"
+#include "quillon/base/internal/operation_queue.h"
 #include "quillon/base/url.h"
 #include "quillon/graph/fetch_request.h"
 #include "quillon/graph/managed_object.h"

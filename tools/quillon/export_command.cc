@@ -16,7 +16,7 @@
 
 #include "package.h"
 #include "quillon/base/env.h"
-#include "quillon/base/uuid.h"
+#include "quillon/base/internal/uuid.h"
 #include "quillon/platform/main_queue.h"
 #include "quillon/platform/standard_paths.h"
 #include "quillon/store/package_layout.h"

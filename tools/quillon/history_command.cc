@@ -13,9 +13,9 @@
 #include <string>
 
 #include "package.h"
-#include "quillon/base/date_format.h"
+#include "quillon/base/internal/date_format.h"
 #include "quillon/base/json.h"
-#include "quillon/cache/cache.h"
+#include "quillon/cache/internal/cache.h"
 #include "quillon/graph/managed_object.h"
 #include "tool.h"
 

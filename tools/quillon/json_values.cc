@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "package.h"
-#include "quillon/base/base64.h"
-#include "quillon/base/date_format.h"
+#include "quillon/base/internal/base64.h"
+#include "quillon/base/internal/date_format.h"
 #include "quillon/base/decimal.h"
-#include "quillon/cache/cache.h"
+#include "quillon/cache/internal/cache.h"
 #include "quillon/graph/attribute_description.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/graph/managed_object.h"

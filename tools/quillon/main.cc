@@ -7,7 +7,7 @@
 
 #include "quillon/base/env.h"
 #include "quillon/base/error.h"
-#include "quillon/base/system_log.h"
+#include "quillon/base/internal/system_log.h"
 #include "tool.h"
 
 namespace quillon::tool {

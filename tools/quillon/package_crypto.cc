@@ -3,7 +3,7 @@
 
 #include "quillon/base/env.h"
 #include "quillon/base/url.h"
-#include "quillon/coding/sea_crypto.h"
+#include "quillon/coding/internal/sea_crypto.h"
 #include "quillon/store/package_files.h"
 #include "tool.h"
 

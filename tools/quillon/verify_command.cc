@@ -19,10 +19,10 @@
 
 #include "package.h"
 #include "quillon/base/env.h"
-#include "quillon/changes/change_file_check.h"
-#include "quillon/coding/data_utils.h"
+#include "quillon/changes/internal/change_file_check.h"
+#include "quillon/coding/internal/data_utils.h"
 #include "quillon/store/package_files.h"
-#include "quillon/store/package_format.h"
+#include "quillon/store/internal/package_format.h"
 #include "quillon/store/package_layout.h"
 #include "tool.h"
 

@@ -1,4 +1,4 @@
-#include "quillon/base/base64.h"
+#include "quillon/base/internal/base64.h"
 
 #include <array>
 

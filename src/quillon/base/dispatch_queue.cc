@@ -1,4 +1,4 @@
-#include "quillon/base/dispatch_queue.h"
+#include "quillon/base/internal/dispatch_queue.h"
 
 #include <pthread.h>
 
@@ -6,7 +6,7 @@
 #include <exception>
 #include <utility>
 
-#include "quillon/base/system_log.h"
+#include "quillon/base/internal/system_log.h"
 
 namespace quillon {
 

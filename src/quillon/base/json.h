@@ -57,10 +57,10 @@ enum class JSONStyle {
 enum class JSONSlashes { Escaped, Plain };
 
 // Writes a Value tree as JSON text. Strings are escaped as \" \\ \/ \b \f \n
-// \r \t (\/ only with JSONSlashes::Escaped), other control characters as \u00xx, and everything else (non-ASCII
-// UTF-8 included) is written as is. Integers and booleans are written
-// exactly; floats and doubles in their shortest form that reads back to the
-// same number; decimals in their plain decimal text.
+// \r \t (\/ only with JSONSlashes::Escaped), other control characters as \u00xx, and everything
+// else (non-ASCII UTF-8 included) is written as is. Integers and booleans are written exactly;
+// floats and doubles in their shortest form that reads back to the same number; decimals in their
+// plain decimal text.
 //
 // Only null, booleans, numbers, strings (valid UTF-8), arrays and
 // dictionaries with string keys can be written. Anything else (nil, data,

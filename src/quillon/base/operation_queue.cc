@@ -1,4 +1,4 @@
-#include "quillon/base/operation_queue.h"
+#include "quillon/base/internal/operation_queue.h"
 
 #include <pthread.h>
 
@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "quillon/base/error.h"
-#include "quillon/base/system_log.h"
+#include "quillon/base/internal/system_log.h"
 
 namespace quillon {
 namespace {

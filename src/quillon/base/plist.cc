@@ -1,4 +1,4 @@
-#include "quillon/base/plist.h"
+#include "quillon/base/internal/plist.h"
 
 #include <plist/plist.h>
 

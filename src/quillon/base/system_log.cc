@@ -1,4 +1,4 @@
-#include "quillon/base/system_log.h"
+#include "quillon/base/internal/system_log.h"
 
 #include <cstdio>
 #include <mutex>

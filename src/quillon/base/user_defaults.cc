@@ -1,4 +1,4 @@
-#include "quillon/base/user_defaults.h"
+#include "quillon/base/internal/user_defaults.h"
 
 #include <cctype>
 #include <charconv>
@@ -7,8 +7,8 @@
 #include <memory>
 
 #include "quillon/base/env.h"
-#include "quillon/base/plist.h"
-#include "quillon/base/system_log.h"
+#include "quillon/base/internal/plist.h"
+#include "quillon/base/internal/system_log.h"
 
 namespace quillon {
 namespace {

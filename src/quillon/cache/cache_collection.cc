@@ -1,9 +1,9 @@
-#include "quillon/cache/cache_collection.h"
+#include "quillon/cache/internal/cache_collection.h"
 
 #include "quillon/base/env.h"
 #include "quillon/base/error.h"
-#include "quillon/cache/cache_item.h"
-#include "quillon/coding/dense_coder.h"
+#include "quillon/cache/internal/cache_item.h"
+#include "quillon/coding/internal/dense_coder.h"
 #include "quillon/store/package_files.h"
 
 namespace quillon {

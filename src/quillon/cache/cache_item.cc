@@ -1,13 +1,13 @@
-#include "quillon/cache/cache_item.h"
+#include "quillon/cache/internal/cache_item.h"
 
 #include <algorithm>
 #include <optional>
 
 #include "quillon/base/env.h"
-#include "quillon/cache/cache_collection.h"
-#include "quillon/coding/dc_ns_coder.h"
-#include "quillon/coding/dc_ns_decoder.h"
-#include "quillon/coding/string_utils.h"
+#include "quillon/cache/internal/cache_collection.h"
+#include "quillon/coding/internal/dc_ns_coder.h"
+#include "quillon/coding/internal/dc_ns_decoder.h"
+#include "quillon/coding/internal/string_utils.h"
 #include "quillon/coding/value_transformer.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/cache/cache_source.h"

@@ -1,9 +1,9 @@
-#include "quillon/cache/index_operation.h"
+#include "quillon/cache/internal/index_operation.h"
 
 #include "quillon/base/error.h"
-#include "quillon/base/system_log.h"
-#include "quillon/cache/cache.h"
-#include "quillon/cache/cache_item.h"
+#include "quillon/base/internal/system_log.h"
+#include "quillon/cache/internal/cache.h"
+#include "quillon/cache/internal/cache_item.h"
 #include "quillon/cache/cache_source.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/platform/main_queue.h"

@@ -1,20 +1,20 @@
-#include "quillon/changes/change.h"
+#include "quillon/changes/internal/change.h"
 
 #include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "quillon/base/date_format.h"
+#include "quillon/base/internal/date_format.h"
 #include "quillon/base/env.h"
 #include "quillon/base/json.h"
-#include "quillon/base/uuid.h"
-#include "quillon/cache/cache.h"
+#include "quillon/base/internal/uuid.h"
+#include "quillon/cache/internal/cache.h"
 #include "quillon/coding/value_transformer.h"
 #include "quillon/graph/entity_description.h"
-#include "quillon/store/package_format.h"
+#include "quillon/store/internal/package_format.h"
 #include "quillon/store/quillon.h"
-#include "quillon/store/save_operation.h"
+#include "quillon/store/internal/save_operation.h"
 #include "quillon/store/store.h"
 
 namespace quillon {

@@ -9,16 +9,16 @@
 #include <utility>
 #include <vector>
 
-#include "quillon/base/dispatch_queue.h"
+#include "quillon/base/internal/dispatch_queue.h"
 #include "quillon/base/env.h"
-#include "quillon/cache/cache.h"
-#include "quillon/cache/merge.h"
-#include "quillon/changes/change_file_check.h"
+#include "quillon/cache/internal/cache.h"
+#include "quillon/cache/internal/merge.h"
+#include "quillon/changes/internal/change_file_check.h"
 #include "quillon/changes/store_log.h"
-#include "quillon/coding/url_utils.h"
+#include "quillon/coding/internal/url_utils.h"
 #include "quillon/platform/main_queue.h"
 #include "quillon/store/package_files.h"
-#include "quillon/store/package_format.h"
+#include "quillon/store/internal/package_format.h"
 #include "quillon/store/quillon.h"
 
 namespace quillon {

@@ -1,4 +1,4 @@
-#include "quillon/changes/change_file_check.h"
+#include "quillon/changes/internal/change_file_check.h"
 
 #include <fmt/format.h>
 

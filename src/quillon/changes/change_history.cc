@@ -6,17 +6,17 @@
 #include <string>
 #include <utility>
 
-#include "quillon/base/date_format.h"
+#include "quillon/base/internal/date_format.h"
 #include "quillon/base/env.h"
-#include "quillon/base/system_log.h"
-#include "quillon/base/uuid.h"
-#include "quillon/changes/change_file_check.h"
+#include "quillon/base/internal/system_log.h"
+#include "quillon/base/internal/uuid.h"
+#include "quillon/changes/internal/change_file_check.h"
 #include "quillon/changes/store_log.h"
-#include "quillon/coding/file_manager_utils.h"
+#include "quillon/coding/internal/file_manager_utils.h"
 #include "quillon/coding/value_transformer.h"
-#include "quillon/platform/file_viewer.h"
+#include "quillon/platform/internal/file_viewer.h"
 #include "quillon/store/package_files.h"
-#include "quillon/store/package_format.h"
+#include "quillon/store/internal/package_format.h"
 #include "quillon/store/quillon.h"
 
 namespace quillon {

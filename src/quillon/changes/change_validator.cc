@@ -10,12 +10,12 @@
 #include "quillon/base/env.h"
 #include "quillon/base/error.h"
 #include "quillon/base/json.h"
-#include "quillon/cache/cache_item.h"
+#include "quillon/cache/internal/cache_item.h"
 #include "quillon/changes/store_log.h"
-#include "quillon/coding/data_utils.h"
-#include "quillon/coding/url_utils.h"
+#include "quillon/coding/internal/data_utils.h"
+#include "quillon/coding/internal/url_utils.h"
 #include "quillon/store/package_files.h"
-#include "quillon/store/package_format.h"
+#include "quillon/store/internal/package_format.h"
 #include "quillon/store/quillon.h"
 
 namespace quillon {

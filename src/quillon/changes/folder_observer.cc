@@ -1,12 +1,12 @@
-#include "quillon/changes/folder_observer.h"
+#include "quillon/changes/internal/folder_observer.h"
 
 #include <fmt/format.h>
 
 #include <atomic>
 
 #include "quillon/base/env.h"
-#include "quillon/base/system_log.h"
-#include "quillon/platform/directory_watcher.h"
+#include "quillon/base/internal/system_log.h"
+#include "quillon/platform/internal/directory_watcher.h"
 #include "quillon/platform/main_queue.h"
 #include "quillon/store/quillon.h"
 

@@ -8,13 +8,13 @@
 #include <utility>
 #include <vector>
 
-#include "quillon/base/date_format.h"
+#include "quillon/base/internal/date_format.h"
 #include "quillon/base/notification_center.h"
-#include "quillon/base/plist.h"
-#include "quillon/base/system_log.h"
-#include "quillon/cache/cache.h"
-#include "quillon/coding/file_manager_utils.h"
-#include "quillon/coding/string_utils.h"
+#include "quillon/base/internal/plist.h"
+#include "quillon/base/internal/system_log.h"
+#include "quillon/cache/internal/cache.h"
+#include "quillon/coding/internal/file_manager_utils.h"
+#include "quillon/coding/internal/string_utils.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/graph/fetch_request.h"
 #include "quillon/graph/managed_object_model.h"

@@ -1,4 +1,4 @@
-#include "quillon/changes/object_healing.h"
+#include "quillon/changes/internal/object_healing.h"
 
 #include <fmt/format.h>
 
@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "quillon/base/system_log.h"
+#include "quillon/base/internal/system_log.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/graph/managed_object.h"
 #include "quillon/graph/relationship_description.h"

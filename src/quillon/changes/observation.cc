@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "quillon/changes/folder_observer.h"
+#include "quillon/changes/internal/folder_observer.h"
 #include "quillon/store/store.h"
 
 namespace quillon {

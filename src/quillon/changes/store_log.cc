@@ -4,14 +4,14 @@
 #include <mutex>
 #include <vector>
 
-#include "quillon/base/date_format.h"
+#include "quillon/base/internal/date_format.h"
 #include "quillon/base/env.h"
 #include "quillon/base/notification_center.h"
-#include "quillon/base/plist.h"
-#include "quillon/coding/string_utils.h"
+#include "quillon/base/internal/plist.h"
+#include "quillon/coding/internal/string_utils.h"
 #include "quillon/platform/main_queue.h"
 #include "quillon/store/package_files.h"
-#include "quillon/store/package_format.h"
+#include "quillon/store/internal/package_format.h"
 #include "quillon/store/package_layout.h"
 #include "quillon/store/quillon.h"
 

@@ -1,4 +1,4 @@
-#include "quillon/coding/dc_geometry_value.h"
+#include "quillon/coding/internal/dc_geometry_value.h"
 
 #include <fmt/format.h>
 

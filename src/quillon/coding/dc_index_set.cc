@@ -1,4 +1,4 @@
-#include "quillon/coding/dc_index_set.h"
+#include "quillon/coding/internal/dc_index_set.h"
 
 #include <fmt/format.h>
 

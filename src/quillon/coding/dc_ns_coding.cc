@@ -1,4 +1,4 @@
-#include "quillon/coding/dc_ns_coding.h"
+#include "quillon/coding/internal/dc_ns_coding.h"
 
 #include <deque>
 #include <mutex>

@@ -1,4 +1,4 @@
-#include "quillon/coding/dc_ns_decoder.h"
+#include "quillon/coding/internal/dc_ns_decoder.h"
 
 #include <fmt/format.h>
 
@@ -6,10 +6,10 @@
 #include <unordered_set>
 
 #include "quillon/base/error.h"
-#include "quillon/coding/dc_geometry_value.h"
-#include "quillon/coding/dc_index_set.h"
-#include "quillon/coding/dense_coder.h"
-#include "quillon/coding/dense_format.h"
+#include "quillon/coding/internal/dc_geometry_value.h"
+#include "quillon/coding/internal/dc_index_set.h"
+#include "quillon/coding/internal/dense_coder.h"
+#include "quillon/coding/internal/dense_format.h"
 
 namespace quillon {
 

@@ -1,14 +1,14 @@
-#include "quillon/coding/dense_coder.h"
+#include "quillon/coding/internal/dense_coder.h"
 
 #include <fmt/format.h>
 
 #include <unordered_set>
 
 #include "quillon/base/error.h"
-#include "quillon/base/system_log.h"
-#include "quillon/coding/dc_ns_coder.h"
-#include "quillon/coding/dc_ns_decoder.h"
-#include "quillon/coding/dense_format.h"
+#include "quillon/base/internal/system_log.h"
+#include "quillon/coding/internal/dc_ns_coder.h"
+#include "quillon/coding/internal/dc_ns_decoder.h"
+#include "quillon/coding/internal/dense_format.h"
 
 namespace quillon {
 namespace {

@@ -1,8 +1,8 @@
-#include "quillon/coding/file_manager_utils.h"
+#include "quillon/coding/internal/file_manager_utils.h"
 
 #include <vector>
 
-#include "quillon/base/system_log.h"
+#include "quillon/base/internal/system_log.h"
 
 namespace quillon {
 

@@ -1,4 +1,4 @@
-#include "quillon/coding/sea_crypto.h"
+#include "quillon/coding/internal/sea_crypto.h"
 
 #include <openssl/core_names.h>
 #include <openssl/crypto.h>

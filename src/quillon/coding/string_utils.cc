@@ -1,4 +1,4 @@
-#include "quillon/coding/string_utils.h"
+#include "quillon/coding/internal/string_utils.h"
 
 #include <openssl/evp.h>
 
@@ -6,10 +6,10 @@
 #include <array>
 #include <mutex>
 
-#include "quillon/coding/data_utils.h"
-#include "quillon/coding/url_utils.h"
-#include "quillon/platform/localization.h"
-#include "quillon/platform/volumes.h"
+#include "quillon/coding/internal/data_utils.h"
+#include "quillon/coding/internal/url_utils.h"
+#include "quillon/platform/internal/localization.h"
+#include "quillon/platform/internal/volumes.h"
 
 namespace quillon {
 namespace {

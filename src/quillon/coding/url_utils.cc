@@ -1,11 +1,11 @@
-#include "quillon/coding/url_utils.h"
+#include "quillon/coding/internal/url_utils.h"
 
 #include <string_view>
 #include <unordered_map>
 #include <vector>
 
-#include "quillon/base/user_defaults.h"
-#include "quillon/platform/volumes.h"
+#include "quillon/base/internal/user_defaults.h"
+#include "quillon/platform/internal/volumes.h"
 
 namespace quillon {
 namespace {

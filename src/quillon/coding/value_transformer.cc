@@ -5,9 +5,9 @@
 #include <mutex>
 #include <system_error>
 
-#include "quillon/base/date_format.h"
+#include "quillon/base/internal/date_format.h"
 #include "quillon/base/error.h"
-#include "quillon/base/uuid.h"
+#include "quillon/base/internal/uuid.h"
 
 namespace quillon {
 

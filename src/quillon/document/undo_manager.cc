@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "quillon/base/error.h"
-#include "quillon/base/system_log.h"
-#include "quillon/base/uuid.h"
+#include "quillon/base/internal/system_log.h"
+#include "quillon/base/internal/uuid.h"
 
 namespace quillon {
 namespace {

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <typeinfo>
 
-#include "quillon/graph/text_folding.h"
+#include "quillon/graph/internal/text_folding.h"
 
 namespace quillon {
 namespace {

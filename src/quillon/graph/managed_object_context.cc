@@ -6,9 +6,9 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "quillon/base/dispatch_queue.h"
+#include "quillon/base/internal/dispatch_queue.h"
 #include "quillon/base/notification_center.h"
-#include "quillon/base/system_log.h"
+#include "quillon/base/internal/system_log.h"
 #include "quillon/graph/incremental_store_node.h"
 #include "quillon/graph/persistent_store_coordinator.h"
 #include "quillon/graph/save_changes_request.h"

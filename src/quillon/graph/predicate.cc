@@ -1,6 +1,6 @@
 #include "quillon/graph/predicate.h"
 
-#include "quillon/graph/predicate_node.h"
+#include "quillon/graph/internal/predicate_node.h"
 
 namespace quillon {
 

@@ -1,4 +1,4 @@
-#include "quillon/graph/predicate_node.h"
+#include "quillon/graph/internal/predicate_node.h"
 
 #include <array>
 #include <cinttypes>

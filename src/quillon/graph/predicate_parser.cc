@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "quillon/graph/predicate_node.h"
+#include "quillon/graph/internal/predicate_node.h"
 
 namespace quillon::predicate_internal {
 namespace {

@@ -5,7 +5,7 @@
 #include <deque>
 #include <numeric>
 
-#include "quillon/graph/text_folding.h"
+#include "quillon/graph/internal/text_folding.h"
 
 namespace quillon {
 

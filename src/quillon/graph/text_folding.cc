@@ -1,4 +1,4 @@
-#include "quillon/graph/text_folding.h"
+#include "quillon/graph/internal/text_folding.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "quillon/platform/directory_watcher.h"
+#include "quillon/platform/internal/directory_watcher.h"
 
 #include <gio/gio.h>
 #include <sys/stat.h>

@@ -1,8 +1,8 @@
-#include "quillon/platform/file_viewer.h"
+#include "quillon/platform/internal/file_viewer.h"
 
 #include <gio/gio.h>
 
-#include "quillon/base/system_log.h"
+#include "quillon/base/internal/system_log.h"
 
 namespace quillon {
 namespace {

@@ -16,7 +16,7 @@
 #include <thread>
 #include <utility>
 
-#include "quillon/base/system_log.h"
+#include "quillon/base/internal/system_log.h"
 
 namespace quillon {
 namespace {

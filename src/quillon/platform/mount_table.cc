@@ -1,4 +1,4 @@
-#include "quillon/platform/mount_table.h"
+#include "quillon/platform/internal/mount_table.h"
 
 #include <algorithm>
 #include <array>

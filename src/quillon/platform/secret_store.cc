@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "quillon/base/base64.h"
+#include "quillon/base/internal/base64.h"
 #include "quillon/base/json.h"
 #include "quillon/platform/standard_paths.h"
 

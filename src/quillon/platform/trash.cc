@@ -1,4 +1,4 @@
-#include "quillon/platform/trash.h"
+#include "quillon/platform/internal/trash.h"
 
 #include <errno.h>
 #include <gio/gio.h>
@@ -10,7 +10,7 @@
 
 #include "quillon/base/env.h"
 #include "quillon/base/url.h"
-#include "quillon/platform/volumes.h"
+#include "quillon/platform/internal/volumes.h"
 
 namespace quillon {
 namespace {

@@ -1,4 +1,4 @@
-#include "quillon/platform/user_info.h"
+#include "quillon/platform/internal/user_info.h"
 
 #include <glib.h>
 #include <sys/utsname.h>

@@ -1,4 +1,4 @@
-#include "quillon/platform/volumes.h"
+#include "quillon/platform/internal/volumes.h"
 
 #include <gio/gio.h>
 #include <limits.h>
@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "quillon/base/env.h"
-#include "quillon/platform/mount_table.h"
+#include "quillon/platform/internal/mount_table.h"
 
 namespace quillon {
 namespace {

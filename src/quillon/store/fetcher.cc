@@ -2,15 +2,15 @@
 
 #include <vector>
 
-#include "quillon/cache/cache.h"
-#include "quillon/cache/cache_item.h"
+#include "quillon/cache/internal/cache.h"
+#include "quillon/cache/internal/cache_item.h"
 #include "quillon/cache/cache_source.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/graph/fetch_request.h"
 #include "quillon/graph/managed_object.h"
 #include "quillon/graph/managed_object_context.h"
 #include "quillon/graph/relationship_description.h"
-#include "quillon/store/request_item.h"
+#include "quillon/store/internal/request_item.h"
 
 namespace quillon {
 namespace {

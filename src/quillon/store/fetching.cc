@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "quillon/cache/cache_item.h"
+#include "quillon/cache/internal/cache_item.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/graph/managed_object.h"
 #include "quillon/graph/managed_object_context.h"

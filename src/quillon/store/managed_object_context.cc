@@ -3,10 +3,10 @@
 #include <mutex>
 #include <unordered_set>
 
-#include "quillon/base/system_log.h"
+#include "quillon/base/internal/system_log.h"
 #include "quillon/base/url.h"
-#include "quillon/cache/cache.h"
-#include "quillon/changes/object_healing.h"
+#include "quillon/cache/internal/cache.h"
+#include "quillon/changes/internal/object_healing.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/graph/fetch_request.h"
 #include "quillon/graph/managed_object.h"

@@ -1,25 +1,25 @@
-#include "quillon/store/object_record.h"
+#include "quillon/store/internal/object_record.h"
 
 #include <mutex>
 #include <string>
 #include <unordered_set>
 #include <vector>
 
-#include "quillon/base/date_format.h"
+#include "quillon/base/internal/date_format.h"
 #include "quillon/base/decimal.h"
 #include "quillon/base/env.h"
 #include "quillon/base/version.h"
-#include "quillon/cache/cache.h"
-#include "quillon/changes/change.h"
-#include "quillon/coding/data_utils.h"
-#include "quillon/coding/string_utils.h"
+#include "quillon/cache/internal/cache.h"
+#include "quillon/changes/internal/change.h"
+#include "quillon/coding/internal/data_utils.h"
+#include "quillon/coding/internal/string_utils.h"
 #include "quillon/coding/value_transformer.h"
 #include "quillon/graph/attribute_description.h"
 #include "quillon/graph/managed_object.h"
 #include "quillon/graph/managed_object_context.h"
 #include "quillon/graph/relationship_description.h"
 #include "quillon/store/quillon.h"
-#include "quillon/store/save_operation.h"
+#include "quillon/store/internal/save_operation.h"
 #include "quillon/store/store.h"
 
 namespace quillon {

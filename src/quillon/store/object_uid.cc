@@ -2,8 +2,8 @@
 
 #include <fmt/format.h>
 
-#include "quillon/base/uuid.h"
-#include "quillon/coding/string_utils.h"
+#include "quillon/base/internal/uuid.h"
+#include "quillon/coding/internal/string_utils.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/graph/managed_object.h"
 

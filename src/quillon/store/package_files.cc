@@ -6,11 +6,11 @@
 #include <cerrno>
 
 #include "quillon/base/env.h"
-#include "quillon/base/plist.h"
-#include "quillon/base/system_log.h"
-#include "quillon/coding/sea_crypto.h"
-#include "quillon/coding/url_utils.h"
-#include "quillon/store/package_format.h"
+#include "quillon/base/internal/plist.h"
+#include "quillon/base/internal/system_log.h"
+#include "quillon/coding/internal/sea_crypto.h"
+#include "quillon/coding/internal/url_utils.h"
+#include "quillon/store/internal/package_format.h"
 
 namespace quillon {
 

@@ -6,8 +6,8 @@
 
 #include "quillon/base/env.h"
 #include "quillon/base/version.h"
-#include "quillon/coding/data_utils.h"
-#include "quillon/store/package_format.h"
+#include "quillon/coding/internal/data_utils.h"
+#include "quillon/store/internal/package_format.h"
 
 namespace quillon {
 namespace {

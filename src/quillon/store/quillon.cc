@@ -6,8 +6,8 @@
 #include <atomic>
 #include <mutex>
 
-#include "quillon/base/system_log.h"
-#include "quillon/base/user_defaults.h"
+#include "quillon/base/internal/system_log.h"
+#include "quillon/base/internal/user_defaults.h"
 #include "quillon/base/version.h"
 #include "quillon/store/store.h"
 

@@ -1,10 +1,10 @@
 #include "quillon/store/quillon_package.h"
 
 #include "quillon/base/env.h"
-#include "quillon/base/operation_queue.h"
+#include "quillon/base/internal/operation_queue.h"
 #include "quillon/base/url.h"
-#include "quillon/cache/cache.h"
-#include "quillon/coding/sea_crypto.h"
+#include "quillon/cache/internal/cache.h"
+#include "quillon/coding/internal/sea_crypto.h"
 #include "quillon/platform/main_queue.h"
 #include "quillon/store/quillon.h"
 

@@ -5,13 +5,13 @@
 #include <chrono>
 #include <limits>
 
-#include "quillon/base/date_format.h"
-#include "quillon/base/system_log.h"
-#include "quillon/cache/cache_item.h"
-#include "quillon/coding/url_utils.h"
+#include "quillon/base/internal/date_format.h"
+#include "quillon/base/internal/system_log.h"
+#include "quillon/cache/internal/cache_item.h"
+#include "quillon/coding/internal/url_utils.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/store/package_files.h"
-#include "quillon/store/package_format.h"
+#include "quillon/store/internal/package_format.h"
 #include "quillon/store/quillon.h"
 
 namespace quillon {

@@ -1,6 +1,6 @@
-#include "quillon/store/request_item.h"
+#include "quillon/store/internal/request_item.h"
 
-#include "quillon/cache/cache_item.h"
+#include "quillon/cache/internal/cache_item.h"
 #include "quillon/cache/cache_source.h"
 #include "quillon/graph/entity_description.h"
 #include "quillon/graph/managed_object_context.h"

@@ -1,10 +1,10 @@
-#include "quillon/store/save_operation.h"
+#include "quillon/store/internal/save_operation.h"
 
 #include <fmt/format.h>
 
 #include "quillon/base/error.h"
 #include "quillon/base/json.h"
-#include "quillon/cache/cache.h"
+#include "quillon/cache/internal/cache.h"
 #include "quillon/store/store.h"
 
 namespace quillon {

@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-#include "quillon/base/operation_queue.h"
+#include "quillon/base/internal/operation_queue.h"
 #include "quillon/base/version.h"
 #include "quillon/platform/main_queue.h"
 

@@ -9,14 +9,14 @@
 #include <utility>
 #include <vector>
 
-#include "quillon/base/date_format.h"
-#include "quillon/base/dispatch_queue.h"
+#include "quillon/base/internal/date_format.h"
+#include "quillon/base/internal/dispatch_queue.h"
 #include "quillon/base/env.h"
 #include "quillon/base/notification_center.h"
-#include "quillon/base/operation_queue.h"
+#include "quillon/base/internal/operation_queue.h"
 #include "quillon/base/version.h"
-#include "quillon/cache/cache.h"
-#include "quillon/changes/change.h"
+#include "quillon/cache/internal/cache.h"
+#include "quillon/changes/internal/change.h"
 #include "quillon/graph/fetch_request.h"
 #include "quillon/graph/managed_object.h"
 #include "quillon/graph/managed_object_context.h"
@@ -24,7 +24,7 @@
 #include "quillon/graph/persistent_store_coordinator.h"
 #include "quillon/graph/save_changes_request.h"
 #include "quillon/platform/main_queue.h"
-#include "quillon/store/object_record.h"
+#include "quillon/store/internal/object_record.h"
 #include "quillon/store/progress_sink.h"
 #include "quillon/store/quillon.h"
 #include "quillon/store/store.h"

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "quillon/base/error.h"
-#include "quillon/base/operation_queue.h"
+#include "quillon/base/internal/operation_queue.h"
 #include "quillon/base/url.h"
 #include "quillon/base/value.h"
 #include "quillon/graph/managed_object_id.h"

@@ -7,7 +7,7 @@
 
 #include "quillon/base/url.h"
 #include "quillon/base/value.h"
-#include "quillon/coding/dc_ns_coding.h"
+#include "quillon/coding/internal/dc_ns_coding.h"
 #include "quillon/graph/managed_object_id.h"
 
 namespace quillon {

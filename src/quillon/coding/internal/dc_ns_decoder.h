@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "quillon/base/value.h"
-#include "quillon/coding/dc_class_definition.h"
-#include "quillon/coding/dc_ns_coding.h"
-#include "quillon/coding/dense_format.h"
+#include "quillon/coding/internal/dc_class_definition.h"
+#include "quillon/coding/internal/dc_ns_coding.h"
+#include "quillon/coding/internal/dense_format.h"
 
 namespace quillon {
 

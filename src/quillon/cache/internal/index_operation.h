@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "quillon/base/operation_queue.h"
+#include "quillon/base/internal/operation_queue.h"
 
 namespace quillon {
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "quillon/base/value.h"
-#include "quillon/coding/dc_class_definition.h"
+#include "quillon/coding/internal/dc_class_definition.h"
 
 namespace quillon {
 

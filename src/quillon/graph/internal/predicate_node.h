@@ -20,7 +20,7 @@
 #include "quillon/base/error.h"
 #include "quillon/base/value.h"
 #include "quillon/graph/key_value_coding.h"
-#include "quillon/graph/text_folding.h"
+#include "quillon/graph/internal/text_folding.h"
 
 namespace quillon::predicate_internal {
 

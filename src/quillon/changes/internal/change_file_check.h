@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "quillon/base/value.h"
-#include "quillon/store/package_format.h"
+#include "quillon/store/internal/package_format.h"
 
 namespace quillon {
 
