@@ -5,18 +5,18 @@
 
 #include <algorithm>
 #include <map>
-#include <span>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "changes/two_computers.h"
-#include "quillon/base/internal/date_format.h"
 #include "quillon/base/env.h"
+#include "quillon/base/internal/date_format.h"
 #include "quillon/base/json.h"
 #include "quillon/graph/fetch_request.h"
-#include "quillon/store/package_layout.h"
 #include "quillon/platform/main_queue.h"
+#include "quillon/store/package_layout.h"
 #include "support/store_stack.h"
 #include "support/temp_dir.h"
 #include "support/tool_run.h"
@@ -32,30 +32,14 @@ using Strings = std::vector<std::string>;
 // uid → "title/priority" of every note a store answers.
 using Notes = std::map<std::string, std::string>;
 
-class ChangeHistoryTest : public ::testing::Test {
+class ChangeHistoryTest : public testing::TwoComputersTest {
  protected:
-  void SetUp() override { QuillonStore::setObservationLatency(3600); }
-  void TearDown() override {
-    seen.reset();
-    b.reset();
-    a.reset();
-    QuillonStore::setObservationLatency(2.0);
-  }
-
+  ChangeHistoryTest() : TwoComputersTest("quillon-history") {}
+  // Each computer's context takes part in external updates.
   std::unique_ptr<StoreStack> open(const std::string& machine) {
-    std::unique_ptr<StoreStack> stack;
-    {
-      ScopedCacheHome home(dir.file("cache-" + machine));
-      stack = std::make_unique<StoreStack>(package, Value(), machine);
-    }
-    EXPECT_TRUE(stack->waitUntilReady());
+    auto stack = TwoComputersTest::open(machine);
     fetchNotes(*stack);
     return stack;
-  }
-  void update(StoreStack& stack) {
-    stack.store->updateChanges();
-    ASSERT_TRUE(stack.waitUntilReady());
-    MainQueue::drain();
   }
   static Notes notes(StoreStack& stack) {
     Notes all;
@@ -71,11 +55,6 @@ class ChangeHistoryTest : public ::testing::Test {
     return static_cast<size_t>(std::count(messages.begin(), messages.end(), "Reset Log"));
   }
   std::string read(const std::string& relative) { return dir.read("Doc.quillon/" + relative); }
-
-  TempDir dir{"quillon-history"};
-  std::string package = dir.file("Doc.quillon");
-  std::unique_ptr<StoreStack> a, b;
-  std::unique_ptr<ExternalChanges> seen;
 };
 
 // Moves the package's first change (its file and records) to a name of the
@@ -282,10 +261,10 @@ TEST_F(ChangeHistoryTest, RemovingAnInsertRemovesEveryRecordOfItsObjects) {
 
   // An insert: the object did not exist before, so every record goes, the
   // later change's included. A set of uids and an unknown entity are fine.
-  a->store->removeChange(
-      Value::dictionary({{"name", insert}}),
-      Value::dictionary({{"Note", Value::set({Value(storeUID(*first))})}, {"Nope", Value::array({"x"})}}),
-      true);
+  a->store->removeChange(Value::dictionary({{"name", insert}}),
+                         Value::dictionary({{"Note", Value::set({Value(storeUID(*first))})},
+                                            {"Nope", Value::array({"x"})}}),
+                         true);
   EXPECT_FALSE(env->exists(firstFolder));
   EXPECT_TRUE(env->exists(secondFolder + "/" + insert));
 }

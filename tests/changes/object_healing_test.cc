@@ -28,28 +28,14 @@ bool contains(const std::vector<std::string>& lines, std::string_view text) {
   return std::find(lines.begin(), lines.end(), text) != lines.end();
 }
 
-class HealingAcrossComputersTest : public ::testing::Test {
+class HealingAcrossComputersTest : public testing::TwoComputersTest {
  protected:
-  void SetUp() override { QuillonStore::setObservationLatency(3600); }
-  void TearDown() override {
-    b.reset();
-    a.reset();
-    QuillonStore::setObservationLatency(2.0);
-  }
+  HealingAcrossComputersTest() : TwoComputersTest("quillon-healing") {}
+  // Each computer's context takes part in external updates.
   std::unique_ptr<StoreStack> open(const std::string& machine) {
-    std::unique_ptr<StoreStack> stack;
-    {
-      ScopedCacheHome home(dir.file("cache-" + machine));
-      stack = std::make_unique<StoreStack>(package, Value(), machine);
-    }
-    EXPECT_TRUE(stack->waitUntilReady());
+    auto stack = TwoComputersTest::open(machine);
     fetchNotes(*stack);
     return stack;
-  }
-  void update(StoreStack& stack) {
-    stack.store->updateChanges();
-    ASSERT_TRUE(stack.waitUntilReady());
-    MainQueue::drain();
   }
   ManagedObjectPtr insert(StoreStack& stack, std::string_view entity, std::string_view key,
                           std::string_view value) {
@@ -62,10 +48,6 @@ class HealingAcrossComputersTest : public ::testing::Test {
     return stack.context->existingObjectWithID(
         stack.store->newObjectIDForEntity(object->entity(), Value(storeUID(*object))));
   }
-
-  TempDir dir{"quillon-healing"};
-  std::string package = dir.file("Doc.quillon");
-  std::unique_ptr<StoreStack> a, b;
 };
 
 TEST_F(HealingAcrossComputersTest, ANoteWhoseFolderWasDeletedElsewhereSavesWithoutIt) {
@@ -176,8 +158,9 @@ TEST_F(RelationRepairTest, RecoveryHealsOnlyRelationErrorsOfItsCode) {
       Error(std::string(kCocoaErrorDomain), kValidationMissingMandatoryPropertyError, info)));
   EXPECT_FALSE(qlAttemptRecoveryFromPossibleCascadeDeleteRuleFailureError(
       Error("OtherDomain", kManagedObjectValidationError, info)));
-  Value attribute = Value::dictionary({{std::string(kValidationObjectErrorKey), Value::object(note)},
-                                       {std::string(kValidationKeyErrorKey), Value("title")}});
+  Value attribute =
+      Value::dictionary({{std::string(kValidationObjectErrorKey), Value::object(note)},
+                         {std::string(kValidationKeyErrorKey), Value("title")}});
   EXPECT_FALSE(qlAttemptRecoveryFromPossibleCascadeDeleteRuleFailureError(
       Error(std::string(kCocoaErrorDomain), kManagedObjectValidationError, attribute)));
   EXPECT_EQ(note->value("title"), Value("n"));
@@ -185,9 +168,11 @@ TEST_F(RelationRepairTest, RecoveryHealsOnlyRelationErrorsOfItsCode) {
   // A member deleted in this context: the 1550 error of the graph heals.
   ManagedObjectPtr gone = insert("Note");
   gone->setValue("title", Value("gone"));
-  ASSERT_TRUE(tag->setPrimitiveValue("notes", Value::set({Value::object(note), Value::object(gone)})));
+  ASSERT_TRUE(
+      tag->setPrimitiveValue("notes", Value::set({Value::object(note), Value::object(gone)})));
   stack_.context->deleteObject(gone);
-  ASSERT_TRUE(tag->setPrimitiveValue("notes", Value::set({Value::object(note), Value::object(gone)})));
+  ASSERT_TRUE(
+      tag->setPrimitiveValue("notes", Value::set({Value::object(note), Value::object(gone)})));
   Error error;
   ASSERT_FALSE(tag->validateForInsert(&error));
   ASSERT_EQ(error.code(), kManagedObjectValidationError);

@@ -2,6 +2,8 @@
 
 // Helpers for tests in which two stores (two "computers") share one package.
 
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -11,6 +13,7 @@
 #include "quillon/cache/internal/cache.h"
 #include "quillon/graph/fetch_request.h"
 #include "quillon/graph/managed_object.h"
+#include "quillon/platform/main_queue.h"
 #include "quillon/store/quillon.h"
 #include "quillon/store/store.h"
 #include "support/store_stack.h"
@@ -97,5 +100,43 @@ inline std::vector<Value> fetchNotes(StoreStack& stack) {
   FetchRequest request("Note");
   return stack.context->executeFetchRequest(request);
 }
+
+// Two or more computers on one package in one process: each opened with
+// its own local cache folder and machine name. Updates run when the test
+// says, never from folder events.
+class TwoComputersTest : public ::testing::Test {
+ protected:
+  explicit TwoComputersTest(std::string_view folderPrefix) : dir(folderPrefix) {}
+  void SetUp() override { QuillonStore::setObservationLatency(3600); }
+  void TearDown() override {
+    seen.reset();
+    b.reset();
+    a.reset();
+    QuillonStore::setObservationLatency(2.0);
+  }
+
+  // Opens the package as `machine` and waits until it is ready.
+  std::unique_ptr<StoreStack> open(const std::string& machine, Value options = Value()) {
+    Value all = Value::mutableDictionary();
+    if (options.isDictionary()) {
+      for (const auto& [key, value] : options.items()) all.set(key, value);
+    }
+    all.set(kQuillonCacheDirectoryOption, Value(dir.file("cache-" + machine)));
+    auto stack = std::make_unique<StoreStack>(package, all, machine);
+    EXPECT_TRUE(stack->waitUntilReady());
+    return stack;
+  }
+  // Applies what is new in the package and waits for the pass to end.
+  void update(StoreStack& stack) {
+    stack.store->updateChanges();
+    ASSERT_TRUE(stack.waitUntilReady());
+    MainQueue::drain();
+  }
+
+  TempDir dir;
+  std::string package = dir.file("Doc.quillon");
+  std::unique_ptr<StoreStack> a, b;
+  std::unique_ptr<ExternalChanges> seen;
+};
 
 }  // namespace quillon::testing

@@ -25,26 +25,9 @@ using testing::logContains;
 using testing::loggedChangeNames;
 using Strings = std::vector<std::string>;
 
-class UpdateTest : public ::testing::Test {
+class UpdateTest : public testing::TwoComputersTest {
  protected:
-  // Updates here run when the test says, never from folder events.
-  void SetUp() override { QuillonStore::setObservationLatency(3600); }
-  void TearDown() override {
-    seen.reset();
-    b.reset();
-    a.reset();
-    QuillonStore::setObservationLatency(2.0);
-  }
-
-  std::unique_ptr<StoreStack> open(const std::string& machine, Value options = Value()) {
-    std::unique_ptr<StoreStack> stack;
-    {
-      ScopedCacheHome home(dir.file("cache-" + machine));
-      stack = std::make_unique<StoreStack>(package, options, machine);
-    }
-    EXPECT_TRUE(stack->waitUntilReady());
-    return stack;
-  }
+  UpdateTest() : TwoComputersTest("quillon-update") {}
   // Opens computer A and computer B; B's context takes part in updates and
   // `seen` records what it is told.
   void openBoth() {
@@ -52,11 +35,6 @@ class UpdateTest : public ::testing::Test {
     b = open("B");
     fetchNotes(*b);
     seen = std::make_unique<ExternalChanges>(b->context.get());
-  }
-  void update(StoreStack& stack) {
-    stack.store->updateChanges();
-    ASSERT_TRUE(stack.waitUntilReady());
-    MainQueue::drain();
   }
   // Lets B's ten-second retry of a held-back update run.
   void retry() {
@@ -68,11 +46,7 @@ class UpdateTest : public ::testing::Test {
     return package + "/Entities/Note/" + uid + "/" + change;
   }
 
-  TempDir dir{"quillon-update"};
-  std::string package = dir.file("Doc.quillon");
   testing::ManualClock clock;
-  std::unique_ptr<StoreStack> a, b;
-  std::unique_ptr<ExternalChanges> seen;
 };
 
 // Inserts, updates and deletes arriving through folder events: e2e/two_stores_test.
