@@ -109,6 +109,28 @@ bool QuillonCache::checkWritePermissionsForStoreURL(const Url& storeURL) {
 
 // ---- Life ----
 
+class QuillonCache::Edit {
+ public:
+  explicit Edit(QuillonCache& cache) : cache_(cache) { cache_.editsBegun_.fetch_add(1); }
+  ~Edit() { cache_.editsEnded_.fetch_add(1); }
+  Edit(const Edit&) = delete;
+  Edit& operator=(const Edit&) = delete;
+
+ private:
+  QuillonCache& cache_;
+};
+
+QuillonCache::LoadTicket QuillonCache::beginLoad() const {
+  // Ended first: begun can only be equal to it when nothing ran between.
+  const uint64_t ended = editsEnded_.load();
+  const uint64_t begun = editsBegun_.load();
+  return LoadTicket{begun, begun == ended};
+}
+
+bool QuillonCache::loadStillCurrent(const LoadTicket& ticket) const {
+  return ticket.quiet && editsBegun_.load() == ticket.editsBegun;
+}
+
 QuillonCache::QuillonCache(QuillonCacheSource* source, std::shared_ptr<PackageFiles> files)
     : source_(source),
       files_(std::move(files)),
@@ -190,6 +212,7 @@ std::shared_ptr<QuillonCacheArray> QuillonCache::storedChangeLog() const {
 }
 
 void QuillonCache::installChangeLog(const std::shared_ptr<QuillonCacheArray>& log) {
+  Edit edit(*this);
   postChangesNotice([&] {
     std::lock_guard lock(changeLogMutex_);
     changeLog_ = log;
@@ -200,6 +223,7 @@ void QuillonCache::installChangeLog(const std::shared_ptr<QuillonCacheArray>& lo
 size_t QuillonCache::keepAgreeingChanges(const std::vector<std::string>& names) {
   std::shared_ptr<QuillonCacheArray> log = changeLog();
   if (!log) return 0;
+  Edit edit(*this);
   std::lock_guard lock(log->lock());
   Value logged = log->content();
   size_t agreeing = 0;
@@ -229,6 +253,7 @@ void QuillonCache::addExternalChange(const Value& change, const Value& loaded) {
 }
 
 void QuillonCache::addChange(const Value& change, bool isExternal, const Value& loaded) {
+  Edit edit(*this);
   std::shared_ptr<QuillonCacheArray> log;
   bool created = false;
   {
@@ -294,6 +319,7 @@ void QuillonCache::installLoadedItems(const Value& loaded) {
 }
 
 void QuillonCache::removeChange(const Value& change, bool isExternal) {
+  Edit edit(*this);
   std::shared_ptr<QuillonCacheArray> log = changeLog();
   postChangesNotice([&] {
     // The top-level "inserts", not the insert section addChange reads.
@@ -377,6 +403,7 @@ Value QuillonCache::changesHistoryForObjectID(const ManagedObjectIDPtr& objectID
 }
 
 void QuillonCache::updateChangeNames() {
+  Edit edit(*this);
   std::shared_ptr<QuillonCacheArray> log = changeLog();
   Value names = Value::mutableSet();
   auto install = [&] {
@@ -560,13 +587,16 @@ std::shared_ptr<QuillonCacheItem> QuillonCache::cacheItemForObjectID(
   std::string uid = storeUID(*objectID);
   std::shared_ptr<QuillonCacheItem> item = itemInShard(shard, uid);
   if (item) return item;
+  const LoadTicket ticket = beginLoad();
   item = loadValuesForObjectID(objectID, context, shard);
   if (!item) return nullptr;
   // The load ran without the shard's lock; a save may have stored a newer
   // item meanwhile, which a load from the records must not replace.
   std::lock_guard lock(shard->lock());
   if (std::shared_ptr<QuillonCacheItem> stored = itemInShard(shard, uid)) return stored;
-  shard->setValue(Value::object(item), uid);
+  // A change applied during the load may have made the item old: it serves
+  // this caller, and the next one loads again.
+  if (loadStillCurrent(ticket)) shard->setValue(Value::object(item), uid);
   return item;
 }
 
@@ -583,6 +613,7 @@ Value QuillonCache::valuesForObjectID(const ManagedObjectIDPtr& objectID,
   std::string uid = storeUID(*objectID);
   std::shared_ptr<QuillonCacheItem> item = itemInShard(shard, uid);
   if (!item || item->attributes().isNil()) {
+    const LoadTicket ticket = beginLoad();
     std::shared_ptr<QuillonCacheItem> loaded = source_->loadValuesForObjectID(objectID, context, Value());
     if (!loaded) return Value();
     std::lock_guard lock(shard->lock());
@@ -592,7 +623,7 @@ Value QuillonCache::valuesForObjectID(const ManagedObjectIDPtr& objectID,
       item = stored;
     } else {
       item = loaded;
-      shard->setValue(Value::object(item), uid);
+      if (loadStillCurrent(ticket)) shard->setValue(Value::object(item), uid);
     }
   }
   return item->valuesForObjectID(objectID, source_, context);
@@ -630,6 +661,7 @@ bool QuillonCache::removeObjectID(const ManagedObjectIDPtr& objectID) {
   std::shared_ptr<QuillonCacheDictionary> shard = cacheForObjectID(objectID);
   if (!shard) return false;
   std::string uid = storeUID(*objectID);
+  Edit edit(*this);
   std::lock_guard lock(shard->lock());
   if (shard->valueForKey(uid).isNil()) return false;
   shard->removeObjectForKey(uid);
@@ -716,6 +748,7 @@ void QuillonCache::saveInBundle() {
 }
 
 void QuillonCache::reset() {
+  Edit edit(*this);
   if (!url_.isEmpty()) files_->env()->removeItem(url_.path());
   {
     std::lock_guard lock(entitiesMutex_);
