@@ -725,15 +725,62 @@ std::vector<std::shared_ptr<QuillonCacheCollection>> QuillonCache::shardsAndUIDS
   return all;
 }
 
+// The change log says which changes the shards and uid sets reflect, so it
+// must never be on disk ahead of them: a process killed or a power cut in
+// the middle of a save would leave a log that lists changes whose objects
+// the other files lack, and nothing would ever apply them again. So the old
+// log goes first, then the shards and uid sets are written and flushed, and
+// only then the new log. Interrupted anywhere, the folder holds no log, and
+// the next open rebuilds the cache from the package; shards newer than a log
+// are harmless, since applying the changes after the log drops and reloads
+// every object they touch.
 void QuillonCache::save() {
-  if (!url_.isEmpty()) files_->env()->createDirectories(url_.path());
-  std::vector<std::shared_ptr<QuillonCacheCollection>> all = shardsAndUIDSets();
-  for (auto& collection : all) {
-    // Clean collections would only take a queue slot to find nothing to do.
-    if (!collection->invalid()) continue;
-    saveQueue_->addOperationWithBlock([collection] { collection->saveIfNeeded(); });
+  std::shared_ptr<QuillonCacheArray> log = changeLog();
+  if (url_.isEmpty()) {
+    terminated_.store(true);
+    return;
   }
-  if (std::shared_ptr<QuillonCacheArray> log = changeLog()) log->saveIfNeeded();
+  Env* env = files_->env();
+  std::vector<std::shared_ptr<QuillonCacheCollection>> dirty;
+  for (auto& collection : shardsAndUIDSets()) {
+    // Clean collections would only take a queue slot to find nothing to do.
+    if (collection->invalid()) dirty.push_back(std::move(collection));
+  }
+  if (dirty.empty() && (!log || !log->invalid())) {
+    terminated_.store(true);
+    return;
+  }
+  bool fine = !env->createDirectories(url_.path());
+  const std::optional<Url> logURL = URLForKey(kChangeLogKey);
+  const std::string logPath = logURL ? logURL->appendingPathExtension("fast").path() : "";
+  if (!dirty.empty() && !logPath.empty() && env->exists(logPath)) {
+    fine = !env->removeItem(logPath) && fine;
+    fine = !env->syncFiles({url_.path()}) && fine;  // the folder: the log's name is gone for good
+    if (log) log->setInvalid(true);
+  }
+  std::mutex mutex;
+  std::vector<std::string> written;
+  std::atomic<bool> failed{false};
+  for (auto& collection : dirty) {
+    saveQueue_->addOperationWithBlock([collection, &mutex, &written, &failed] {
+      std::string path;
+      if (!collection->writeIfNeeded(false, &path)) failed.store(true);
+      if (path.empty()) return;
+      std::lock_guard lock(mutex);
+      written.push_back(std::move(path));
+    });
+  }
+  saveQueue_->waitUntilAllOperationsAreFinished();
+  fine = fine && !failed.load();
+  if (fine && !written.empty()) fine = !env->syncFiles(written);
+  if (fine) {
+    if (log) log->saveIfNeeded();
+  } else {
+    // Without a log the next open starts from scratch; a log without the
+    // files it describes would hide objects for good.
+    systemLog("The local cache could not be written; it is rebuilt on the next open");
+    if (!logPath.empty()) (void)env->removeItem(logPath);  // may not exist; nothing else to try
+  }
   terminated_.store(true);
 }
 
