@@ -5,6 +5,10 @@
 
 #include "quillon/base/base64.h"
 #include "quillon/base/json.h"
+#include "quillon/graph/fetch_request.h"
+#include "quillon/graph/managed_object.h"
+#include "quillon/graph/managed_object_context.h"
+#include "quillon/store/object_uid.h"
 
 namespace quillon::testing {
 namespace {
@@ -92,6 +96,37 @@ Value stateFromFetch(const Value& folders, const Value& notes) {
     const Value& data = note.get("data").get("$base64");
     if (data.isString()) values.set(Value::string("data"), data);
     state.set(note.get("$id"), values);
+  }
+  return state;
+}
+
+Value stateFromContext(ManagedObjectContext& context) {
+  auto pathOf = [](const Value& member) -> std::string {
+    auto object = std::dynamic_pointer_cast<ManagedObject>(member.objectValue());
+    return object && object->objectID() ? storeSavePath(*object->objectID()) : std::string();
+  };
+  Value state = Value::mutableDictionary();
+  for (const ManagedObjectPtr& folder : context.fetchObjects(FetchRequest("Folder"))) {
+    Value values = Value::mutableDictionary();
+    Value name = folder->value("name");
+    if (name.isString()) values.set(Value::string("name"), name);
+    std::set<std::string> notes;
+    Value members = folder->value("notes");
+    if (members.isContainer()) {
+      for (const Value& member : members.elements()) notes.insert(pathOf(member));
+    }
+    values.set(Value::string("notes"), sortedPaths(notes));
+    state.set(Value::string(storeSavePath(*folder->objectID())), values);
+  }
+  for (const ManagedObjectPtr& note : context.fetchObjects(FetchRequest("Note"))) {
+    Value values = Value::mutableDictionary();
+    Value title = note->value("title");
+    if (title.isString()) values.set(Value::string("title"), title);
+    Value folder = note->value("folder");
+    if (!folder.isNil()) values.set(Value::string("folder"), Value::string(pathOf(folder)));
+    Value data = note->value("data");
+    if (data.isData()) values.set(Value::string("data"), Value::string(base64Encode(data.bytes())));
+    state.set(Value::string(storeSavePath(*note->objectID())), values);
   }
   return state;
 }

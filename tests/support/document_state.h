@@ -6,6 +6,10 @@
 #include "quillon/base/value.h"
 #include "support/package_reader.h"
 
+namespace quillon {
+class ManagedObjectContext;
+}
+
 namespace quillon::testing {
 
 // What a reader of the sample notes model answers about its folders and
@@ -22,6 +26,9 @@ Value stateFromRecords(const PackageReader& reader);
 
 // The state in `quillon fetch PKG Folder` and `quillon fetch PKG Note` output.
 Value stateFromFetch(const Value& folders, const Value& notes);
+
+// The state a context answers (its store's cache first, the records on a miss).
+Value stateFromContext(ManagedObjectContext& context);
 
 // One line per object that differs between two states; empty when equal.
 std::vector<std::string> stateDifferences(const Value& expected, const Value& actual);
