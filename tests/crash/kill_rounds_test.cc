@@ -174,7 +174,9 @@ TEST_P(KillRounds, KilledSavesLoseNothingAndEveryComputerAgrees) {
                                           .count()));
   }
   std::sort(spans.begin(), spans.end());
-  const long span = spans[1];
+  // Follows the machine's load: the length of the last completed run, a
+  // little longer after each kill that came before the save began.
+  long span = spans[1];
   int kills = 0, killsMidSave = 0, completed = 0, lost = 0, unopenable = 0, missingRecords = 0,
       divergences = 0;
   std::set<std::string> leftovers;
@@ -197,6 +199,7 @@ TEST_P(KillRounds, KilledSavesLoseNothingAndEveryComputerAgrees) {
     std::string touched;
     Value inserted;
     ToolProcess p;
+    const auto started = std::chrono::steady_clock::now();
     if (kind == 0) {
       Value batch = Value::mutableArray();
       const int count = 1 + static_cast<int>(random() % 3);
@@ -216,9 +219,18 @@ TEST_P(KillRounds, KilledSavesLoseNothingAndEveryComputerAgrees) {
         p = run("w", "delete", {touched}, killAfter);
       }
     }
+    if (p.exited) {
+      span = static_cast<long>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                   std::chrono::steady_clock::now() - started)
+                                   .count());
+    }
     if (!p.exited) {
       ++kills;
-      if (packageFiles() != filesBefore) ++killsMidSave;
+      if (packageFiles() != filesBefore) {
+        ++killsMidSave;
+      } else {
+        span += span / 10;
+      }
       if (!touched.empty()) expected.erase(touched);  // either outcome is right
     } else {
       ASSERT_EQ(p.status, 0) << p.err;

@@ -176,7 +176,7 @@ void PowerCutEnv::restart(Loss loss) {
   Env* real = target();
   for (auto& [path, file] : files_) {
     if (file.contentsFlushed && file.nameFlushed) continue;
-    if (!file.nameFlushed) {
+    if (!file.nameFlushed && loss != Loss::NamesKept) {
       // The name is what it was: the old file, or none.
       (void)real->removeItem(path);  // may not exist
       if (file.stable) {
@@ -185,19 +185,20 @@ void PowerCutEnv::restart(Loss loss) {
       }
       continue;
     }
-    // The new name survived without its contents.
+    // The new name survived, without its contents unless they were flushed.
     std::vector<uint8_t> bytes;
-    if (real->readFile(path, &bytes)) continue;  // removed for good
-    if (loss == Loss::Unflushed) {
-      bytes.clear();
-    } else {
+    if (file.contentsFlushed || real->readFile(path, &bytes)) continue;  // or removed for good
+    if (loss == Loss::Torn) {
       bytes.resize(bytes.size() / 2);
+    } else {
+      bytes.clear();
     }
     (void)real->writeFileAtomically(path, bytes);
   }
   // New folders whose names did not survive are gone with all they hold;
   // so is everything below a folder that is gone.
   for (const auto& [folder, flushedName] : newFolders_) {
+    if (loss == Loss::NamesKept) break;
     bool gone = !flushedName;
     for (const auto& [other, otherFlushed] : newFolders_) {
       if (!otherFlushed && isBelow(folder, other)) gone = true;

@@ -22,14 +22,20 @@ namespace quillon {
 // cache). restart() then makes the real files what the disk would hold:
 // every name not flushed is back to what it was (an unflushed new file or
 // folder is gone, with everything in it; an unflushed removal is undone),
-// and a file whose name survived but whose contents were not flushed is
-// empty (Loss::Unflushed) or cut to half (Loss::Torn).
+// or with Loss::NamesKept every name is as it was at the cut; a file whose
+// name survived but whose contents were not flushed is empty, or cut to
+// half with Loss::Torn.
 //
 // Paths the Env has not touched count as stable. Owned by the test;
 // thread-safe.
 class PowerCutEnv : public EnvWrapper {
  public:
-  enum class Loss { Unflushed, Torn };
+  enum class Loss {
+    Unflushed,  // names and contents not flushed are lost
+    Torn,       // the same, but a surviving name's unflushed contents are cut to half
+    NamesKept,  // every name made before the cut survives (the file system's
+                // journal committed them), contents not flushed do not
+  };
 
   explicit PowerCutEnv(Env* target = Env::Default());
 
