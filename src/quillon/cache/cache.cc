@@ -111,6 +111,28 @@ bool QuillonCache::checkWritePermissionsForStoreURL(const Url& storeURL,
 
 // ---- Life ----
 
+class QuillonCache::Edit {
+ public:
+  explicit Edit(QuillonCache& cache) : cache_(cache) { cache_.editsBegun_.fetch_add(1); }
+  ~Edit() { cache_.editsEnded_.fetch_add(1); }
+  Edit(const Edit&) = delete;
+  Edit& operator=(const Edit&) = delete;
+
+ private:
+  QuillonCache& cache_;
+};
+
+QuillonCache::LoadTicket QuillonCache::beginLoad() const {
+  // Ended first: begun can only be equal to it when nothing ran between.
+  const uint64_t ended = editsEnded_.load();
+  const uint64_t begun = editsBegun_.load();
+  return LoadTicket{begun, begun == ended};
+}
+
+bool QuillonCache::loadStillCurrent(const LoadTicket& ticket) const {
+  return ticket.quiet && editsBegun_.load() == ticket.editsBegun;
+}
+
 QuillonCache::QuillonCache(QuillonCacheSource* source, std::shared_ptr<PackageFiles> files)
     : source_(source),
       files_(std::move(files)),
@@ -193,6 +215,7 @@ std::shared_ptr<QuillonCacheArray> QuillonCache::storedChangeLog() const {
 }
 
 void QuillonCache::installChangeLog(const std::shared_ptr<QuillonCacheArray>& log) {
+  Edit edit(*this);
   postChangesNotice([&] {
     std::lock_guard lock(changeLogMutex_);
     changeLog_ = log;
@@ -203,6 +226,7 @@ void QuillonCache::installChangeLog(const std::shared_ptr<QuillonCacheArray>& lo
 size_t QuillonCache::keepAgreeingChanges(const std::vector<std::string>& names) {
   std::shared_ptr<QuillonCacheArray> log = changeLog();
   if (!log) return 0;
+  Edit edit(*this);
   std::lock_guard lock(log->lock());
   Value logged = log->content();
   size_t agreeing = 0;
@@ -234,6 +258,7 @@ void QuillonCache::addExternalChange(const Value& change, const Value& loaded) {
 }
 
 void QuillonCache::addChange(const Value& change, bool isExternal, const Value& loaded) {
+  Edit edit(*this);
   std::shared_ptr<QuillonCacheArray> log;
   bool created = false;
   {
@@ -310,6 +335,7 @@ void QuillonCache::installLoadedItems(const Value& loaded) {
 }
 
 void QuillonCache::removeChange(const Value& change, bool isExternal) {
+  Edit edit(*this);
   std::shared_ptr<QuillonCacheArray> log = changeLog();
   postChangesNotice([&] {
     // The top-level "inserts", not the insert section addChange reads.
@@ -393,6 +419,7 @@ Value QuillonCache::changesHistoryForObjectID(const ManagedObjectIDPtr& objectID
 }
 
 void QuillonCache::updateChangeNames() {
+  Edit edit(*this);
   std::shared_ptr<QuillonCacheArray> log = changeLog();
   Value names = Value::mutableSet();
   auto install = [&] {
@@ -577,13 +604,16 @@ std::shared_ptr<QuillonCacheItem> QuillonCache::cacheItemForObjectID(
   std::string uid = storeUID(*objectID);
   std::shared_ptr<QuillonCacheItem> item = itemInShard(shard, uid);
   if (item) return item;
+  const LoadTicket ticket = beginLoad();
   item = loadValuesForObjectID(objectID, context, shard);
   if (!item) return nullptr;
   // The load ran without the shard's lock; a save may have stored a newer
   // item meanwhile, which a load from the records must not replace.
   std::lock_guard lock(shard->lock());
   if (std::shared_ptr<QuillonCacheItem> stored = itemInShard(shard, uid)) return stored;
-  shard->setValue(Value::object(item), uid);
+  // A change applied during the load may have made the item old: it serves
+  // this caller, and the next one loads again.
+  if (loadStillCurrent(ticket)) shard->setValue(Value::object(item), uid);
   return item;
 }
 
@@ -600,6 +630,7 @@ Value QuillonCache::valuesForObjectID(const ManagedObjectIDPtr& objectID,
   std::string uid = storeUID(*objectID);
   std::shared_ptr<QuillonCacheItem> item = itemInShard(shard, uid);
   if (!item || item->attributes().isNil()) {
+    const LoadTicket ticket = beginLoad();
     std::shared_ptr<QuillonCacheItem> loaded =
         source_->loadValuesForObjectID(objectID, context, Value());
     if (!loaded) return Value();
@@ -610,7 +641,7 @@ Value QuillonCache::valuesForObjectID(const ManagedObjectIDPtr& objectID,
       item = stored;
     } else {
       item = loaded;
-      shard->setValue(Value::object(item), uid);
+      if (loadStillCurrent(ticket)) shard->setValue(Value::object(item), uid);
     }
   }
   return item->valuesForObjectID(objectID, source_, context);
@@ -648,6 +679,7 @@ bool QuillonCache::removeObjectID(const ManagedObjectIDPtr& objectID) {
   std::shared_ptr<QuillonCacheDictionary> shard = cacheForObjectID(objectID);
   if (!shard) return false;
   std::string uid = storeUID(*objectID);
+  Edit edit(*this);
   std::lock_guard lock(shard->lock());
   if (shard->valueForKey(uid).isNil()) return false;
   shard->removeObjectForKey(uid);
@@ -711,15 +743,62 @@ std::vector<std::shared_ptr<QuillonCacheCollection>> QuillonCache::shardsAndUIDS
   return all;
 }
 
+// The change log says which changes the shards and uid sets reflect, so it
+// must never be on disk ahead of them: a process killed or a power cut in
+// the middle of a save would leave a log that lists changes whose objects
+// the other files lack, and nothing would ever apply them again. So the old
+// log goes first, then the shards and uid sets are written and flushed, and
+// only then the new log. Interrupted anywhere, the folder holds no log, and
+// the next open rebuilds the cache from the package; shards newer than a log
+// are harmless, since applying the changes after the log drops and reloads
+// every object they touch.
 void QuillonCache::save() {
-  if (!url_.isEmpty()) files_->env()->createDirectories(url_.path());
-  std::vector<std::shared_ptr<QuillonCacheCollection>> all = shardsAndUIDSets();
-  for (auto& collection : all) {
-    // Clean collections would only take a queue slot to find nothing to do.
-    if (!collection->invalid()) continue;
-    saveQueue_->addOperationWithBlock([collection] { collection->saveIfNeeded(); });
+  std::shared_ptr<QuillonCacheArray> log = changeLog();
+  if (url_.isEmpty()) {
+    terminated_.store(true);
+    return;
   }
-  if (std::shared_ptr<QuillonCacheArray> log = changeLog()) log->saveIfNeeded();
+  Env* env = files_->env();
+  std::vector<std::shared_ptr<QuillonCacheCollection>> dirty;
+  for (auto& collection : shardsAndUIDSets()) {
+    // Clean collections would only take a queue slot to find nothing to do.
+    if (collection->invalid()) dirty.push_back(std::move(collection));
+  }
+  if (dirty.empty() && (!log || !log->invalid())) {
+    terminated_.store(true);
+    return;
+  }
+  bool fine = !env->createDirectories(url_.path());
+  const std::optional<Url> logURL = URLForKey(kChangeLogKey);
+  const std::string logPath = logURL ? logURL->appendingPathExtension("fast").path() : "";
+  if (!dirty.empty() && !logPath.empty() && env->exists(logPath)) {
+    fine = !env->removeItem(logPath) && fine;
+    fine = !env->syncFiles({url_.path()}) && fine;  // the folder: the log's name is gone for good
+    if (log) log->setInvalid(true);
+  }
+  std::mutex mutex;
+  std::vector<std::string> written;
+  std::atomic<bool> failed{false};
+  for (auto& collection : dirty) {
+    saveQueue_->addOperationWithBlock([collection, &mutex, &written, &failed] {
+      std::string path;
+      if (!collection->writeIfNeeded(false, &path)) failed.store(true);
+      if (path.empty()) return;
+      std::lock_guard lock(mutex);
+      written.push_back(std::move(path));
+    });
+  }
+  saveQueue_->waitUntilAllOperationsAreFinished();
+  fine = fine && !failed.load();
+  if (fine && !written.empty()) fine = !env->syncFiles(written);
+  if (fine) {
+    if (log) log->saveIfNeeded();
+  } else {
+    // Without a log the next open starts from scratch; a log without the
+    // files it describes would hide objects for good.
+    systemLog("The local cache could not be written; it is rebuilt on the next open");
+    if (!logPath.empty()) (void)env->removeItem(logPath);  // may not exist; nothing else to try
+  }
   terminated_.store(true);
 }
 
@@ -734,6 +813,7 @@ void QuillonCache::saveInBundle() {
 }
 
 void QuillonCache::reset() {
+  Edit edit(*this);
   if (!url_.isEmpty()) files_->env()->removeItem(url_.path());
   {
     std::lock_guard lock(entitiesMutex_);

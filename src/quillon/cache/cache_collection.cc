@@ -64,17 +64,27 @@ std::vector<uint8_t> QuillonCacheCollection::encodedContent() {
 }
 
 void QuillonCacheCollection::saveIfNeeded() {
+  (void)writeIfNeeded(true, nullptr);  // a failed write removed the file; nothing else to do
+}
+
+bool QuillonCacheCollection::writeIfNeeded(bool flushed, std::string* written) {
   std::lock_guard lock(mutex_);
-  if (!invalid_ || url_.isEmpty()) return;
+  if (!invalid_ || url_.isEmpty()) return true;
   loadIfNeeded();
   std::string path = url_.appendingPathExtension(kFileExtension).path();
   std::vector<uint8_t> bytes = encodedContent();
-  if (!bytes.empty() && !env()->writeFileAtomically(path, bytes)) {
-    invalid_ = false;
-    return;
+  if (!bytes.empty()) {
+    Error error = flushed ? env()->writeFileAtomically(path, bytes)
+                          : env()->writeFileAtomicallyUnflushed(path, bytes);
+    if (!error) {
+      invalid_ = false;
+      if (written) *written = std::move(path);
+      return true;
+    }
   }
   // Never leave a stale file behind: the next open rebuilds from the package.
   (void)env()->removeItem(path);  // nothing to remove is fine too
+  return false;
 }
 
 void QuillonCacheCollection::saveInBundle(const Url& bundleFolder) {

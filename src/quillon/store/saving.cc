@@ -150,6 +150,8 @@ void QuillonStore::saveDidFail(const Error& error, const Value& change) {
   if (sections.isDictionary() && cache_) {
     cache_->invalidateObjectUIDs(sections.get(kQuillonInsert));
     cache_->invalidateObjectUIDs(sections.get(kQuillonUpdate));
+    // A deleted object's record made it an empty item; it is still there.
+    cache_->invalidateObjectUIDs(sections.get(kQuillonDelete));
   }
   Value userInfo = Value::dictionary({{"error", Value::string(failure.localizedDescription())},
                                       {"change", Value::string(changeName)}});

@@ -221,6 +221,22 @@ class QuillonCache : public std::enable_shared_from_this<QuillonCache> {
   // Every value shard and uid set made so far (not the change log).
   std::vector<std::shared_ptr<QuillonCacheCollection>> shardsAndUIDSets() const;
 
+  // Items are loaded from the package without any cache lock held, so a
+  // change applied meanwhile (its names logged, the object's item dropped)
+  // could be overtaken by the older item the load made. Whatever changes
+  // what a load reads or drops items runs as an edit; a load keeps its item
+  // only when no edit was running when it began and none began since.
+  class Edit;
+  struct LoadTicket {
+    uint64_t editsBegun = 0;
+    bool quiet = false;  // no edit was running
+  };
+  LoadTicket beginLoad() const;
+  // Under the shard's lock, before a loaded item is stored.
+  bool loadStillCurrent(const LoadTicket& ticket) const;
+  std::atomic<uint64_t> editsBegun_{0};
+  std::atomic<uint64_t> editsEnded_{0};
+
   mutable std::recursive_mutex monitor_;  // changeNames, extra data, record updates
   std::atomic<bool> terminated_{false};
   std::atomic<bool> cachedMissingItems_{false};

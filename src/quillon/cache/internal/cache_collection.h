@@ -38,6 +38,12 @@ class QuillonCacheCollection : public std::enable_shared_from_this<QuillonCacheC
 
   void loadIfNeeded();
   void saveIfNeeded();
+  // saveIfNeeded, answering whether the file now holds the content (false:
+  // the write failed and the file was removed, so that a stale one is never
+  // trusted). With `flushed` false the write is not flushed to stable
+  // storage: the caller flushes it together with others, by the path put
+  // in `written` when a file was written.
+  bool writeIfNeeded(bool flushed, std::string* written);
   // Writes a copy into `bundleFolder` (the package's "Cache" folder); the
   // dirty flag stays.
   void saveInBundle(const Url& bundleFolder);
