@@ -71,7 +71,7 @@ struct DirectoryWatcher::Impl {
   std::mutex ignoreMutex;
   std::unordered_map<std::string, double> ignored;  // path → expiry
   double nextPurge = 0;
-  const std::string ownTempPrefix = ".quillon-tmp-" + std::to_string(::getpid()) + "-";
+  const std::string ownTempPrefix = std::string(kTemporaryFilePrefix) + std::to_string(::getpid()) + "-";
 
   bool isIgnored(const std::string& path) {
     if (baseName(path).rfind(ownTempPrefix, 0) == 0) return true;
