@@ -146,7 +146,8 @@ std::string fileListing(const std::string& folder) {
   return out;
 }
 
-SyncthingMesh::SyncthingMesh(std::string root, int peers) : root_(std::move(root)) {
+SyncthingMesh::SyncthingMesh(std::string root, int peers, SyncthingOptions options)
+    : root_(std::move(root)), options_(std::move(options)) {
   for (int i = 0; i < peers; ++i) {
     Peer peer;
     peer.home = root_ + "/syncthing-" + std::to_string(i);
@@ -191,6 +192,7 @@ bool SyncthingMesh::start(double timeoutSeconds) {
         << "    <filesystemType>basic</filesystemType>\n";
     for (const Peer& peer : peers_) xml << "    <device id=\"" << peer.deviceID << "\"></device>\n";
     xml << "    <minDiskFree unit=\"%\">0</minDiskFree>\n"
+        << "    <order>" << options_.pullOrder << "</order>\n"
         << "    <markerName>.stfolder</markerName>\n"
         << "  </folder>\n";
     for (size_t j = 0; j < peers_.size(); ++j) {
@@ -220,6 +222,9 @@ bool SyncthingMesh::start(double timeoutSeconds) {
         << "    <reconnectionIntervalS>1</reconnectionIntervalS>\n"
         << "    <minHomeDiskFree unit=\"%\">0</minHomeDiskFree>\n"
         << "    <setLowPriority>false</setLowPriority>\n"
+        << "    <maxRecvKbps>" << options_.maxRecvKbps << "</maxRecvKbps>\n"
+        << "    <limitBandwidthInLan>" << (options_.maxRecvKbps > 0 ? "true" : "false")
+        << "</limitBandwidthInLan>\n"
         << "  </options>\n"
         << "</configuration>\n";
     std::ofstream(self.home + "/config.xml") << xml.str();

@@ -18,6 +18,15 @@ Value httpGetJSON(int port, const std::string& path, const std::string& apiKey,
 // A TCP port on 127.0.0.1 that nothing listens on right now.
 int freeLoopbackPort();
 
+struct SyncthingOptions {
+  // The order in which each instance pulls the files it lacks
+  // ("random", Syncthing's default; "newestFirst" brings a change file
+  // before the older records and data files it names).
+  std::string pullOrder = "random";
+  // Each instance's receiving rate in KiB/s (0: unlimited), loopback included.
+  int maxRecvKbps = 0;
+};
+
 // Real Syncthing instances on one machine sharing one folder: each with its
 // own home, listening and serving its REST API on loopback ports chosen at
 // run time; discovery, relays, NAT, upgrades, usage and crash reporting off.
@@ -39,8 +48,9 @@ class SyncthingMesh {
     pid_t pid = -1;
   };
 
+
   // Nothing runs until start(). `root` holds every peer's home and folder.
-  SyncthingMesh(std::string root, int peers);
+  SyncthingMesh(std::string root, int peers, SyncthingOptions options = {});
   ~SyncthingMesh();
   SyncthingMesh(const SyncthingMesh&) = delete;
   SyncthingMesh& operator=(const SyncthingMesh&) = delete;
@@ -77,6 +87,7 @@ class SyncthingMesh {
   bool connected() const;
 
   std::string root_;
+  SyncthingOptions options_;
   std::string apiKey_ = "quillon-e2e-api-key";
   std::vector<Peer> peers_;
   std::string lastError_;
