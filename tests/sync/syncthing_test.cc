@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <cstdio>
 #include <map>
 #include <memory>
@@ -257,6 +258,17 @@ class SyncthingTest : public ::testing::Test {
     // The folder renamed on the last computer.
     if (auto folder = byUID(n - 1, "Folder", *folderUID)) {
       folder->setValue("name", Value("Inbox " + std::to_string(r)));
+    }
+    if (r == 1) {
+      // The conflict copy a sync service makes of a change file it met twice
+      // travels to every computer, which must pass over it.
+      std::vector<std::string> names;
+      EXPECT_FALSE(
+          listChangeFiles(Env::Default(), computers_[0].package->store().changesURL(), &names));
+      const std::string changes = packagePath(0) + "/Changes/";
+      if (!names.empty()) std::filesystem::copy_file(changes + names.front(),
+                                 changes + names.front().substr(0, names.front().size() - 5) +
+                                     ".sync-conflict-20261123-084814-DXILLWC.json");
     }
     for (int c = 0; c < n; ++c) {
       Error failed = computers_[c].package->save();
