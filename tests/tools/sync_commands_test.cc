@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -110,6 +111,21 @@ TEST_F(SyncCommandsTest, StatusNamesTheChangeAndComputerASaveWaitsOn) {
   EXPECT_EQ(lines[1], "  1 of 2 changes applied");
   EXPECT_NE(waiting.out.find("Missing file: Entities/"), std::string::npos) << waiting.out;
   EXPECT_NE(waiting.out.find(uid + "/" + second), std::string::npos) << waiting.out;
+
+  // An online-only placeholder in its place (size, but no bytes stored
+  // here) is still something to wait for, and is named as one.
+  {
+    std::ofstream placeholder(record);
+  }
+  std::filesystem::resize_file(record, std::filesystem::file_size(dir_.file("held-back")));
+  ToolRun placeholder = tool("status " + common());
+  EXPECT_EQ(placeholder.status, 1) << placeholder.err;
+  EXPECT_NE(placeholder.out.find("File not on disk: Entities/"), std::string::npos)
+      << placeholder.out;
+  const std::string relative = record.substr(dir_.file("Doc.quillon/").size());
+  EXPECT_NE(placeholder.out.find("\nnot downloaded " + relative + "\n"), std::string::npos)
+      << placeholder.out;
+  std::filesystem::remove(record);
 
   // Once it arrives, the package is up to date again; a sync service's
   // conflict copy is reported but is no reason to wait.
