@@ -376,8 +376,12 @@ std::vector<std::string> SyncthingMesh::folderErrors() const {
   std::vector<std::string> errors;
   for (size_t i = 0; i < peers_.size(); ++i) {
     Value answer = rest(static_cast<int>(i), std::string("/rest/folder/errors?folder=") + kFolderID);
-    const Value& list = answer.isDictionary() ? answer.get("errors") : Value();
-    if (!list.isArray()) continue;
+    if (!answer.isDictionary()) {
+      errors.push_back("computer-" + std::to_string(i) + ": no answer about folder errors");
+      continue;
+    }
+    const Value& list = answer.get("errors");
+    if (!list.isArray()) continue;  // null: none
     for (const Value& e : list.elements()) errors.push_back("computer-" + std::to_string(i) + ": " + e.description());
   }
   return errors;

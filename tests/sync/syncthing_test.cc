@@ -313,7 +313,8 @@ class SyncthingTest : public ::testing::Test {
     EXPECT_EQ(logProblems(&waits), std::vector<std::string>{});
     std::printf("[ syncthing ] %d waits for files still in transit\n", waits);
     EXPECT_EQ(mesh_->folderErrors(), std::vector<std::string>{});
-    // Syncthing never met one of our temporary files.
+    // Syncthing never met one of our temporary files (its logs are there to read).
+    EXPECT_EQ(mesh_->logLinesContaining("My ID: ").size(), static_cast<size_t>(computers));
     EXPECT_EQ(mesh_->logLinesContaining(std::string(kTemporaryFilePrefix)),
               std::vector<std::string>{});
 
