@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,6 +20,48 @@ std::vector<std::string> namesIn(Env* env, const std::string& folder) {
   EXPECT_FALSE(env->listDirectory(folder, &names));
   std::sort(names.begin(), names.end());
   return names;
+}
+
+// A synchronisation service watching the folder must not meet a file of ours
+// under a temporary name it would copy and then lose: a new file appears
+// under its final name only, complete; a replaced one may pass through a
+// temporary name, which then has the form such services leave alone.
+TEST(EnvTest, AtomicWritesShowOnlyFinalOrIgnorableNamesToAWatcher) {
+  TempDir dir;
+  Env* env = Env::Default();
+  int watch = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  ASSERT_GE(watch, 0);
+  ASSERT_GE(::inotify_add_watch(watch, dir.path().c_str(), IN_CREATE | IN_MOVED_TO), 0);
+  for (int i = 0; i < 20; ++i) {
+    ASSERT_FALSE(env->writeFileAtomically(dir.file("new-" + std::to_string(i)), "x"));
+  }
+  const std::vector<uint8_t> one{'x'};
+  ASSERT_FALSE(env->writeFileAtomicallyUnflushed(dir.file("new-20"), one));
+  ASSERT_FALSE(env->writeFileAtomically(dir.file("new-0"), "replaced"));
+
+  std::vector<std::string> created, temporary;
+  alignas(inotify_event) char buffer[64 * 1024];
+  ssize_t n;
+  while ((n = ::read(watch, buffer, sizeof buffer)) > 0) {
+    for (char* at = buffer; at < buffer + n;) {
+      auto* event = reinterpret_cast<inotify_event*>(at);
+      std::string name = event->len ? event->name : "";
+      if (name.rfind("new-", 0) == 0) {
+        if (event->mask & IN_CREATE) created.push_back(name);
+      } else {
+        temporary.push_back(name);
+      }
+      at += sizeof(inotify_event) + event->len;
+    }
+  }
+  ::close(watch);
+  EXPECT_EQ(created.size(), 21u);  // each new file appeared once, under its own name
+  for (const std::string& name : temporary) {
+    EXPECT_EQ(name.rfind(kTemporaryFilePrefix, 0), 0u) << name;
+    EXPECT_TRUE(name.ends_with(".tmp")) << name;
+  }
+  EXPECT_EQ(dir.read("new-0"), "replaced");
+  EXPECT_EQ(namesIn(env, dir.path()).size(), 21u);
 }
 
 TEST(EnvTest, AtomicWriteReplacesContentsAndLeavesNoTemporaryFile) {

@@ -146,7 +146,7 @@ TEST_F(UpdateTest, ConflictCopiesAndTemporaryFilesAreNotPartOfTheHistory) {
   dir.write("Doc.quillon/Changes/" + copy, "{\"name\": \"not this\"}");
   dir.write("Doc.quillon/Changes/.syncthing." + names[0] + ".tmp", "{\"na");
   dir.write("Doc.quillon/Changes/" + stem + " (1).json", "");
-  dir.write("Doc.quillon/Changes/.quillon-tmp-" + names[0], "{");
+  dir.write("Doc.quillon/Changes/.~quillon-" + names[0], "{");
   update(*b);
   insertNote(*a, "two");
   ASSERT_TRUE(a->saveAndWait());

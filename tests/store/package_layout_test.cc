@@ -58,7 +58,7 @@ TEST(PackageLayoutTest, ListsOnlyChangeFilesInHistoryOrder) {
   const std::string earlier = "2026-11-23-08-48-14.123.FFFFFFFF-FFFF-FFFF-FFFF-FFFFFFFFFFFF.json";
   const std::string copy =
       earlier.substr(0, earlier.size() - 5) + ".sync-conflict-20261123-084814-DXILLWC.json";
-  for (const std::string& name : {later, earlier, copy, std::string(".quillon-tmp-1"),
+  for (const std::string& name : {later, earlier, copy, std::string(".~quillon-1"),
                                   std::string("readme.txt"), std::string(".hidden.json")}) {
     dir.write("Changes/" + name, "{}");
   }

@@ -1,10 +1,14 @@
 #include "support/tool_run.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
+#include <thread>
 
 #include "quillon/base/env.h"
 #include "support/secret_service_fixture.h"
@@ -52,6 +56,62 @@ ToolRun runTool(const TempDir& dir, std::string_view arguments, std::string_view
   run.out = dir.read("stdout");
   run.err = dir.read("stderr");
   return run;
+}
+
+ToolProcess::ToolProcess(const TempDir& dir, std::string_view arguments, std::string_view tool)
+    : outPath_(dir.file("background-stdout")), errPath_(dir.file("background-stderr")) {
+  const std::string keychain = SecretServiceFixture::running()
+                                   ? std::string()
+                                   : "QUILLON_SECRET_STORE=file ";
+  // exec: the shell becomes the tool, so signals reach the tool itself.
+  const std::string command = "cd '" + dir.path() + "' && " + keychain + "XDG_CONFIG_HOME='" +
+                              dir.file("tool-config") + "' XDG_CACHE_HOME='" +
+                              dir.file("tool-cache") + "' exec '" + std::string(tool) + "' " +
+                              std::string(arguments) + " > '" + outPath_ + "' 2> '" + errPath_ +
+                              "'";
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    ::execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  pid_ = pid;
+}
+
+ToolProcess::~ToolProcess() {
+  if (pid_ > 0) stop(SIGKILL, 10);
+}
+
+std::string ToolProcess::out() const {
+  std::vector<uint8_t> bytes;
+  (void)Env::Default()->readFile(outPath_, &bytes);  // not written yet reads as nothing
+  return std::string(bytes.begin(), bytes.end());
+}
+
+std::string ToolProcess::err() const {
+  std::vector<uint8_t> bytes;
+  (void)Env::Default()->readFile(errPath_, &bytes);  // not written yet reads as nothing
+  return std::string(bytes.begin(), bytes.end());
+}
+
+int ToolProcess::stop(int signal, double timeoutSeconds) {
+  if (pid_ <= 0) return -1;
+  ::kill(pid_, signal);
+  int raw = 0;
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutSeconds);
+  pid_t done = 0;
+  while ((done = ::waitpid(pid_, &raw, WNOHANG)) == 0 &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  if (done == 0) {
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, &raw, 0);
+    pid_ = -1;
+    return -1;
+  }
+  pid_ = -1;
+  return WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
 }
 
 void expectOneErrorLine(const ToolRun& run, std::string_view fragment) {

@@ -36,6 +36,33 @@ inline ToolRun runTool(const TempDir& dir, std::string_view arguments) {
 }
 #endif
 
+// The tool running in the background (`quillon watch`, say), with the same
+// surroundings as runTool; its standard output and error go to files in
+// `dir` that the test reads while it runs. The destructor kills it if the
+// test did not stop it.
+class ToolProcess {
+ public:
+  ToolProcess(const TempDir& dir, std::string_view arguments, std::string_view tool);
+#ifdef QUILLON_TOOL_PATH
+  ToolProcess(const TempDir& dir, std::string_view arguments)
+      : ToolProcess(dir, arguments, QUILLON_TOOL_PATH) {}
+#endif
+  ~ToolProcess();
+  ToolProcess(const ToolProcess&) = delete;
+  ToolProcess& operator=(const ToolProcess&) = delete;
+
+  bool running() const { return pid_ > 0; }
+  std::string out() const;
+  std::string err() const;
+  // Sends `signal` and waits up to `timeoutSeconds` for the exit status
+  // (-1 when it did not exit normally in time; it is then killed).
+  int stop(int signal, double timeoutSeconds = 30);
+
+ private:
+  std::string outPath_, errPath_;
+  int pid_ = -1;
+};
+
 // Fails the current test unless the run exited with status 1, printed nothing
 // on standard output and exactly one line, "error: …" containing `fragment`,
 // on standard error.

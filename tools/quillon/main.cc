@@ -46,6 +46,8 @@ int main(int argc, char** argv) {
   quillon::tool::addHistoryCommand(app);
   quillon::tool::addExportCommand(app);
   quillon::tool::addPasswordCommand(app);
+  quillon::tool::addStatusCommand(app);
+  quillon::tool::addWatchCommand(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {

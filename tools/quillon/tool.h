@@ -56,6 +56,8 @@ void addDiscardCommand(CLI::App& app);   // discard_command.cc
 void addHistoryCommand(CLI::App& app);   // history_command.cc
 void addExportCommand(CLI::App& app);    // export_command.cc
 void addPasswordCommand(CLI::App& app);  // password_command.cc: remember, forget
+void addStatusCommand(CLI::App& app);    // status_command.cc
+void addWatchCommand(CLI::App& app);     // watch_command.cc
 
 // A change file's name from a CHANGE argument ("<name>" or "<name>.json");
 // raises ToolError for anything that is not a change name ("/", "..").

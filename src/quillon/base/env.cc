@@ -48,16 +48,62 @@ Error syncItem(const std::string& path) {
   return e;
 }
 
-Error writeThroughTemporary(const std::string& path, std::span<const uint8_t> contents,
-                            bool flush) {
+// Name of a temporary file while it is being written, for file systems
+// without unnamed files. Hidden, starting ".~" and ending ".tmp": the forms
+// that file-synchronisation clients treat as work in progress and leave
+// alone.
+std::string temporaryName(const std::string& path) {
   static std::atomic<uint64_t> counter{0};
-  std::string temp = parentOf(path) + "/.quillon-tmp-" + std::to_string(::getpid()) + "-" +
-                     std::to_string(counter.fetch_add(1));
-  int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-  if (fd < 0) return Error::posix(errno, path);
+  return parentOf(path) + "/" + std::string(kTemporaryFilePrefix) + std::to_string(::getpid()) +
+         "-" + std::to_string(counter.fetch_add(1)) + ".tmp";
+}
+
+Error fillAndClose(int fd, std::span<const uint8_t> contents, bool flush, const std::string& path) {
   Error e = writeAll(fd, contents, path);
   if (!e && flush && ::fsync(fd) != 0) e = Error::posix(errno, path);
   if (::close(fd) != 0 && !e) e = Error::posix(errno, path);
+  return e;
+}
+
+// The contents are written into an unnamed file of the target's folder
+// (O_TMPFILE) and given their name only once complete: a new file appears
+// under its final name in one step, and a replaced one under a temporary
+// name for the moment between link and rename. A synchronisation service
+// watching the folder therefore never sees a half-written file, nor a
+// temporary one it would copy and then miss. File systems without unnamed
+// files get a named temporary file.
+Error writeThroughTemporary(const std::string& path, std::span<const uint8_t> contents,
+                            bool flush) {
+  int fd = ::open(parentOf(path).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0644);
+  if (fd >= 0) {
+    Error e = writeAll(fd, contents, path);
+    if (!e && flush && ::fsync(fd) != 0) e = Error::posix(errno, path);
+    if (!e) {
+      const std::string self = "/proc/self/fd/" + std::to_string(fd);
+      if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+        if (errno != EEXIST) {
+          e = Error::posix(errno, path);
+        } else {
+          std::string temp = temporaryName(path);
+          if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, temp.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+            e = Error::posix(errno, path);
+          } else if (::rename(temp.c_str(), path.c_str()) != 0) {
+            e = Error::posix(errno, path);
+            ::unlink(temp.c_str());
+          }
+        }
+      }
+    }
+    if (::close(fd) != 0 && !e) e = Error::posix(errno, path);
+    return e;
+  }
+  // ENOENT and the like are the target's own errors; only a file system
+  // without unnamed files goes the long way.
+  if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) return Error::posix(errno, path);
+  std::string temp = temporaryName(path);
+  fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  if (fd < 0) return Error::posix(errno, path);
+  Error e = fillAndClose(fd, contents, flush, path);
   if (!e && ::rename(temp.c_str(), path.c_str()) != 0) e = Error::posix(errno, path);
   if (e) ::unlink(temp.c_str());
   return e;

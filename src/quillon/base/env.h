@@ -4,6 +4,7 @@
 #include <functional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "quillon/base/error.h"
@@ -29,6 +30,11 @@ struct FileAttributes {
 //
 // Paths are absolute file-system paths. Every operation answers an Error,
 // empty on success (a POSIX-domain error with errno and the path otherwise).
+// How the names of the temporary files of atomic writes begin (where the
+// file system cannot write unnamed files, and for the moment of replacing
+// an existing file); they end in ".tmp".
+inline constexpr std::string_view kTemporaryFilePrefix = ".~quillon-";
+
 class Env {
  public:
   virtual ~Env() = default;

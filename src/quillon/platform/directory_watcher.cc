@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <map>
@@ -71,10 +72,20 @@ struct DirectoryWatcher::Impl {
   std::mutex ignoreMutex;
   std::unordered_map<std::string, double> ignored;  // path → expiry
   double nextPurge = 0;
-  const std::string ownTempPrefix = ".quillon-tmp-" + std::to_string(::getpid()) + "-";
+  const std::string ownTempPrefix = std::string(kTemporaryFilePrefix) + std::to_string(::getpid()) + "-";
+
+  // A file still being written without a name (O_TMPFILE, as Env's atomic
+  // writes do) reports its events under "#<inode>", the kernel's stand-in
+  // name; it appears in the folder only once complete, with an event of
+  // its own.
+  static bool isUnnamedFile(std::string_view name) {
+    return name.size() > 1 && name[0] == '#' &&
+           std::all_of(name.begin() + 1, name.end(), [](char c) { return c >= '0' && c <= '9'; });
+  }
 
   bool isIgnored(const std::string& path) {
-    if (baseName(path).rfind(ownTempPrefix, 0) == 0) return true;
+    const std::string name = baseName(path);
+    if (name.rfind(ownTempPrefix, 0) == 0 || isUnnamedFile(name)) return true;
     std::lock_guard lock(ignoreMutex);
     if (ignored.empty()) return false;
     double now = monotonicSeconds();
